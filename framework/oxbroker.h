@@ -1,0 +1,201 @@
+// Brokers, modules, the method table and proxies.
+//
+// A broker keeps the modules registered with it alive and finds them by name; a module publishes
+// methods in its method table, described as they are bound; a proxy calls a module's published
+// methods by name with an OXValue array of arguments. Every operation here is thread-safe.
+#pragma once
+
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+#include <map>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "oxerror.h"
+#include "oxmethodinfo.h"
+#include "oxvalue.h"
+
+namespace OX {
+
+class OXBroker;
+class OXModule;
+class OXModuleCore;
+
+// The process's registry of brokers.
+class OXBrokerManager {
+ public:
+  // The process's manager, made on first use.
+  static boost::shared_ptr<OXBrokerManager> getInstance();
+  // Replaces the process's manager; an empty pointer makes getInstance create a new one.
+  static void setInstance(boost::shared_ptr<OXBrokerManager> pManager);
+
+  // Remembers a broker (weakly: brokers are owned by whoever made them).
+  void addBroker(boost::shared_ptr<OXBroker> pBroker);
+  std::vector<boost::shared_ptr<OXBroker>> getBrokers() const;
+
+ private:
+  mutable std::mutex fMutex;
+  std::vector<boost::weak_ptr<OXBroker>> fBrokers;
+};
+
+// A proxy on one module of a broker. genericCall runs the published method in the caller's thread.
+class OXProxy {
+ public:
+  OXProxy(boost::shared_ptr<OXBroker> pBroker, const std::string& pModuleName);
+  virtual ~OXProxy() = default;
+
+  // Calls a published method with its arguments as an array (an invalid value means none).
+  // An unknown method, arguments that fit no signature, or a failed call throw OXError.
+  virtual OXValue genericCall(const std::string& pMethod, const OXValue& pArguments);
+  // Published method names, each once, in the order of their first publication.
+  virtual std::vector<std::string> getMethodList();
+  // Every publication of that name: an array of records (see OXModuleCore::getMethodHelp).
+  virtual OXValue getMethodHelp(const std::string& pMethod);
+  // [name, description, [[language, text], ...]].
+  virtual OXValue getModuleHelp();
+
+  const std::string& getModuleName() const { return fModuleName; }
+  boost::shared_ptr<OXBroker> getBroker() const { return fBroker.lock(); }
+
+ protected:
+  boost::shared_ptr<OXModuleCore> module() const;  // throws when the module is gone
+
+ private:
+  boost::weak_ptr<OXBroker> fBroker;
+  std::string fModuleName;
+};
+
+// The core of every module: its name, its broker and its method table.
+class OXModuleCore : public boost::enable_shared_from_this<OXModuleCore> {
+ public:
+  OXModuleCore(boost::shared_ptr<OXBroker> pBroker, const std::string& pName);
+  virtual ~OXModuleCore();
+  OXModuleCore(const OXModuleCore&) = delete;
+  OXModuleCore& operator=(const OXModuleCore&) = delete;
+
+  // Resolves the overload of pMethod that fits the arguments and calls it. Throws OXError for an
+  // unknown method or arguments that fit no publication; OXError raised by the method passes
+  // through, and any other exception becomes an OXError with its text.
+  virtual void execute(const std::string& pMethod, const OXValue& pArguments, OXValue& pResult);
+  virtual std::string version();
+
+  // Registers the module with its broker, which keeps it alive from then on.
+  void initModule();
+  boost::shared_ptr<OXBroker> getParentBroker() const;
+  const std::string& getName() const { return fName; }
+
+  void setModuleDescription(const std::string& pDescription);
+  void addModuleExample(const std::string& pLanguage, const std::string& pText);
+
+  // Describing a method as it is bound, in this order: functionName, addParam for each parameter,
+  // setReturn, addMethodExample, then bindMethod or bindMethodOverload.
+  void functionName(const std::string& pName, const std::string& pClassName,
+                    const std::string& pDescription, int pFlags);
+  void addParam(const std::string& pName, const std::string& pDescription);
+  void setReturn(const std::string& pName, const std::string& pDescription);
+  void addMethodExample(const std::string& pLanguage, const std::string& pText);
+  OXMethodInfo& getCurrentMethodDescription() { return fCurrent; }
+  void bindMethod(boost::shared_ptr<OXFunctorBase> pFunctor);
+  void bindMethodOverload(boost::shared_ptr<OXFunctorBase> pFunctor);
+
+  std::vector<std::string> getMethodList() const;
+  // An array with one record per publication of that name, in order of binding; each record is
+  // [name, className, description, flags, [[param, description, type], ...],
+  //  [returnName, returnDescription, returnType], [[language, example], ...], binding], binding
+  // being "bindMethod" or "bindMethodOverload". An unknown name gives an empty array.
+  OXValue getMethodHelp(const std::string& pMethod) const;
+  OXValue getModuleHelp() const;
+  // A copy of the whole table, in order of binding.
+  std::vector<OXMethodInfo> getMethodTable() const;
+
+ private:
+  void bind(boost::shared_ptr<OXFunctorBase> pFunctor, OXMethodInfo::Binding pBinding);
+  const OXMethodInfo* resolve(const std::string& pMethod, const OXValue& pArguments) const;
+
+  boost::weak_ptr<OXBroker> fBroker;
+  std::string fName;
+  mutable std::shared_mutex fTableMutex;
+  std::string fModuleDescription;
+  std::vector<OXMethodInfo::Example> fModuleExamples;
+  std::vector<OXMethodInfo> fMethods;
+  OXMethodInfo fCurrent;
+};
+
+// A module: the base of every service and device.
+class OXModule : public OXModuleCore {
+ public:
+  OXModule(boost::shared_ptr<OXBroker> pBroker, const std::string& pName);
+  ~OXModule() override;
+
+  // Takes the module out of its broker; the broker then no longer keeps it alive.
+  virtual void exit();
+  virtual void stop(int pId);
+  virtual std::string httpGet();
+  virtual void init();
+
+  // Builds a module of class T on the heap from the broker, wraps it in a shared pointer,
+  // registers it with the broker (initModule), calls init() and returns it.
+  template <class T>
+  static boost::shared_ptr<T> createModule(boost::shared_ptr<OXBroker> pBroker) {
+    boost::shared_ptr<T> module(new T(pBroker));
+    module->initModule();
+    module->init();
+    return module;
+  }
+};
+
+// Classes with a single instance per broker derive from it; it holds no data.
+template <class T>
+class OXSingleton {};
+
+// A broker: keeps its modules alive, finds them by name, and knows where preferences live.
+class OXBroker : public boost::enable_shared_from_this<OXBroker> {
+ public:
+  // A broker with its two services, OXMemory and OXPreferences, already registered, added to the
+  // process's OXBrokerManager. pPreferencePaths are searched in order by readPrefFile.
+  static boost::shared_ptr<OXBroker> createBroker(const std::string& pName,
+                                                  const std::vector<std::string>& pPreferencePaths);
+  ~OXBroker();
+  OXBroker(const OXBroker&) = delete;
+  OXBroker& operator=(const OXBroker&) = delete;
+
+  boost::shared_ptr<OXBroker> getThis() { return shared_from_this(); }
+  const std::string& getName() const { return fName; }
+  const std::vector<std::string>& getPreferencePaths() const { return fPreferencePaths; }
+
+  // A proxy on a registered module; throws OXError when there is none of that name.
+  boost::shared_ptr<OXProxy> getProxy(const std::string& pName, int pFlags = 0);
+  // A proxy of type T (constructed from a plain proxy), or null when no such module is registered.
+  template <class T>
+  boost::shared_ptr<T> getSpecialisedProxy(const std::string& pName) {
+    if (!getModuleCoreByName(pName)) return boost::shared_ptr<T>();
+    return boost::shared_ptr<T>(new T(getProxy(pName, 0)));
+  }
+
+  // The module object itself (null when none), for callers in this process.
+  boost::shared_ptr<OXModule> getModuleByName(const std::string& pName);
+  boost::shared_ptr<OXModuleCore> getModuleCoreByName(const std::string& pName);
+  std::vector<std::string> getModuleNames() const;
+
+  // Registration, used by initModule; a second module of the same name is refused with OXError.
+  void registerModule(boost::shared_ptr<OXModuleCore> pModule);
+  // Drops the broker's reference to a module; false when there is none of that name.
+  bool unregisterModule(const std::string& pName);
+  // Drops every module, newest first, calling exit() on each; used at shutdown.
+  void removeAllModules();
+
+  boost::weak_ptr<OXBrokerManager> getBrokerManager() const { return fBrokerManager; }
+
+ private:
+  OXBroker(const std::string& pName, const std::vector<std::string>& pPreferencePaths);
+
+  std::string fName;
+  std::vector<std::string> fPreferencePaths;
+  boost::weak_ptr<OXBrokerManager> fBrokerManager;
+  mutable std::shared_mutex fModulesMutex;
+  std::vector<boost::shared_ptr<OXModuleCore>> fModules;  // in order of registration
+};
+
+}  // namespace OX

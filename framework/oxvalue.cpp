@@ -1,0 +1,236 @@
+// OXValue: kinds, conversions, arrays, binaries and text form.
+#include "oxvalue.h"
+
+#include <cstring>
+#include <sstream>
+
+#include "oxerror.h"
+
+namespace OX {
+
+OXValue::OXValue(const std::vector<int>& pValues) : fData(Array(pValues.begin(), pValues.end())) {}
+
+OXValue::OXValue(const std::vector<float>& pValues)
+    : fData(Array(pValues.begin(), pValues.end())) {}
+
+OXValue::OXValue(const std::vector<std::string>& pValues)
+    : fData(Array(pValues.begin(), pValues.end())) {}
+
+OXValue OXValue::binary(const void* pData, int pSize) {
+  OXValue value;
+  value.SetBinary(pData, pSize);
+  return value;
+}
+
+void OXValue::throwKind(const char* pWanted) const {
+  throw OXError(
+      "OXValue", "conversion",
+      std::string("cannot read a value of type ") + TypeToString(getType()) + " as " + pWanted,
+      "framework/oxvalue", __LINE__);
+}
+
+OXValue::operator int&() {
+  if (int* value = std::get_if<int>(&fData)) return *value;
+  throwKind("int");
+}
+
+OXValue::operator std::string&() {
+  if (std::string* value = std::get_if<std::string>(&fData)) return *value;
+  throwKind("string");
+}
+
+OXValue::operator bool() const {
+  if (const bool* value = std::get_if<bool>(&fData)) return *value;
+  if (const int* value = std::get_if<int>(&fData)) return *value != 0;
+  throwKind("bool");
+}
+
+OXValue::operator int() const {
+  if (const int* value = std::get_if<int>(&fData)) return *value;
+  throwKind("int");
+}
+
+OXValue::operator float() const {
+  if (const float* value = std::get_if<float>(&fData)) return *value;
+  if (const int* value = std::get_if<int>(&fData)) return static_cast<float>(*value);
+  throwKind("float");
+}
+
+OXValue::operator const std::string&() const {
+  if (const std::string* value = std::get_if<std::string>(&fData)) return *value;
+  throwKind("string");
+}
+
+OXValue::operator std::vector<int>() const {
+  const Array* array = std::get_if<Array>(&fData);
+  if (array == nullptr) throwKind("vector of int");
+  std::vector<int> result;
+  result.reserve(array->size());
+  for (const OXValue& element : *array) {
+    if (!element.isInt()) throwKind("vector of int");
+    result.push_back(std::get<int>(element.fData));
+  }
+  return result;
+}
+
+OXValue::operator std::vector<float>() const {
+  std::vector<float> result;
+  if (!ToFloatArray(result)) throwKind("vector of float");
+  return result;
+}
+
+OXValue& OXValue::operator[](int pIndex) {
+  return const_cast<OXValue&>(static_cast<const OXValue&>(*this)[pIndex]);
+}
+
+const OXValue& OXValue::operator[](int pIndex) const {
+  const Array* array = std::get_if<Array>(&fData);
+  if (array == nullptr) {
+    throw OXError("OXValue", "operator[]",
+                  "element " + std::to_string(pIndex) + " of a value of type " +
+                      TypeToString(getType()) + ", which is no array",
+                  "framework/oxvalue", __LINE__);
+  }
+  if (pIndex < 0 || static_cast<size_t>(pIndex) >= array->size()) {
+    throw OXError("OXValue", "operator[]",
+                  "index " + std::to_string(pIndex) + " out of range of an array of " +
+                      std::to_string(array->size()) + " elements",
+                  "framework/oxvalue", __LINE__);
+  }
+  return (*array)[static_cast<size_t>(pIndex)];
+}
+
+void OXValue::arraySetSize(int pSize) {
+  if (pSize < 0) {
+    throw OXError("OXValue", "arraySetSize", "negative size " + std::to_string(pSize),
+                  "framework/oxvalue", __LINE__);
+  }
+  if (!isArray()) {
+    if (isValid()) throwKind("array");
+    fData = Array();
+  }
+  std::get<Array>(fData).resize(static_cast<size_t>(pSize));
+}
+
+void OXValue::arrayReserve(int pSize) {
+  if (!isArray()) {
+    if (isValid()) throwKind("array");
+    fData = Array();
+  }
+  Array& array = std::get<Array>(fData);
+  if (pSize > 0 && array.size() < static_cast<size_t>(pSize)) array.resize(pSize);
+}
+
+void OXValue::arrayPush(const OXValue& pValue) {
+  if (!isArray()) {
+    if (isValid()) throwKind("array");
+    fData = Array();
+  }
+  std::get<Array>(fData).push_back(pValue);
+}
+
+int OXValue::getSize() const {
+  switch (getType()) {
+    case TypeInvalid:
+      return 0;
+    case TypeArray:
+      return static_cast<int>(std::get<Array>(fData).size());
+    case TypeBinary:
+      return static_cast<int>(std::get<Binary>(fData).size());
+    case TypeString:
+      return static_cast<int>(std::get<std::string>(fData).size());
+    default:
+      throwKind("array, binary or string");
+  }
+}
+
+std::string OXValue::TypeToString(Type pType) {
+  switch (pType) {
+    case TypeInvalid:
+      return "invalid";
+    case TypeBool:
+      return "bool";
+    case TypeInt:
+      return "int";
+    case TypeFloat:
+      return "float";
+    case TypeString:
+      return "string";
+    case TypeArray:
+      return "array";
+    case TypeBinary:
+      return "binary";
+  }
+  return "unknown";
+}
+
+void OXValue::SetBinary(const void* pData, int pSize) {
+  if (pSize < 0 || (pSize > 0 && pData == nullptr)) {
+    throw OXError("OXValue", "SetBinary", "invalid binary of " + std::to_string(pSize) + " bytes",
+                  "framework/oxvalue", __LINE__);
+  }
+  Binary bytes(static_cast<size_t>(pSize));
+  if (pSize > 0) std::memcpy(bytes.data(), pData, static_cast<size_t>(pSize));
+  fData = std::move(bytes);
+}
+
+const void* OXValue::GetBinary() const {
+  const Binary* bytes = std::get_if<Binary>(&fData);
+  if (bytes == nullptr) throwKind("binary");
+  return bytes->data();
+}
+
+void* OXValue::GetBinary() {
+  Binary* bytes = std::get_if<Binary>(&fData);
+  if (bytes == nullptr) throwKind("binary");
+  return bytes->data();
+}
+
+bool OXValue::ToFloatArray(std::vector<float>& pResult, bool pClear) const {
+  const Array* array = std::get_if<Array>(&fData);
+  if (array == nullptr) return false;
+  for (const OXValue& element : *array) {
+    if (!element.isFloat() && !element.isInt()) return false;
+  }
+  if (pClear) pResult.clear();
+  for (const OXValue& element : *array) pResult.push_back(static_cast<float>(element));
+  return true;
+}
+
+bool OXValue::operator==(const OXValue& pOther) const {
+  return fData == pOther.fData;
+}
+
+std::string OXValue::toString() const {
+  std::ostringstream out;
+  switch (getType()) {
+    case TypeInvalid:
+      out << "<invalid>";
+      break;
+    case TypeBool:
+      out << (std::get<bool>(fData) ? "true" : "false");
+      break;
+    case TypeInt:
+      out << std::get<int>(fData);
+      break;
+    case TypeFloat:
+      out << std::get<float>(fData);
+      break;
+    case TypeString:
+      out << '"' << std::get<std::string>(fData) << '"';
+      break;
+    case TypeArray: {
+      out << '[';
+      const Array& array = std::get<Array>(fData);
+      for (size_t i = 0; i < array.size(); ++i) out << (i ? ", " : "") << array[i].toString();
+      out << ']';
+      break;
+    }
+    case TypeBinary:
+      out << "<binary " << std::get<Binary>(fData).size() << " bytes>";
+      break;
+  }
+  return out.str();
+}
+
+}  // namespace OX

@@ -1,0 +1,64 @@
+// Shared helpers of the tests: log capture, temporary directories, the test clock.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kilog.h"
+
+namespace vitest {
+
+// Captures every log record while it lives and silences stderr meanwhile.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<ki::log::Record> records() const;
+  // Records whose message equals pMessage exactly.
+  int count(const std::string& pMessage) const;
+  // True when some record has this level, category and exact message.
+  bool has(int pLevel, const std::string& pCategory, const std::string& pMessage) const;
+  void clear();
+
+ private:
+  mutable std::mutex fMutex;
+  std::vector<ki::log::Record> fRecords;
+  int fHandlerId;
+  int fOldThreshold;
+};
+
+// A fresh directory under the system's temporary directory, removed with its content at the end.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  const std::string& path() const { return fPath; }
+  std::string file(const std::string& pName) const { return fPath + "/" + pName; }
+  void write(const std::string& pName, const std::string& pContent) const;
+
+ private:
+  std::string fPath;
+};
+
+// Replaces the framework clock by a counter that tests move by hand; sleeps advance it too.
+class TestClock {
+ public:
+  explicit TestClock(int64_t pStart = 1700000000000000);
+  ~TestClock();
+  void advance(int64_t pMicroseconds) { fNow += pMicroseconds; }
+  int64_t now() const { return fNow.load(); }
+
+ private:
+  std::atomic<int64_t> fNow;
+};
+
+// Path of a library or program of the build.
+std::string libraryPath(const std::string& pName);
+
+}  // namespace vitest
