@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 
 namespace ki {
 namespace log {
@@ -23,7 +24,14 @@ struct Registry {
   std::atomic<int> fStderrThreshold{3};
   std::atomic<bool> fStderrJson{false};
   std::mutex fStderrMutex;
+  // Held shared while records are delivered, so that removeHandler can wait until no thread is
+  // still calling a handler it removed.
+  std::shared_mutex fDelivery;
 };
+
+// Deliveries under way on this thread: a handler that logs or removes a handler must not wait on
+// its own delivery.
+thread_local int tDeliveryDepth = 0;
 
 Registry& registry() {
   static Registry* sRegistry = new Registry();  // never destroyed: records may come at exit
@@ -96,11 +104,16 @@ int addHandler(Handler pHandler) {
 
 void removeHandler(int pId) {
   Registry& reg = registry();
-  std::lock_guard<std::mutex> guard(reg.fMutex);
-  auto next = std::make_shared<HandlerMap>(*reg.fHandlers);
-  next->erase(pId);
-  reg.fHandlers = next;
-  reg.fHandlerCount.store(static_cast<int>(next->size()));
+  {
+    std::lock_guard<std::mutex> guard(reg.fMutex);
+    auto next = std::make_shared<HandlerMap>(*reg.fHandlers);
+    next->erase(pId);
+    reg.fHandlers = next;
+    reg.fHandlerCount.store(static_cast<int>(next->size()));
+  }
+  // Deliveries that started before the swap may still call the removed handler: wait for them,
+  // so that its owner may be destroyed as soon as this returns.
+  if (tDeliveryDepth == 0) std::unique_lock<std::shared_mutex> drained(reg.fDelivery);
 }
 
 void setStderrThreshold(int pLevel) {
@@ -125,12 +138,22 @@ void log(int pLevel, const std::string& pCategory, const std::string& pMessage,
   Registry& reg = registry();
   const Record record{pLevel, pCategory, pFile, pFunction, pLine, pMessage};
   if (pLevel <= reg.fStderrThreshold.load(std::memory_order_relaxed)) writeToStderr(record);
+  std::shared_lock<std::shared_mutex> delivering(reg.fDelivery, std::defer_lock);
+  if (tDeliveryDepth == 0) delivering.lock();
   std::shared_ptr<const HandlerMap> handlers;
   {
     std::lock_guard<std::mutex> guard(reg.fMutex);
     handlers = reg.fHandlers;
   }
-  for (const auto& entry : *handlers) entry.second(record);
+  ++tDeliveryDepth;
+  for (const auto& entry : *handlers) {
+    try {
+      entry.second(record);
+    } catch (...) {
+      // A failing handler must not turn logging into a failure of the caller.
+    }
+  }
+  --tDeliveryDepth;
 }
 
 LogStream::LogStream(int pLevel, const std::string& pCategory, const std::string& pFile,

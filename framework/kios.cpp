@@ -40,8 +40,15 @@ int64_t nowMicroseconds() {
 void gettimeofday(timeval* pTime) {
   if (pTime == nullptr) return;
   const int64_t now = nowMicroseconds();
-  pTime->tv_sec = now / 1000000;
-  pTime->tv_usec = now % 1000000;
+  // Floor division keeps the microseconds in 0..999999 for times before 1970 too.
+  int64_t seconds = now / 1000000;
+  int64_t micros = now % 1000000;
+  if (micros < 0) {
+    micros += 1000000;
+    seconds -= 1;
+  }
+  pTime->tv_sec = seconds;
+  pTime->tv_usec = micros;
 }
 
 void setClockForTesting(std::function<int64_t()> pClock) {

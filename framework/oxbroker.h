@@ -183,7 +183,7 @@ class OXBroker : public boost::enable_shared_from_this<OXBroker> {
   void registerModule(boost::shared_ptr<OXModuleCore> pModule);
   // Drops the broker's reference to a module; false when there is none of that name.
   bool unregisterModule(const std::string& pName);
-  // Drops every module, newest first, calling exit() on each; used at shutdown.
+  // Drops every module, newest first, without calling exit(); used at shutdown.
   void removeAllModules();
 
   boost::weak_ptr<OXBrokerManager> getBrokerManager() const { return fBrokerManager; }

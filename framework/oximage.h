@@ -44,8 +44,9 @@ class OXImage {
   // The 12-element array: width, height, layers, colour space, time stamp high and low 32 bits,
   // binary copy of the pixels, camera identifier, left, top, right and bottom angles.
   OXValue toOXValue() const;
-  // The inverse, for clients: refuses (false, nothing changed) an array of another layout, or one
-  // whose pixels do not fit this image.
+  // The inverse, for clients: refuses (false, nothing changed) an array of another layout. An
+  // owning image grows to hold the pixels; an image with external pixels must point at enough
+  // room, which it cannot check.
   bool fromOXValue(const OXValue& pValue);
 
   int fWidth;

@@ -24,6 +24,7 @@ class OXValue {
   OXValue(const std::string& pValue) : fData(pValue) {}
   OXValue(std::string&& pValue) : fData(std::move(pValue)) {}
   OXValue(const char* pValue) : fData(std::string(pValue)) {}
+  OXValue(char* pValue) : fData(std::string(pValue)) {}
   OXValue(const std::vector<int>& pValues);
   OXValue(const std::vector<float>& pValues);
   OXValue(const std::vector<std::string>& pValues);
