@@ -9,6 +9,7 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 #include <map>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <vector>
@@ -89,8 +90,9 @@ class OXModuleCore : public boost::enable_shared_from_this<OXModuleCore> {
   void setModuleDescription(const std::string& pDescription);
   void addModuleExample(const std::string& pLanguage, const std::string& pText);
 
-  // Describing a method as it is bound, in this order: functionName, addParam for each parameter,
-  // setReturn, addMethodExample, then bindMethod or bindMethodOverload.
+  // Describing a method as it is bound: functionName first, then addParam (in the order of the
+  // arguments), setReturn and addMethodExample in any order, then bindMethod or
+  // bindMethodOverload.
   void functionName(const std::string& pName, const std::string& pClassName,
                     const std::string& pDescription, int pFlags);
   void addParam(const std::string& pName, const std::string& pDescription);
@@ -171,7 +173,11 @@ class OXBroker : public boost::enable_shared_from_this<OXBroker> {
   template <class T>
   boost::shared_ptr<T> getSpecialisedProxy(const std::string& pName) {
     if (!getModuleCoreByName(pName)) return boost::shared_ptr<T>();
-    return boost::shared_ptr<T>(new T(getProxy(pName, 0)));
+    try {
+      return boost::shared_ptr<T>(new T(getProxy(pName, 0)));
+    } catch (const OXError&) {
+      return boost::shared_ptr<T>();  // unregistered meanwhile
+    }
   }
 
   // The module object itself (null when none), for callers in this process.

@@ -20,13 +20,6 @@ boost::shared_ptr<OXProxy> proxyOf(const boost::shared_ptr<OXBroker>& pBroker,
   return pBroker->getProxy(pService, 0);
 }
 
-OXValue arguments(std::initializer_list<OXValue> pValues) {
-  OXValue array;
-  array.arraySetSize(0);
-  for (const OXValue& value : pValues) array.arrayPush(value);
-  return array;
-}
-
 }  // namespace
 
 OXMemoryProxy::OXMemoryProxy(boost::shared_ptr<OXBroker> pBroker)
@@ -36,24 +29,24 @@ OXMemoryProxy::OXMemoryProxy(boost::shared_ptr<OXProxy> pProxy)
 
 void OXMemoryProxy::subscribeToEvent(const std::string& pEventName, const std::string& pModuleName,
                                      const std::string& pCallbackName) {
-  fProxy->genericCall("subscribeToEvent", arguments({pEventName, pModuleName, pCallbackName}));
+  fProxy->genericCall("subscribeToEvent", OXValue::array({pEventName, pModuleName, pCallbackName}));
 }
 
 void OXMemoryProxy::unsubscribeToEvent(const std::string& pEventName,
                                        const std::string& pModuleName) {
-  fProxy->genericCall("unsubscribeToEvent", arguments({pEventName, pModuleName}));
+  fProxy->genericCall("unsubscribeToEvent", OXValue::array({pEventName, pModuleName}));
 }
 
 void OXMemoryProxy::raiseEvent(const std::string& pEventName, const OXValue& pValue) {
-  fProxy->genericCall("raiseEvent", arguments({pEventName, pValue}));
+  fProxy->genericCall("raiseEvent", OXValue::array({pEventName, pValue}));
 }
 
 void OXMemoryProxy::insertData(const std::string& pKey, const OXValue& pValue) {
-  fProxy->genericCall("insertData", arguments({pKey, pValue}));
+  fProxy->genericCall("insertData", OXValue::array({pKey, pValue}));
 }
 
 OXValue OXMemoryProxy::getData(const std::string& pKey) {
-  return fProxy->genericCall("getData", arguments({pKey}));
+  return fProxy->genericCall("getData", OXValue::array({pKey}));
 }
 
 OXPreferencesProxy::OXPreferencesProxy(boost::shared_ptr<OXBroker> pBroker)
@@ -62,7 +55,7 @@ OXPreferencesProxy::OXPreferencesProxy(boost::shared_ptr<OXProxy> pProxy)
     : fProxy(checked(std::move(pProxy), "OXPreferences")) {}
 
 OXValue OXPreferencesProxy::readPrefFile(const std::string& pFileName, bool pSearchAll) {
-  return fProxy->genericCall("readPrefFile", arguments({pFileName, pSearchAll}));
+  return fProxy->genericCall("readPrefFile", OXValue::array({pFileName, pSearchAll}));
 }
 
 }  // namespace OX

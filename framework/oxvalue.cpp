@@ -29,6 +29,10 @@ void OXValue::throwKind(const char* pWanted) const {
       "framework/oxvalue", __LINE__);
 }
 
+OXValue OXValue::array(std::initializer_list<OXValue> pElements) {
+  return OXValue(Array(pElements.begin(), pElements.end()));
+}
+
 OXValue::operator int&() {
   if (int* value = std::get_if<int>(&fData)) return *value;
   throwKind("int");

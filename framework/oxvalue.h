@@ -2,6 +2,7 @@
 // binary). Reading a value as another kind, or indexing out of range, throws OXError.
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <variant>
 #include <vector>
@@ -36,6 +37,8 @@ class OXValue {
 
   // A binary value holding a copy of pSize bytes.
   static OXValue binary(const void* pData, int pSize);
+  // An array of these elements (an empty array for an empty list), e.g. call arguments.
+  static OXValue array(std::initializer_list<OXValue> pElements);
 
   OXValue& operator=(const OXValue&) = default;
   OXValue& operator=(OXValue&&) noexcept = default;

@@ -25,10 +25,7 @@ using OX::OXValue;
 using Broker = boost::shared_ptr<OX::OXBroker>;
 
 OXValue args(std::initializer_list<OXValue> pValues) {
-  OXValue result;
-  result.arraySetSize(0);
-  for (const OXValue& value : pValues) result.arrayPush(value);
-  return result;
+  return OXValue::array(pValues);
 }
 
 // The description of the OXError raised by pCall, or "no error".

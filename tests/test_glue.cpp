@@ -17,10 +17,7 @@ namespace {
 using OX::OXValue;
 
 OXValue args(std::initializer_list<OXValue> pValues) {
-  OXValue result;
-  result.arraySetSize(0);
-  for (const OXValue& value : pValues) result.arrayPush(value);
-  return result;
+  return OXValue::array(pValues);
 }
 
 class GlueModule : public OX::OXModule {

@@ -17,10 +17,7 @@ using OX::OXImage;
 using OX::OXValue;
 
 OXValue array(std::initializer_list<OXValue> pValues) {
-  OXValue result;
-  result.arraySetSize(0);
-  for (const OXValue& value : pValues) result.arrayPush(value);
-  return result;
+  return OXValue::array(pValues);
 }
 
 // A conversion that silently turned one kind into another would corrupt every broker call.

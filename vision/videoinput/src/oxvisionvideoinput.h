@@ -1,0 +1,257 @@
+// OXVisionVideoInput: the abstract video device. It owns the cameras' records, the subscribers
+// and the image pools; a concrete source supplies the ten driver operations.
+//
+// Locking: fVisionModulesLock (re-entrant for its writer) guards subscribers, cameras and
+// buffers; it comes before any lock of a concrete source. Each declaration says what it takes
+// ("takes W/R": takes the lock for writing/reading) or expects held ("W held").
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ivideoinput.h"
+#include "oxbroker.h"
+#include "oxmutex.h"
+#include "oxvisionvideoinputrecords.h"
+
+namespace OX {
+
+namespace videoinputtexts {
+struct SubscriberCheck;
+struct CameraCheck;
+}  // namespace videoinputtexts
+
+// Parameter identifiers that the core knows by number; all others pass through to the driver.
+enum : int {
+  kCameraResolutionID = 14,
+  kCameraFrameRateID = 15,
+  kCameraBufferSizeID = 16,
+  kCameraSelectID = 18,
+  kCameraColorSpaceID = 20
+};
+
+class OXVisionVideoInput : public OXModule, public IVideoInput {
+ public:
+  ~OXVisionVideoInput() override;  // no lock: runs after the last call
+
+  // --- Published operations of IVideoInput, in slot order ---
+  void unsubscribe(const std::string& pName) override;       // takes W per pass; waits for a holder
+  int getCameraModel(const int& pCameraIndex) override;      // takes R
+  bool startFrameGrabber(const int& pCameraIndex) override;  // takes W
+  bool stopFrameGrabber(const int& pCameraIndex) override;   // takes W
+  bool isFrameGrabberOff(const int& pCameraIndex) override;  // takes R
+  int getFrameRate(const int& pCameraIndex) override;        // takes R
+  int getResolution(const int& pCameraIndex) override;       // takes R
+  int getColorSpace(const int& pCameraIndex) override;       // takes R
+  // Checks under R, then registers under W.
+  std::string subscribeCamera(const std::string& pName, const int& pCameraIndex,
+                              const int& pResolution, const int& pColorSpace,
+                              const int& pFps) override;
+  int getFrameRate(const std::string& pName) override;                               // pending
+  bool setFrameRate(const std::string& pName, const int& pFrameRate) override;       // pending
+  int getActiveCamera(const std::string& pName) override;                            // pending
+  bool setActiveCamera(const std::string& pName, const int& pCameraIndex) override;  // pending
+  int getResolution(const std::string& pName) override;                              // pending
+  bool setResolution(const std::string& pName, const int& pResolution) override;     // pending
+  int getColorSpace(const std::string& pName) override;                              // pending
+  bool setColorSpace(const std::string& pName, const int& pColorSpace) override;     // pending
+  int getCameraParameter(const std::string& pName, const int& pParam) override;      // takes R
+  bool setCameraParameter(const std::string& pName, const int& pParam,
+                          const int& pValue) override;  // takes W
+  bool setCameraParameterToDefault(const std::string& pName,
+                                   const int& pParam) override;        // takes W
+  OXImage* getDirectRawImageLocal(const std::string& pName) override;  // pending
+  OXValue getDirectRawImageRemote(const std::string& pName) override;  // pending
+  bool releaseDirectRawImage(const std::string& pName) override;       // pending
+  OXImage* getImageLocal(const std::string& pName) override;           // pending
+  OXValue getImageRemote(const std::string& pName) override;           // pending
+  bool releaseImage(const std::string& pName) override;                // pending
+  // Checks under R, then registers under W.
+  std::string subscribeCameras(const std::string& pName, const OXValue& pCameraIndexes,
+                               const OXValue& pResolutions, const OXValue& pColorSpaces,
+                               const int& pFps) override;
+  OXValue getActiveCameras(const std::string& pName) override;  // pending
+  OXValue setActiveCameras(const std::string& pName, const OXValue& pCameraIndexes) override;
+  OXValue getResolutions(const std::string& pName) override;  // pending
+  OXValue setResolutions(const std::string& pName, const OXValue& pResolutions) override;
+  OXValue getColorSpaces(const std::string& pName) override;  // pending
+  OXValue setColorSpaces(const std::string& pName, const OXValue& pColorSpaces) override;
+  OXValue getCamerasParameter(const std::string& pName, const int& pParam) override;  // takes R
+  OXValue setCamerasParameter(const std::string& pName, const int& pParam,
+                              const OXValue& pValues) override;  // takes W
+  OXValue setCamerasParameterToDefault(const std::string& pName,
+                                       const int& pParam) override;     // takes W
+  OXValue getDirectRawImagesLocal(const std::string& pName) override;   // pending
+  OXValue getDirectRawImagesRemote(const std::string& pName) override;  // pending
+  OXValue releaseDirectRawImages(const std::string& pName) override;    // pending
+  OXValue getImagesLocal(const std::string& pName) override;            // pending
+  OXValue getImagesRemote(const std::string& pName) override;           // pending
+  OXValue releaseImages(const std::string& pName) override;             // pending
+  bool recordVideo(const std::string& pName, const std::string& pPath, const int& pTotalNumber,
+                   const int& pPeriod) override;      // pending
+  bool stopVideo(const std::string& pName) override;  // pending
+  // Refused here ("Only implemented for simulator"); no lock.
+  bool putImage(const int& pCameraIndex, const int& pWidth, const int& pHeight,
+                const OXValue& pImage) override;
+  OXValue getExpectedImageParameters(const int& pCameraIndex) override;  // refused; no lock
+  std::vector<float> getAngularPositionFromImagePosition(
+      const int& pCameraIndex, const std::vector<float>& pImagePosition) override;  // pending
+  std::vector<float> getImagePositionFromAngularPosition(
+      const int& pCameraIndex, const std::vector<float>& pAngularPosition) override;  // pending
+  std::vector<float> getAngularSizeFromImageSize(
+      const int& pCameraIndex, const std::vector<float>& pImageSize) override;  // pending
+  std::vector<float> getImageSizeFromAngularSize(
+      const int& pCameraIndex, const std::vector<float>& pAngularSize) override;  // pending
+  std::vector<float> getImageInfoFromAngularInfo(
+      const int& pCameraIndex, const std::vector<float>& pAngularInfo) override;  // pending
+  std::vector<float> getImageInfoFromAngularInfoWithResolution(
+      const int& pCameraIndex, const std::vector<float>& pAngularInfo,
+      const int& pResolution) override;  // pending
+
+ protected:
+  OXVisionVideoInput(boost::shared_ptr<OXBroker> pBroker, std::string pName);
+
+  // --- The ten driver operations, supplied by a concrete source ---
+  // The three checks are called without any lock and with any camera index, out of range too.
+  virtual bool xIsResolutionValid(const int& pResolution, const int& pCameraIndex) const = 0;
+  virtual bool xIsFrameRateValid(const int& pFrameRate, const int& pCameraIndex) const = 0;
+  virtual bool xIsColorSpaceValid(const int& pColorSpace, const int& pCameraIndex) const = 0;
+  virtual OXImage* xGetDirectRawImage(const std::string& pName, bool pDeepCopy) = 0;  // W held
+  virtual std::vector<OXImage*> xGetDirectRawImages(const std::string& pName) = 0;    // W held
+  virtual bool xReleaseDirectRawImageDeep(const std::string& pName,
+                                          const int& pCameraIndex) = 0;  // W held
+  // R or W held; concurrent calls under R must be safe in the camera.
+  virtual int xGetParam(const int& pCameraIndex, const int& pParam) = 0;
+  virtual bool xSetParam(int pCameraIndex, int pParam, int pValue, bool pSetDefault) = 0;  // W
+  virtual bool xStartFrameGrabber(const int& pCameraIndex) = 0;  // W held; true when running
+  virtual bool xStopFrameGrabber(const int& pCameraIndex) = 0;   // W held
+
+  virtual OXImage* xGetImage(const std::string& pName);                // pending; W held
+  virtual std::vector<OXImage*> xGetImages(const std::string& pName);  // pending; W held
+
+ public:
+  // Same as subscribeCamera with camera -1 (follows the device's active camera).
+  std::string subscribe(const std::string& pName, const int& pResolution, const int& pColorSpace,
+                        const int& pFps) override;
+  // Takes W for the whole walk (unsubscribe re-enters it). Leaves the instance with suffix 8.
+  void unsubscribeAllInstances(const std::string& pName) override;
+  // Callback of "ClientDisconnected"; takes R to look, then unsubscribe.
+  void onClientDisconnected(const std::string& pEventName, const OXValue& pValue,
+                            const std::string& pSubscriberId) override;
+
+  // --- Device-wide forms, on the device's active camera ---
+  int getActiveCamera() override;                                                        // takes R
+  int getResolution() override;                                                          // takes R
+  int getColorSpace() override;                                                          // takes R
+  int getFrameRate() override;                                                           // takes R
+  int getCameraModelID() override;                                                       // takes R
+  virtual void setParam(const int& pParam, const int& pValue, const int& pCameraIndex);  // W
+  void setParam(const int& pParam, const int& pValue) override;  // no lock of its own
+  int getParam(const int& pParam) override;                      // takes R
+  int getParam(const int& pParam, const int& pCameraIndex);      // takes R
+  void setParamDefault(const int& pParam) override;              // takes W
+  bool startFrameGrabber() override;  // takes W; stops at the first camera that fails
+  bool stopFrameGrabber() override;   // takes W; stops at the first camera that fails
+  bool isFrameGrabberOff() override;  // takes R
+  OXValue resolutionToSizes(const int& pResolution) override;             // no lock
+  int sizesToResolution(const int& pWidth, const int& pHeight) override;  // no lock
+
+  std::vector<float> getAngPosFromImgPos(const std::vector<float>& pImagePosition) override;
+  std::vector<float> getImgPosFromAngPos(const std::vector<float>& pAngularPosition) override;
+  std::vector<float> getAngSizeFromImgSize(const std::vector<float>& pImageSize) override;
+  std::vector<float> getImgSizeFromAngSize(const std::vector<float>& pAngularSize) override;
+  std::vector<float> getImgInfoFromAngInfo(const std::vector<float>& pAngularInfo) override;
+  std::vector<float> getImgInfoFromAngInfoWithRes(const std::vector<float>& pAngularInfo,
+                                                  const int& pResolution) override;
+
+  OXValue getExpectedImageParameters() override;                            // refused; no lock
+  bool setSimCamInputSize(const int& pWidth, const int& pHeight) override;  // refused; no lock
+  bool putImage(const OXValue& pImage) override;                            // refused; no lock
+
+  // What a camera must run at, from every subscriber's wishes. W held; takes no lock.
+  bool xUpdateParam(const int& pCameraIndex);
+
+ protected:
+  virtual float xHorizontalApertureRad(int pCameraIndex);  // pending; no lock
+  virtual float xVerticalApertureRad(int pCameraIndex);    // pending; no lock
+
+  // --- Buffer pool (W held for all of them) ---
+  // One converted buffer in the subscriber's format and one raw buffer in the camera's.
+  bool xCreateBuffersForStoringImages(const int& pCameraIndex, const int& pResolution,
+                                      const int& pColorSpace);
+  // The searches leave the counter of the returned buffer raised: the caller holds it then.
+  int xLockTheOldestBufferForEditing(const int8_t& pCameraIndex, const int& pWidth,
+                                     const int& pHeight, const int& pColorSpace);
+  int xLockTheOldestBufferForEditing(const int8_t& pCameraIndex);
+  int xLockTheNewestBufferForReading(const int8_t& pCameraIndex, const int& pWidth,
+                                     const int& pHeight, const int& pColorSpace);
+  int xLockTheNewestBufferForReading(const int8_t& pCameraIndex);
+  // Frees the oldest free buffer of a pool (of the subscriber's format in the second form).
+  void xFindAndEraseTheOldestBuffer(std::vector<OXVisionBuffer*>& pPool);
+  void xFindAndEraseTheOldestBuffer(std::vector<OXVisionBuffer*>& pPool,
+                                    const boost::shared_ptr<VisionModuleInfo>& pInfo);
+  // Takes back every image that a subscriber holds.
+  void xForceReleaseBuffer(const std::string& pName);
+
+  // Whether a record of the list has this identifier.
+  static bool xIsInParams(std::vector<paramIDConvert> pList, int pParamID);
+
+  // The camera a subscriber works on: its own, or the device's when its own is negative.
+  int xCurrentCamera(const VisionModuleInfo& pInfo) const;  // R or W held
+
+  // Logs pMessage at level 2 and raises OXError(getName(), pMethod, pMessage, file, pLine).
+  [[noreturn]] void xThrow(const std::string& pMethod, const std::string& pMessage,
+                           int pLine) const;
+  // Raises the same OXError without a record, for failures that are not logged.
+  [[noreturn]] void xRaise(const std::string& pMethod, const std::string& pMessage,
+                           int pLine) const;
+  // One record for the device's category (vision.oxvisionvideoinput unless told otherwise).
+  void xLog(int pLevel, const std::string& pFunction, const std::string& pMessage,
+            const char* pCategory = nullptr) const;
+
+  int fActiveCamera;
+  int fDefaultResolution;
+  int fNbCameras;
+  std::vector<boost::shared_ptr<RealCameraProperties>> fCameraProperties;
+  boost::shared_ptr<OXMutexRW> fVisionModulesLock;
+  boost::shared_ptr<OXMutex> fParametersLock;  // taken by the concrete sources only
+  std::map<std::string, boost::shared_ptr<VisionModuleInfo>> fVisionModules;
+  std::vector<paramIDConvert> fParamIDs;
+  std::vector<paramIDConvert> fDeviceParamIDs;
+  std::unique_ptr<char[]> fCopyBuffer;    // kCopyBufferSize bytes, allocated once
+  std::unique_ptr<char[]> fBinaryBuffer;  // kBinaryBufferSize bytes, allocated once
+
+  // No camera runs, and no subscriber is served, below this frame rate.
+  static constexpr int kLowestFrameRate = 5;
+  static constexpr int kCopyBufferSize = 1280 * 960 * 2;
+  static constexpr int kBinaryBufferSize = 1280 * 960 * 3 * 2;
+
+  // Publication of the methods; filled by the change that publishes the interface.
+  void xBindMethods();
+  void xBindDeprecatedMethods();
+
+ private:
+  // Looks a subscriber up for an operation of one family; raises (logged) as the checks say.
+  using SubscriberCheck = videoinputtexts::SubscriberCheck;
+  using CameraCheck = videoinputtexts::CameraCheck;
+  boost::shared_ptr<VisionModuleInfo> xFindSubscriber(const std::string& pName,
+                                                      const SubscriberCheck& pCheck) const;
+  // Raises (logged) for a camera index out of range, with the texts of that operation.
+  void xCheckCameraIndex(const int& pCameraIndex, const CameraCheck& pCheck, int pLine) const;
+  // Lock, check the index, read a camera's field (the seven operations with a camera index).
+  template <class Read>
+  auto xReadCamera(const int& pCameraIndex, const CameraCheck& pCheck, int pLine, Read pRead);
+  // Finds the unique id for pName in fVisionModules; W held.
+  std::string xUniqueId(const std::string& pName, bool pMultiStream);
+  // The two subscribing operations end here; W held.
+  [[noreturn]] void xSubscribeFailed(bool pMultiStream, const std::string& pMessage,
+                                     int pLine) const;
+  bool xCloseVideo(const boost::shared_ptr<VisionModuleInfo>& pInfo);  // W held
+  // Raised by the operations that a later change implements.
+  [[noreturn]] void xPending(const std::string& pOperation, int pLine) const;
+};
+
+}  // namespace OX

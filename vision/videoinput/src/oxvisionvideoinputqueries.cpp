@@ -1,0 +1,148 @@
+// Device queries: what a camera runs at now, its frame grabber, resolution codes and sizes, and
+// the operations that only the simulator implements.
+#include "oxtypes.h"
+#include "oxvisionvideoinput.h"
+#include "oxvisionvideoinputtexts.h"
+
+namespace OX {
+
+namespace texts = videoinputtexts;
+
+template <class Read>
+auto OXVisionVideoInput::xReadCamera(const int& pCameraIndex, const CameraCheck& pCheck, int pLine,
+                                     Read pRead) {
+  OXCriticalSectionRead lock(fVisionModulesLock);
+  xCheckCameraIndex(pCameraIndex, pCheck, pLine);
+  return pRead(*fCameraProperties[pCameraIndex]);
+}
+
+int OXVisionVideoInput::getCameraModel(const int& pCameraIndex) {
+  return xReadCamera(pCameraIndex, texts::kGetCameraModel, __LINE__,
+                     [](const RealCameraProperties& pCamera) { return pCamera.fCameraModel; });
+}
+
+bool OXVisionVideoInput::isFrameGrabberOff(const int& pCameraIndex) {
+  return xReadCamera(
+      pCameraIndex, texts::kIsFrameGrabberOff, __LINE__,
+      [](const RealCameraProperties& pCamera) { return pCamera.fGrabberState.load() <= 0; });
+}
+
+int OXVisionVideoInput::getFrameRate(const int& pCameraIndex) {
+  return xReadCamera(
+      pCameraIndex, texts::kGetFrameRate, __LINE__,
+      [](const RealCameraProperties& pCamera) { return static_cast<int>(pCamera.fFrameRate); });
+}
+
+int OXVisionVideoInput::getResolution(const int& pCameraIndex) {
+  return xReadCamera(
+      pCameraIndex, texts::kGetResolution, __LINE__,
+      [](const RealCameraProperties& pCamera) { return static_cast<int>(pCamera.fResolution); });
+}
+
+int OXVisionVideoInput::getColorSpace(const int& pCameraIndex) {
+  return xReadCamera(
+      pCameraIndex, texts::kGetColorSpace, __LINE__,
+      [](const RealCameraProperties& pCamera) { return static_cast<int>(pCamera.fColorSpace); });
+}
+
+bool OXVisionVideoInput::startFrameGrabber(const int& pCameraIndex) {
+  OXCriticalSectionWrite lock(fVisionModulesLock);
+  xCheckCameraIndex(pCameraIndex, texts::kStartFrameGrabber, __LINE__);
+  return xStartFrameGrabber(pCameraIndex);
+}
+
+bool OXVisionVideoInput::stopFrameGrabber(const int& pCameraIndex) {
+  OXCriticalSectionWrite lock(fVisionModulesLock);
+  xCheckCameraIndex(pCameraIndex, texts::kStopFrameGrabber, __LINE__);
+  return xStopFrameGrabber(pCameraIndex);
+}
+
+int OXVisionVideoInput::getActiveCamera() {
+  OXCriticalSectionRead lock(fVisionModulesLock);
+  return fActiveCamera;
+}
+
+int OXVisionVideoInput::getCameraModelID() {
+  OXCriticalSectionRead lock(fVisionModulesLock);
+  return fCameraProperties[fActiveCamera]->fCameraModel;
+}
+
+int OXVisionVideoInput::getResolution() {
+  OXCriticalSectionRead lock(fVisionModulesLock);
+  return fCameraProperties[fActiveCamera]->fResolution;
+}
+
+int OXVisionVideoInput::getColorSpace() {
+  OXCriticalSectionRead lock(fVisionModulesLock);
+  return fCameraProperties[fActiveCamera]->fColorSpace;
+}
+
+int OXVisionVideoInput::getFrameRate() {
+  OXCriticalSectionRead lock(fVisionModulesLock);
+  return fCameraProperties[fActiveCamera]->fFrameRate;
+}
+
+bool OXVisionVideoInput::isFrameGrabberOff() {
+  OXCriticalSectionRead lock(fVisionModulesLock);
+  return fCameraProperties[fActiveCamera]->fGrabberState.load() <= 0;
+}
+
+// After the first camera that fails no further driver is called; those started stay started.
+bool OXVisionVideoInput::startFrameGrabber() {
+  OXCriticalSectionWrite lock(fVisionModulesLock);
+  bool result = true;
+  for (int camera = 0; camera < fNbCameras && result; ++camera) {
+    result = xStartFrameGrabber(camera);
+  }
+  return result;
+}
+
+bool OXVisionVideoInput::stopFrameGrabber() {
+  OXCriticalSectionWrite lock(fVisionModulesLock);
+  bool result = true;
+  for (int camera = 0; camera < fNbCameras && result; ++camera) {
+    result = xStopFrameGrabber(camera);
+  }
+  return result;
+}
+
+OXValue OXVisionVideoInput::resolutionToSizes(const int& pResolution) {
+  int width = -1;
+  int height = -1;
+  setSizeFromResolution(pResolution, width, height);
+  if (width == -1 && height == -1) {
+    xThrow("resolutionToSizes()", "Only takes k4VGA, kVGA, kQVGA and kQQVGA as input", __LINE__);
+  }
+  OXValue sizes;
+  sizes.arraySetSize(2);
+  sizes[0] = OXValue(width);
+  sizes[1] = OXValue(height);
+  return sizes;
+}
+
+int OXVisionVideoInput::sizesToResolution(const int& pWidth, const int& pHeight) {
+  return getResolutionFromSize(pWidth, pHeight);
+}
+
+// The simulator overrides these; three of them borrow the label of putImage on purpose.
+bool OXVisionVideoInput::putImage(const int&, const int&, const int&, const OXValue&) {
+  xThrow("putImage()", texts::kOnlySimulator, __LINE__);
+}
+
+bool OXVisionVideoInput::putImage(const OXValue&) {
+  xThrow("putImage()", texts::kOnlySimulator, __LINE__);
+}
+
+bool OXVisionVideoInput::setSimCamInputSize(const int&, const int&) {
+  xThrow("putImage()", texts::kOnlySimulator, __LINE__);
+}
+
+OXValue OXVisionVideoInput::getExpectedImageParameters() {
+  xThrow("putImage()", texts::kOnlySimulator, __LINE__);
+}
+
+OXValue OXVisionVideoInput::getExpectedImageParameters(const int&) {
+  xThrow("getExpectedImageParameters()", texts::kOnlySimulator, __LINE__);
+}
+
+}  // namespace OX

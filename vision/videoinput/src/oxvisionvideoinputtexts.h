@@ -1,0 +1,102 @@
+// The texts of the video device, kept as data in one place: the module's description and
+// examples, and the message pieces of the checks that several operations share.
+#pragma once
+
+#include "oxvisionvideoinput.h"
+
+namespace OX {
+namespace videoinputtexts {
+
+constexpr const char* kCategory = "vision.oxvisionvideoinput";
+constexpr const char* kBufferCategory = "vision.oxvisionbuffer";
+// The one notice of subscribeCameras that goes to another camera's category.
+constexpr const char* kMultiStreamNoticeCategory = "vision.oxvisionatomcam";
+// The source name carried by every OXError of the device.
+constexpr const char* kSourceFile = "oxvisionvideoinput";
+
+constexpr const char* kModuleDescription =
+    "OXVideoDevice, formerly called Video Input systemis architectured in order to provide every "
+    "module related to vision, called vision module, a direct access to raw images from video "
+    "source, or an access to images transformed in the requested format.\n"
+    "  Extension name of the methods providing images depends on wether modules are local "
+    "(dynamic library) or remote (executable).";
+
+// The examples of the module, one entry per line; they are joined with line ends.
+constexpr const char* kCppExample[] = {
+    "  #Create a proxy on the video input system",
+    "  boost::shared_ptr<OXProxy> fCamera = getParentBroker()->getProxy( \"OXVideoDevice\" );",
+    "  fCameraProxy = boost::shared_ptr<OX::OXVideoDeviceProxy>(new "
+    "OX::OXVideoDeviceProxy(getParentBroker()));",
+    "  #Register a vision module to the system",
+    "  std::string pNameId = \"myModule\";",
+    "  pNameId = fCamProxy->subscribe(pNameId , pCameraIndex, pResolution, pColorSpace, pFps);",
+    "  #Get a pointer to the video source image and release the image when process is finished",
+    "  OXImage *pointer = (OXImage*)fCameraProxy->getImageLocal(pNameId);",
+    "  ...process...",
+    "  fCameraProxy->releaseImage(pNameId);",
+    "  #Unregister the vision module",
+    "  fCameraProxy->unsubscribe(pNameId);",
+};
+
+constexpr const char* kPythonExample[] = {
+    "  #Create a proxy on the video input module (V.I.M.)",
+    "  cameraProxy = OXProxy(\"OXVideoDevice\", \"127.0.0.1\", 7761)",
+    "  #Register a vision module to the system",
+    "  nameId = cameraProxy.subscribe(\"pythonModule\", cameraIndex, resolution, colorSpace, fps)",
+    "  #Get a pointer to the video source image and release the image when process is finished",
+    "  cameraProxy.getImageLocal(nameId)",
+    "  ...process...",
+    "  cameraProxy.releaseImage(nameId)",
+    "  #Unregister the vision module",
+    "  cameraProxy.unsubscribe(nameId)",
+};
+
+// How a subscriber operation refuses an unknown name and the other family's subscribers.
+struct SubscriberCheck {
+  const char* fMethod;           // the function of the OXError, with "()"
+  const char* fUnknownPiece;     // first piece of "<piece><name>) : module <name> unknown!"
+  bool fMultiStream;             // the family the operation serves
+  const char* fWrongFamilyTail;  // second piece of the wrong-family text
+};
+
+// How an operation with a camera index refuses an index out of range.
+struct CameraCheck {
+  const char* fPiece;   // text begins: "<piece><index>) : invalid Camera index"
+  const char* fMethod;  // the function of the OXError
+};
+
+using Subscriber = SubscriberCheck;
+using Camera = CameraCheck;
+
+constexpr const char* kMultiStreamRefused = "Multi stream module can't call this method, ";
+constexpr const char* kMonoStreamRefused = "Mono stream module can't call this method, ";
+
+// The plural operations share the "get" piece on purpose.
+constexpr Subscriber kGetCameraParameter = {"getCameraParameter()", "getCameraParameter(", false,
+                                            "use getCamerasParameter instead"};
+constexpr Subscriber kSetCameraParameter = {"setCameraParameter()", "setCameraParameter(", false,
+                                            "use setCamerasParameter instead"};
+constexpr Subscriber kSetCameraParameterToDefault = {"setCameraParameterToDefault()",
+                                                     "SetCameraParameterToDefault(", false,
+                                                     "use setCamerasParameterToDefault instead"};
+constexpr Subscriber kGetCamerasParameter = {"getCamerasParameter()", "getCamerasParameter(", true,
+                                             "use getCameraParameter instead"};
+constexpr Subscriber kSetCamerasParameter = {"setCamerasParameter()", "getCamerasParameter(", true,
+                                             "use setCameraParameter instead"};
+constexpr Subscriber kSetCamerasParameterToDefault = {"setCamerasParameterToDefault()",
+                                                      "getCamerasParameter(", true,
+                                                      "use setCameraParameterToDefault instead"};
+
+// isFrameGrabberOff reports with the words of stopFrameGrabber on purpose.
+constexpr Camera kGetCameraModel = {"getCameraModel(", "getCameraModel()"};
+constexpr Camera kIsFrameGrabberOff = {"stopFrameGrabber(", "isFrameGrabberOff()"};
+constexpr Camera kGetFrameRate = {"getFrameRate(", "getFrameRate()"};
+constexpr Camera kGetResolution = {"getResolution(", "getResolution()"};
+constexpr Camera kGetColorSpace = {"getColorSpace(", "getColorSpace()"};
+constexpr Camera kStartFrameGrabber = {"startFrameGrabber(", "startFrameGrabber()"};
+constexpr Camera kStopFrameGrabber = {"stopFrameGrabber(", "stopFrameGrabber()"};
+
+constexpr const char* kOnlySimulator = "Only implemented for simulator";
+
+}  // namespace videoinputtexts
+}  // namespace OX
