@@ -14,17 +14,7 @@ using vitest::FakeCam;
 using Pool = std::vector<OX::OXVisionBuffer*>;
 const char* const kCategory = "vision.oxvisionvideoinput";
 
-// Runs pCall, which must raise OXError; returns it.
-template <class F>
-OX::OXError raised(F pCall) {
-  try {
-    pCall();
-  } catch (const OX::OXError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no OXError raised";
-  return OX::OXError("", "", "", "", 0);
-}
+using vitest::raised;
 
 std::vector<int> counts(const Pool& pPool, int OX::OXVisionBuffer::*pCounter) {
   std::vector<int> result;

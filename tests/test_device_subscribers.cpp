@@ -13,21 +13,10 @@ namespace {
 using vitest::FakeCam;
 const char* const kCategory = "vision.oxvisionvideoinput";
 
-template <class F>
-OX::OXError raised(F pCall) {
-  try {
-    pCall();
-  } catch (const OX::OXError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no OXError raised";
-  return OX::OXError("", "", "", "", 0);
-}
+using vitest::raised;
 
 int errorRecords(const vitest::LogCapture& pCapture) {
-  int n = 0;
-  for (const auto& record : pCapture.records()) n += record.level == 2 ? 1 : 0;
-  return n;
+  return pCapture.countLevel(2);
 }
 
 // Frame-rate clamps, the HD rule and what a mono-stream subscription builds.

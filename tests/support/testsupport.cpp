@@ -33,6 +33,13 @@ int LogCapture::count(const std::string& pMessage) const {
   return n;
 }
 
+int LogCapture::countLevel(int pLevel) const {
+  std::lock_guard<std::mutex> guard(fMutex);
+  int n = 0;
+  for (const auto& record : fRecords) n += record.level == pLevel ? 1 : 0;
+  return n;
+}
+
 bool LogCapture::has(int pLevel, const std::string& pCategory, const std::string& pMessage) const {
   std::lock_guard<std::mutex> guard(fMutex);
   for (const auto& record : fRecords) {

@@ -7,7 +7,10 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "kilog.h"
+#include "oxerror.h"
 
 namespace vitest {
 
@@ -22,6 +25,8 @@ class LogCapture {
   std::vector<ki::log::Record> records() const;
   // Records whose message equals pMessage exactly.
   int count(const std::string& pMessage) const;
+  // Records of this level.
+  int countLevel(int pLevel) const;
   // True when some record has this level, category and exact message.
   bool has(int pLevel, const std::string& pCategory, const std::string& pMessage) const;
   void clear();
@@ -57,6 +62,18 @@ class TestClock {
  private:
   std::atomic<int64_t> fNow;
 };
+
+// Runs pCall, which must raise OXError, and returns the error (a test failure when none came).
+template <class F>
+OX::OXError raised(F pCall) {
+  try {
+    pCall();
+  } catch (const OX::OXError& error) {
+    return error;
+  }
+  ADD_FAILURE() << "no OXError raised";
+  return OX::OXError("", "", "", "", 0);
+}
 
 // Path of a library or program of the build.
 std::string libraryPath(const std::string& pName);
