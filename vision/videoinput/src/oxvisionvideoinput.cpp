@@ -76,7 +76,7 @@ void OXVisionVideoInput::xBindMethods() {}
 void OXVisionVideoInput::xBindDeprecatedMethods() {}
 
 int OXVisionVideoInput::xCurrentCamera(const VisionModuleInfo& pInfo) const {
-  return pInfo.fActiveCamera >= 0 ? pInfo.fActiveCamera : fActiveCamera;
+  return pInfo.fActiveCamera >= 0 ? pInfo.fActiveCamera : fActiveCamera.load();
 }
 
 void OXVisionVideoInput::xLog(int pLevel, const std::string& pFunction, const std::string& pMessage,

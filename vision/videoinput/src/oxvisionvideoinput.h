@@ -6,6 +6,7 @@
 // ("takes W/R": takes the lock for writing/reading) or expects held ("W held").
 #pragma once
 
+#include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <map>
 #include <memory>
@@ -212,7 +213,8 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   void xLog(int pLevel, const std::string& pFunction, const std::string& pMessage,
             const char* pCategory = nullptr) const;
 
-  int fActiveCamera;
+  // Atomic: the simulator's push reads it without the device lock.
+  std::atomic<int> fActiveCamera;
   int fDefaultResolution;
   int fNbCameras;
   std::vector<boost::shared_ptr<RealCameraProperties>> fCameraProperties;

@@ -36,14 +36,8 @@ int OXVisionVideoInput::getColorSpace(Name) {
 bool OXVisionVideoInput::setColorSpace(Name, const int&) {
   xPending("setColorSpace", __LINE__);
 }
-OXImage* OXVisionVideoInput::getDirectRawImageLocal(Name) {
-  xPending("getDirectRawImageLocal", __LINE__);
-}
 OXValue OXVisionVideoInput::getDirectRawImageRemote(Name) {
   xPending("getDirectRawImageRemote", __LINE__);
-}
-bool OXVisionVideoInput::releaseDirectRawImage(Name) {
-  xPending("releaseDirectRawImage", __LINE__);
 }
 OXImage* OXVisionVideoInput::getImageLocal(Name) {
   xPending("getImageLocal", __LINE__);

@@ -62,29 +62,27 @@ int OXVisionVideoInput::getActiveCamera() {
   return fActiveCamera;
 }
 
+// The device-wide forms read the active camera, which the camera selection may set one past the
+// last camera: such an index is refused with the texts of the indexed forms.
 int OXVisionVideoInput::getCameraModelID() {
-  OXCriticalSectionRead lock(fVisionModulesLock);
-  return fCameraProperties[fActiveCamera]->fCameraModel;
+  return xReadCamera(fActiveCamera, texts::kGetCameraModel, __LINE__,
+                     [](const RealCameraProperties& pCamera) { return pCamera.fCameraModel; });
 }
 
 int OXVisionVideoInput::getResolution() {
-  OXCriticalSectionRead lock(fVisionModulesLock);
-  return fCameraProperties[fActiveCamera]->fResolution;
+  return getResolution(fActiveCamera);
 }
 
 int OXVisionVideoInput::getColorSpace() {
-  OXCriticalSectionRead lock(fVisionModulesLock);
-  return fCameraProperties[fActiveCamera]->fColorSpace;
+  return getColorSpace(fActiveCamera);
 }
 
 int OXVisionVideoInput::getFrameRate() {
-  OXCriticalSectionRead lock(fVisionModulesLock);
-  return fCameraProperties[fActiveCamera]->fFrameRate;
+  return getFrameRate(fActiveCamera);
 }
 
 bool OXVisionVideoInput::isFrameGrabberOff() {
-  OXCriticalSectionRead lock(fVisionModulesLock);
-  return fCameraProperties[fActiveCamera]->fGrabberState.load() <= 0;
+  return isFrameGrabberOff(fActiveCamera);
 }
 
 // After the first camera that fails no further driver is called; those started stay started.

@@ -87,7 +87,7 @@ std::string OXVisionVideoInput::subscribeCamera(const std::string& pName, const 
     // The checks change nothing; the read lock only gives a consistent view of the device's
     // active camera and the camera's resolution.
     OXCriticalSectionRead lock(fVisionModulesLock);
-    camera = pCameraIndex >= 0 ? pCameraIndex : fActiveCamera;
+    camera = pCameraIndex >= 0 ? pCameraIndex : fActiveCamera.load();
     const bool inRange = camera >= 0 && camera < fNbCameras;
     if (!xIsResolutionValid(pResolution, camera)) {
       std::string message = subscribeHead(pName) + "\n" + std::to_string(pResolution) +
@@ -252,7 +252,9 @@ void OXVisionVideoInput::unsubscribe(const std::string& pName) {
         return;
       }
       const int current = xCurrentCamera(*info);
-      if (info->fRequestedProperties[current]->fLockedImage == nullptr) {
+      // The device's camera may stand one past the last camera: nothing can be held there.
+      const bool onCamera = current >= 0 && current < fNbCameras;
+      if (!onCamera || info->fRequestedProperties[current]->fLockedImage == nullptr) {
         if (info->fIsRecording) xCloseVideo(info);
         for (int i = 0; i < fNbCameras; ++i) {
           info->fActiveCamera = i;
@@ -261,10 +263,12 @@ void OXVisionVideoInput::unsubscribe(const std::string& pName) {
         }
         // Lower the camera if this subscriber was the one who kept it high; xUpdateParam still
         // counts the leaving subscriber, which is in the map until the end.
-        const RealCameraProperties& real = *fCameraProperties[current];
-        if (info->fRequestedProperties[current]->fResolution == real.fResolution ||
-            info->fFrameRate == real.fFrameRate) {
-          xUpdateParam(current);
+        if (onCamera) {
+          const RealCameraProperties& real = *fCameraProperties[current];
+          if (info->fRequestedProperties[current]->fResolution == real.fResolution ||
+              info->fFrameRate == real.fFrameRate) {
+            xUpdateParam(current);
+          }
         }
         fVisionModules.erase(pName);
         return;

@@ -4,6 +4,7 @@
 
 #include "kilog.h"
 #include "oxproxies.h"
+#include "oxvisionsimulatorcam.h"
 
 namespace {
 const std::string moduleVideoInputName = "VideoInput";
@@ -67,10 +68,11 @@ extern "C" int _createModule(boost::shared_ptr<OX::OXBroker> pBroker) {
 
   switch (found->second) {
     case 2:
-      // The simulator camera arrives with its own sources; until then this build refuses it.
-      ki::log::LogStream(2, kCategory, "", "_createModule", 0)
-          << "VideoInput: SimulatorCam is not available in this build";
-      return 1;
+      ki::log::LogStream(5, kCategory, "", "_createModule", 0)
+          << "VideoInput: loading SimulatorCam";
+      // The broker's registry keeps the module alive; the pointer is not needed here.
+      OX::OXModule::createModule<OX::OXVisionSimulatorCam>(pBroker);
+      return 0;
     case 3:
       ki::log::LogStream(2, kCategory, "", "_createModule", 0)
           << "VideoInput: FileCam is not available in this build";

@@ -1,0 +1,131 @@
+// The simulator camera's resampling (xReSize) at the three typical pairs of sizes, against a
+// memcpy of the output (BM_ReSize_Reference) and against libyuv's RGB24 to YUY2 path at the
+// output size (BM_ReSizeVsLibyuv_Reference). libyuv is not bit-exact to our formula and does not
+// resample here: it is a speed reference only. MB/s are bytes of output.
+#include <benchmark/benchmark.h>
+#include <libyuv.h>
+
+#include <cstring>
+#include <vector>
+
+#include "oxbroker.h"
+#include "oxtypes.h"
+#include "oxvisionsimulatorcam.h"
+
+namespace OX {
+
+// The camera's friend hook, defined here for the benchmark alone.
+struct SimulatorCamTestHook {
+  static bool reSize(OXVisionSimulatorCam& pCam, OXImage& pSource, unsigned char* pTarget) {
+    return pCam.xReSize(0, pSource, pTarget);
+  }
+  static CameraDriverBuffer& store(OXVisionSimulatorCam& pCam) {
+    return *pCam.fCameraDriverBuffers[0];
+  }
+  static void setResolution(OXVisionSimulatorCam& pCam, int pResolution) {
+    pCam.fCameraProperties[0]->fResolution = static_cast<int8_t>(pResolution);
+  }
+};
+
+}  // namespace OX
+
+namespace {
+
+using Hook = OX::SimulatorCamTestHook;
+
+// 0: 640x480 into 640x480, 1: 1280x960 into 160x120, 2: 160x120 into 1280x960.
+constexpr int kCases[][2] = {
+    {OX::kVGA, OX::kVGA}, {OX::k4VGA, OX::kQQVGA}, {OX::kQQVGA, OX::k4VGA}};
+
+struct Sizes {
+  int fInWidth, fInHeight, fOutWidth, fOutHeight;
+  size_t outBytes() const { return static_cast<size_t>(fOutWidth) * fOutHeight * 2; }
+};
+
+Sizes sizesOf(int pCase) {
+  Sizes sizes{};
+  OX::setSizeFromResolution(kCases[pCase][0], sizes.fInWidth, sizes.fInHeight);
+  OX::setSizeFromResolution(kCases[pCase][1], sizes.fOutWidth, sizes.fOutHeight);
+  return sizes;
+}
+
+// A simulator camera holding one pushed frame of the case's input size.
+struct Fixture {
+  explicit Fixture(int pCase) : fSizes(sizesOf(pCase)) {
+    fBroker = OX::OXBroker::createBroker("bench", {});
+    fCam = OX::OXModule::createModule<OX::OXVisionSimulatorCam>(fBroker);
+    std::vector<unsigned char> rgb(static_cast<size_t>(fSizes.fInWidth) * fSizes.fInHeight * 3);
+    for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<unsigned char>(i * 7 + (i >> 9));
+    fCam->putImage(0, fSizes.fInWidth, fSizes.fInHeight,
+                   OX::OXValue::binary(rgb.data(), static_cast<int>(rgb.size())));
+    Hook::setResolution(*fCam, kCases[pCase][1]);
+    OX::CameraDriverBuffer& store = Hook::store(*fCam);
+    fSource = store.fInputBuffers[store.fLastInputBuffer]->fImage;
+    fTarget.resize(1280 * 960 * 2);
+  }
+  Sizes fSizes;
+  boost::shared_ptr<OX::OXBroker> fBroker;
+  boost::shared_ptr<OX::OXVisionSimulatorCam> fCam;
+  OX::OXImage* fSource = nullptr;
+  std::vector<unsigned char> fTarget;
+};
+
+void runReSize(benchmark::State& pState) {
+  Fixture fixture(static_cast<int>(pState.range(0)));
+  for (auto _ : pState) {
+    if (!Hook::reSize(*fixture.fCam, *fixture.fSource, fixture.fTarget.data())) {
+      pState.SkipWithError("xReSize refused the case");
+      break;
+    }
+    benchmark::DoNotOptimize(fixture.fTarget.data());
+    benchmark::ClobberMemory();
+  }
+  pState.SetBytesProcessed(static_cast<int64_t>(pState.iterations() * fixture.fSizes.outBytes()));
+}
+
+void BM_ReSize(benchmark::State& pState) {
+  runReSize(pState);
+}
+
+// The same kernel again, paired with libyuv for the ratio script.
+void BM_ReSizeVsLibyuv(benchmark::State& pState) {
+  runReSize(pState);
+}
+
+void BM_ReSize_Reference(benchmark::State& pState) {
+  const Sizes sizes = sizesOf(static_cast<int>(pState.range(0)));
+  std::vector<unsigned char> source(sizes.outBytes(), 7);
+  std::vector<unsigned char> target(sizes.outBytes());
+  for (auto _ : pState) {
+    std::memcpy(target.data(), source.data(), target.size());
+    benchmark::DoNotOptimize(target.data());
+    benchmark::ClobberMemory();
+  }
+  pState.SetBytesProcessed(static_cast<int64_t>(pState.iterations() * sizes.outBytes()));
+}
+
+// libyuv has no direct RGB24 to YUY2: RGB24ToARGB then ARGBToYUY2, at the output size.
+void BM_ReSizeVsLibyuv_Reference(benchmark::State& pState) {
+  const Sizes sizes = sizesOf(static_cast<int>(pState.range(0)));
+  const int width = sizes.fOutWidth;
+  const int height = sizes.fOutHeight;
+  std::vector<unsigned char> rgb(static_cast<size_t>(width) * height * 3);
+  for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<unsigned char>(i * 7 + (i >> 9));
+  std::vector<unsigned char> argb(static_cast<size_t>(width) * height * 4);
+  std::vector<unsigned char> yuy2(sizes.outBytes());
+  for (auto _ : pState) {
+    libyuv::RGB24ToARGB(rgb.data(), width * 3, argb.data(), width * 4, width, height);
+    libyuv::ARGBToYUY2(argb.data(), width * 4, yuy2.data(), width * 2, width, height);
+    benchmark::DoNotOptimize(yuy2.data());
+    benchmark::ClobberMemory();
+  }
+  pState.SetBytesProcessed(static_cast<int64_t>(pState.iterations() * sizes.outBytes()));
+}
+
+}  // namespace
+
+BENCHMARK(BM_ReSize)->DenseRange(0, 2);
+BENCHMARK(BM_ReSize_Reference)->DenseRange(0, 2);
+BENCHMARK(BM_ReSizeVsLibyuv)->DenseRange(0, 2);
+BENCHMARK(BM_ReSizeVsLibyuv_Reference)->DenseRange(0, 2);
+BENCHMARK_MAIN();

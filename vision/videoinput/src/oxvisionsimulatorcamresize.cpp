@@ -1,0 +1,186 @@
+// Resampling: one pass from a pushed RGB frame to a YUV422 frame of the camera's resolution.
+// Downward by plain decimation, upward by pixel replication, no filtering. Row kernels convert;
+// the plane loops pick rows and strides. The plain integer kernels are the reference; faster
+// variants are selected through activeKernels() and must match them byte for byte.
+#include <atomic>
+#include <cstring>
+
+#include "oxtypes.h"
+#include "oxvisionsimulatorcam.h"
+#include "oxvisionsimulatorcamtexts.h"
+
+namespace OX {
+
+namespace texts = simulatortexts;
+
+namespace simulatorkernels {
+
+namespace {
+
+// ITU-R BT.601 studio range, integer coefficients scaled by 256, rounding offset 128. Y adds 16,
+// U and V add 128. No clamping: for 8-bit input every value fits a byte.
+struct Coefficients {
+  int fR;
+  int fG;
+  int fB;
+  int fOffset;
+};
+constexpr Coefficients kY = {66, 129, 25, 16};
+constexpr Coefficients kU = {-38, -74, 112, 128};
+constexpr Coefficients kV = {112, -94, -18, 128};
+constexpr int kRounding = 128;
+constexpr int kShift = 8;
+
+inline int component(const Coefficients& pC, const unsigned char* pRgb) {
+  // The shift of a negative sum is arithmetic (C++20 defines it, every compiler does it).
+  return ((pC.fR * pRgb[0] + pC.fG * pRgb[1] + pC.fB * pRgb[2] + kRounding) >> kShift) + pC.fOffset;
+}
+
+inline unsigned char lumaOf(const unsigned char* pRgb) {
+  return static_cast<unsigned char>(component(kY, pRgb));
+}
+inline unsigned char chromaU(const unsigned char* pRgb) {
+  return static_cast<unsigned char>(component(kU, pRgb));
+}
+inline unsigned char chromaV(const unsigned char* pRgb) {
+  return static_cast<unsigned char>(component(kV, pRgb));
+}
+
+void pairRowReference(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
+                      unsigned char* pTarget, int pPairs) {
+  for (int i = 0; i < pPairs; ++i) {
+    // The means are of the two 8-bit values, truncating.
+    pTarget[0] = lumaOf(pLeft);
+    pTarget[1] = static_cast<unsigned char>((chromaU(pLeft) + chromaU(pRight)) >> 1);
+    pTarget[2] = lumaOf(pRight);
+    pTarget[3] = static_cast<unsigned char>((chromaV(pLeft) + chromaV(pRight)) >> 1);
+    pTarget += 4;
+    pLeft += pStep;
+    pRight += pStep;
+  }
+}
+
+void replicateRowReference(const unsigned char* pSource, int pWidth, int pRatio,
+                           unsigned char* pTarget) {
+  for (int x = 0; x < pWidth; ++x, pSource += 3) {
+    const unsigned char y = lumaOf(pSource);
+    const unsigned char u = chromaU(pSource);
+    const unsigned char v = chromaV(pSource);
+    for (int pair = 0; pair < pRatio / 2; ++pair) {
+      pTarget[0] = y;
+      pTarget[1] = u;
+      pTarget[2] = y;
+      pTarget[3] = v;
+      pTarget += 4;
+    }
+  }
+}
+
+constexpr Kernels kReference = {pairRowReference, replicateRowReference};
+
+std::atomic<bool> gForceReference{false};
+
+// The fastest variant for this processor. Only the reference exists so far.
+const Kernels& selectedKernels() {
+  return kReference;
+}
+
+}  // namespace
+
+const Kernels& referenceKernels() {
+  return kReference;
+}
+
+const Kernels& activeKernels() {
+  return gForceReference ? kReference : selectedKernels();
+}
+
+void forceReferenceKernelsForTesting(bool pForce) {
+  gForceReference = pForce;
+}
+
+}  // namespace simulatorkernels
+
+namespace {
+
+// Which resampling turns a frame of resolution `in` into one of resolution `out`: a positive
+// ratio subsamples, a negative one oversamples, 0 is not handled.
+constexpr int kResampling[4][4] = {
+    {0, -2, -4, -8},
+    {2, 0, -2, -4},
+    {4, 2, 0, -2},
+    {8, 4, 2, 0},
+};
+
+bool isHandledRatio(int pRatio) {
+  return pRatio == 2 || pRatio == 4 || pRatio == 8;
+}
+
+}  // namespace
+
+bool OXVisionSimulatorCam::xReSize(int pCamera, OXImage& pSource, unsigned char* pTarget) {
+  const int in = fCameraDriverBuffers[pCamera]->fInputResolution;
+  const int width = pSource.fWidth;
+  const int height = pSource.fHeight;
+  if (in == fCameraProperties[pCamera]->fResolution) {
+    // Same size: the whole frame is one run of pairs.
+    const int pixels = width * height;
+    if (pixels > 0) {
+      simulatorkernels::activeKernels().fPairRow(pSource.fData, pSource.fData + 3, 6, pTarget,
+                                                 ((pixels - 1) >> 1) + 1);
+    }
+    return true;
+  }
+  if (in < kQQVGA || in > k4VGA) {
+    xLog(2, "xReSize", texts::kNativeUnsupported, texts::kCategory);
+    return false;
+  }
+  // The size asked is that of the device's active camera, not of pCamera: kept as designed. An
+  // active camera outside the table has no resolution, like an unknown one.
+  const int active = fActiveCamera;
+  if (active < 0 || active >= static_cast<int>(fCameraProperties.size())) return false;
+  const int out = fCameraProperties[active]->fResolution;
+  if (out < kQQVGA || out > k4VGA) return false;
+  const int ratio = kResampling[in][out];
+  if (ratio > 0) return xSubSample(ratio, width, height, pSource.fData, pTarget);
+  if (ratio < 0) return xOverSample(-ratio, width, height, pSource.fData, pTarget);
+  return false;
+}
+
+bool OXVisionSimulatorCam::xSubSample(int pRatio, int pWidth, int pHeight,
+                                      const unsigned char* pSource, unsigned char* pTarget) {
+  if (!isHandledRatio(pRatio)) return false;
+  const int n = pRatio;
+  const int rows = pHeight / n;
+  const int cols = pWidth / n;
+  if (rows <= 0) return true;
+  const simulatorkernels::PairRow pairRow = simulatorkernels::activeKernels().fPairRow;
+  // The right pixel lies (n / 2) x n pixels right of the left one and pairs are 2 n pixels
+  // apart: for n of 4 and 8 the last pairs read into the next row. Kept exactly as it is.
+  const int rightOffset = (n / 2) * n * 3;
+  const int pairs = (cols + 1) / 2;
+  for (int y = 0; y < rows; ++y) {
+    const unsigned char* left = pSource + static_cast<size_t>(y) * pWidth * n * 3;
+    unsigned char* target = pTarget + static_cast<size_t>((y * pWidth) / n) * 2;
+    pairRow(left, left + rightOffset, n * 6, target, pairs);
+  }
+  return true;
+}
+
+bool OXVisionSimulatorCam::xOverSample(int pRatio, int pWidth, int pHeight,
+                                       const unsigned char* pSource, unsigned char* pTarget) {
+  if (!isHandledRatio(pRatio)) return false;
+  const int n = pRatio;
+  const simulatorkernels::ReplicateRow replicateRow =
+      simulatorkernels::activeKernels().fReplicateRow;
+  const size_t targetStride = static_cast<size_t>(2) * n * pWidth;
+  for (int y = 0; y < pHeight; ++y) {
+    unsigned char* first = pTarget + static_cast<size_t>(y) * n * targetStride;
+    replicateRow(pSource + static_cast<size_t>(y) * pWidth * 3, pWidth, n, first);
+    // The n target rows of a source row are identical: convert once, copy the rest.
+    for (int k = 1; k < n; ++k) std::memcpy(first + k * targetStride, first, targetStride);
+  }
+  return true;
+}
+
+}  // namespace OX
