@@ -197,6 +197,28 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   // Takes back every image that a subscriber holds.
   void xForceReleaseBuffer(const std::string& pName);
 
+  // --- Colour-space conversion (W held for all of them) ---
+  // Converts the raw image for stream pCameraIndex of pModule into the oldest free buffer of the
+  // subscriber's format and returns its index, which the caller then holds for reading; -1 (and
+  // a record) when the pool has no such buffer.
+  int xConvertImage(int pCameraIndex, boost::shared_ptr<VisionModuleInfo>& pModule,
+                    const OXImage* pRawImage);
+  // One sequential pass over the raw frame into fCopyBuffer, ahead of the kernels.
+  void xApplyPatchForKernelMemcopy(const OXImage* pSource);
+  // The kernels from kYUV422: the destination's width and height say what to produce (source
+  // rows and macro-pixels are skipped by the ratio of the widths); its format is not looked at.
+  // The test hook conversionkernels::forceReferenceKernelsForTesting picks their variant.
+  void xYUV422toYuv(const OXImage* pSource, OXImage* pDestination);
+  void xYUV422toHsy(const OXImage* pSource, OXImage* pDestination);
+  void xYUV422toYUV422(const OXImage* pSource, OXImage* pDestination);
+  void xYUV422toYUV(const OXImage* pSource, OXImage* pDestination);
+  void xYUV422toRGB(const OXImage* pSource, OXImage* pDestination);
+  void xYUV422toHSY(const OXImage* pSource, OXImage* pDestination);
+  void xYUV422toBGR(const OXImage* pSource, OXImage* pDestination);
+  void xYUV422toYYCbCr(const OXImage* pSource, OXImage* pDestination);
+  void xYUV422toH2RGB(const OXImage* pSource, OXImage* pDestination);
+  void xYUV422toHSMixed(const OXImage* pSource, OXImage* pDestination);
+
   // Whether a record of the list has this identifier.
   static bool xIsInParams(std::vector<paramIDConvert> pList, int pParamID);
 
