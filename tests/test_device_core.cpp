@@ -374,8 +374,8 @@ TEST(DeviceCore, DeviceQueriesAndGrabber) {
   EXPECT_EQ(cam->sizesToResolution(640, 480), OX::kVGA);
   EXPECT_EQ(cam->sizesToResolution(641, 480), -1);
   // The temporary bodies refuse with a logged error too.
-  EXPECT_EQ(raised([&] { cam->getImageLocal("m"); }).getDescription(),
-            "getImageLocal is not available yet");
+  EXPECT_EQ(raised([&] { cam->getFrameRate("m"); }).getDescription(),
+            "getFrameRate is not available yet");
 }
 
 }  // namespace

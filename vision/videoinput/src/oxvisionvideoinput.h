@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ivideoinput.h"
@@ -24,6 +25,10 @@ namespace videoinputtexts {
 struct SubscriberCheck;
 struct CameraCheck;
 }  // namespace videoinputtexts
+
+// An image's time stamp as (seconds, microseconds), by truncating division: the freshness rules
+// of the delivery compare these parts.
+std::pair<int64_t, int64_t> getTimeStamp(const OXImage& pImage);
 
 // Parameter identifiers that the core knows by number; all others pass through to the driver.
 enum : int {
@@ -64,12 +69,14 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
                           const int& pValue) override;  // takes W
   bool setCameraParameterToDefault(const std::string& pName,
                                    const int& pParam) override;        // takes W
-  OXImage* getDirectRawImageLocal(const std::string& pName) override;  // pending
-  OXValue getDirectRawImageRemote(const std::string& pName) override;  // pending
-  bool releaseDirectRawImage(const std::string& pName) override;       // pending
-  OXImage* getImageLocal(const std::string& pName) override;           // pending
-  OXValue getImageRemote(const std::string& pName) override;           // pending
-  bool releaseImage(const std::string& pName) override;                // pending
+  OXImage* getDirectRawImageLocal(const std::string& pName) override;  // takes W
+  // Takes W for the request, copies outside it, then releases (takes W again).
+  OXValue getDirectRawImageRemote(const std::string& pName) override;
+  bool releaseDirectRawImage(const std::string& pName) override;  // takes W (re-entered)
+  OXImage* getImageLocal(const std::string& pName) override;      // takes W
+  // Takes W for the request, copies outside it, then releases (takes W again).
+  OXValue getImageRemote(const std::string& pName) override;
+  bool releaseImage(const std::string& pName) override;  // takes W
   // Checks under R, then registers under W.
   std::string subscribeCameras(const std::string& pName, const OXValue& pCameraIndexes,
                                const OXValue& pResolutions, const OXValue& pColorSpaces,
@@ -84,13 +91,15 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   OXValue setCamerasParameter(const std::string& pName, const int& pParam,
                               const OXValue& pValues) override;  // takes W
   OXValue setCamerasParameterToDefault(const std::string& pName,
-                                       const int& pParam) override;     // takes W
-  OXValue getDirectRawImagesLocal(const std::string& pName) override;   // pending
-  OXValue getDirectRawImagesRemote(const std::string& pName) override;  // pending
-  OXValue releaseDirectRawImages(const std::string& pName) override;    // pending
-  OXValue getImagesLocal(const std::string& pName) override;            // pending
-  OXValue getImagesRemote(const std::string& pName) override;           // pending
-  OXValue releaseImages(const std::string& pName) override;             // pending
+                                       const int& pParam) override;    // takes W
+  OXValue getDirectRawImagesLocal(const std::string& pName) override;  // takes W
+  // Takes W for the request, fills fBinaryBuffer under fBinaryBufferLock, takes W to release.
+  OXValue getDirectRawImagesRemote(const std::string& pName) override;
+  OXValue releaseDirectRawImages(const std::string& pName) override;  // takes W
+  OXValue getImagesLocal(const std::string& pName) override;          // takes W
+  // Takes W for the request, fills fBinaryBuffer under fBinaryBufferLock, then releases.
+  OXValue getImagesRemote(const std::string& pName) override;
+  OXValue releaseImages(const std::string& pName) override;  // takes W
   bool recordVideo(const std::string& pName, const std::string& pPath, const int& pTotalNumber,
                    const int& pPeriod) override;      // pending
   bool stopVideo(const std::string& pName) override;  // pending
@@ -130,8 +139,8 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   virtual bool xStartFrameGrabber(const int& pCameraIndex) = 0;  // W held; true when running
   virtual bool xStopFrameGrabber(const int& pCameraIndex) = 0;   // W held
 
-  virtual OXImage* xGetImage(const std::string& pName);                // pending; W held
-  virtual std::vector<OXImage*> xGetImages(const std::string& pName);  // pending; W held
+  virtual OXImage* xGetImage(const std::string& pName);                // W held
+  virtual std::vector<OXImage*> xGetImages(const std::string& pName);  // W held
 
  public:
   // Same as subscribeCamera with camera -1 (follows the device's active camera).
@@ -139,6 +148,9 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
                         const int& pFps) override;
   // Takes W for the whole walk (unsubscribe re-enters it). Leaves the instance with suffix 8.
   void unsubscribeAllInstances(const std::string& pName) override;
+  // Takes and gives back a raw image without handing it over; "lastVideoBuffer", or "" for an
+  // unknown subscriber. Takes W and re-enters it through releaseDirectRawImage.
+  std::string getDirectRawImageInterprocess(const std::string& pName);
   // Callback of "ClientDisconnected"; takes R to look, then unsubscribe.
   void onClientDisconnected(const std::string& pEventName, const OXValue& pValue,
                             const std::string& pSubscriberId) override;
@@ -171,6 +183,9 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   OXValue getExpectedImageParameters() override;                            // refused; no lock
   bool setSimCamInputSize(const int& pWidth, const int& pHeight) override;  // refused; no lock
   bool putImage(const OXValue& pImage) override;                            // refused; no lock
+
+  // Conversions run by the delivery paths since construction: lets tests count work, not time.
+  int conversionCountForTesting() const { return fConversionCount.load(); }
 
   // What a camera must run at, from every subscriber's wishes. W held; takes no lock.
   bool xUpdateParam(const int& pCameraIndex);
@@ -247,6 +262,8 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   std::vector<paramIDConvert> fDeviceParamIDs;
   std::unique_ptr<char[]> fCopyBuffer;    // kCopyBufferSize bytes, allocated once
   std::unique_ptr<char[]> fBinaryBuffer;  // kBinaryBufferSize bytes, allocated once
+  // The remote replies fill fBinaryBuffer outside fVisionModulesLock: this keeps each reply whole.
+  boost::shared_ptr<OXMutex> fBinaryBufferLock = OXMutex::createOXMutex();
 
   // No camera runs, and no subscriber is served, below this frame rate.
   static constexpr int kLowestFrameRate = 5;
@@ -274,6 +291,18 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   [[noreturn]] void xSubscribeFailed(bool pMultiStream, const std::string& pMessage,
                                      int pLine) const;
   bool xCloseVideo(const boost::shared_ptr<VisionModuleInfo>& pInfo);  // W held
+  // xConvertImage, counted for conversionCountForTesting; W held.
+  int xConvertCounted(int pCameraIndex, boost::shared_ptr<VisionModuleInfo>& pModule,
+                      const OXImage* pRawImage);
+  // Raises (logged) when a delivery would index a camera that the device does not have.
+  void xCheckDeliveryCamera(const std::string& pName, int pCameraIndex, const char* pMethod,
+                            const VisionModuleInfo& pInfo, int pLine) const;
+  // Whether the subscriber's hold on that camera is a converted image of the device's pool.
+  bool xHoldsConvertedImage(const VisionModuleInfo& pInfo, int pCameraIndex) const;
+  // The reply of the plural remote forms: one array per image, element 6 emptied, and all pixels
+  // joined in one trailing binary. Invalid (and a record) when they would not fit fBinaryBuffer.
+  OXValue xJoinedReply(const std::vector<OXImage*>& pImages, const char* pFunction);
+  std::atomic<int> fConversionCount{0};
   // Raised by the operations that a later change implements.
   [[noreturn]] void xPending(const std::string& pOperation, int pLine) const;
 };

@@ -1,5 +1,5 @@
-// TEMPORARY: the operations of the device that later changes implement (delivery, raw access,
-// settings, recording, geometry). Each refuses with a logged OXError until then. Delete each body
+// TEMPORARY: the operations of the device that later changes implement (settings, recording,
+// geometry). Each refuses with a logged OXError until then. Delete each body
 // from here as its real one lands.
 #include "oxvisionvideoinput.h"
 
@@ -36,18 +36,6 @@ int OXVisionVideoInput::getColorSpace(Name) {
 bool OXVisionVideoInput::setColorSpace(Name, const int&) {
   xPending("setColorSpace", __LINE__);
 }
-OXValue OXVisionVideoInput::getDirectRawImageRemote(Name) {
-  xPending("getDirectRawImageRemote", __LINE__);
-}
-OXImage* OXVisionVideoInput::getImageLocal(Name) {
-  xPending("getImageLocal", __LINE__);
-}
-OXValue OXVisionVideoInput::getImageRemote(Name) {
-  xPending("getImageRemote", __LINE__);
-}
-bool OXVisionVideoInput::releaseImage(Name) {
-  xPending("releaseImage", __LINE__);
-}
 OXValue OXVisionVideoInput::getActiveCameras(Name) {
   xPending("getActiveCameras", __LINE__);
 }
@@ -65,24 +53,6 @@ OXValue OXVisionVideoInput::getColorSpaces(Name) {
 }
 OXValue OXVisionVideoInput::setColorSpaces(Name, const OXValue&) {
   xPending("setColorSpaces", __LINE__);
-}
-OXValue OXVisionVideoInput::getDirectRawImagesLocal(Name) {
-  xPending("getDirectRawImagesLocal", __LINE__);
-}
-OXValue OXVisionVideoInput::getDirectRawImagesRemote(Name) {
-  xPending("getDirectRawImagesRemote", __LINE__);
-}
-OXValue OXVisionVideoInput::releaseDirectRawImages(Name) {
-  xPending("releaseDirectRawImages", __LINE__);
-}
-OXValue OXVisionVideoInput::getImagesLocal(Name) {
-  xPending("getImagesLocal", __LINE__);
-}
-OXValue OXVisionVideoInput::getImagesRemote(Name) {
-  xPending("getImagesRemote", __LINE__);
-}
-OXValue OXVisionVideoInput::releaseImages(Name) {
-  xPending("releaseImages", __LINE__);
 }
 bool OXVisionVideoInput::recordVideo(Name, Name, const int&, const int&) {
   xPending("recordVideo", __LINE__);
@@ -127,12 +97,6 @@ FloatList OXVisionVideoInput::getImgInfoFromAngInfo(const FloatList&) {
 }
 FloatList OXVisionVideoInput::getImgInfoFromAngInfoWithRes(const FloatList&, const int&) {
   xPending("getImgInfoFromAngInfoWithRes", __LINE__);
-}
-OXImage* OXVisionVideoInput::xGetImage(Name) {
-  xPending("xGetImage", __LINE__);
-}
-std::vector<OXImage*> OXVisionVideoInput::xGetImages(Name) {
-  xPending("xGetImages", __LINE__);
 }
 float OXVisionVideoInput::xHorizontalApertureRad(int) {
   xPending("xHorizontalApertureRad", __LINE__);

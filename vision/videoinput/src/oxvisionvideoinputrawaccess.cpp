@@ -1,5 +1,6 @@
-// Raw image access, one stream: a subscriber borrows the camera's raw frame without conversion
-// and without a copy in the device, and gives it back. The holding is the camera's business.
+// Raw image access, one stream and several: a subscriber borrows the camera's raw frame without
+// conversion and without a copy in the device, and gives it back. The holding is the camera's
+// business: nothing here touches fLockedImage or the device's pools.
 #include "oxvisionvideoinput.h"
 #include "oxvisionvideoinputtexts.h"
 
@@ -44,6 +45,78 @@ bool OXVisionVideoInput::releaseDirectRawImage(const std::string& pName) {
     if (!xReleaseDirectRawImageDeep(pName, camera)) return false;
   }
   return true;
+}
+
+OXValue OXVisionVideoInput::getDirectRawImageRemote(const std::string& pName) {
+  OXImage* image = nullptr;
+  {
+    OXCriticalSectionWrite lock(fVisionModulesLock);
+    xFindSubscriber(pName, texts::kGetDirectRawImageRemote);
+    image = xGetDirectRawImage(pName, false);
+    // The recording step (without the patch) goes here once recording exists.
+  }
+  if (image == nullptr) return OXValue();
+  // Outside the lock: the camera keeps a lent frame until it is given back.
+  OXValue reply = image->toOXValue();
+  releaseDirectRawImage(pName);
+  return reply;
+}
+
+OXValue OXVisionVideoInput::getDirectRawImagesLocal(const std::string& pName) {
+  OXCriticalSectionWrite lock(fVisionModulesLock);
+  xFindSubscriber(pName, texts::kGetDirectRawImagesLocal);
+  // No recording step: a subscriber of several streams cannot record.
+  const std::vector<OXImage*> images = xGetDirectRawImages(pName);
+  OXValue result;
+  result.arrayReserve(static_cast<int>(images.size()));
+  for (size_t i = 0; i < images.size(); ++i) {
+    result[static_cast<int>(i)] = OXValue(images[i] != nullptr);
+  }
+  return result;
+}
+
+OXValue OXVisionVideoInput::getDirectRawImagesRemote(const std::string& pName) {
+  std::vector<OXImage*> images;
+  {
+    OXCriticalSectionWrite lock(fVisionModulesLock);
+    xFindSubscriber(pName, texts::kGetDirectRawImagesRemote);
+    images = xGetDirectRawImages(pName);
+  }
+  if (images.empty()) return OXValue();
+  OXValue reply = xJoinedReply(images, "getDirectRawImagesRemote");
+  OXCriticalSectionWrite lock(fVisionModulesLock);
+  if (fVisionModules.find(pName) == fVisionModules.end()) {
+    xThrow("getDirectRawImagesRemote()",
+           "getDirectRawImagesRemote(" + pName + ") : module " + pName + " unknown!", __LINE__);
+  }
+  // Every camera of the device, not only the subscriber's: what it holds nowhere stays held.
+  for (int camera = 0; camera < fNbCameras; ++camera) xReleaseDirectRawImageDeep(pName, camera);
+  return reply;
+}
+
+OXValue OXVisionVideoInput::releaseDirectRawImages(const std::string& pName) {
+  OXCriticalSectionWrite lock(fVisionModulesLock);
+  const boost::shared_ptr<VisionModuleInfo> info =
+      xFindSubscriber(pName, texts::kReleaseDirectRawImages);
+  // No stop at the first refusal: each camera gets its chance.
+  std::vector<int> results;
+  for (int camera : info->fActiveCameras) {
+    results.push_back(xReleaseDirectRawImageDeep(pName, camera) ? 1 : 0);
+  }
+  return OXValue(results);
+}
+
+std::string OXVisionVideoInput::getDirectRawImageInterprocess(const std::string& pName) {
+  // releaseDirectRawImage below takes this lock again on this thread: its writer may re-enter.
+  OXCriticalSectionWrite lock(fVisionModulesLock);
+  if (fVisionModules.find(pName) == fVisionModules.end()) {
+    xLog(2, "getDirectRawImageInterprocess",
+         "getDirectRawImageInterprocess(" + pName + ") : module " + pName + " unknown!\n");
+    return std::string();
+  }
+  xGetDirectRawImage(pName, false);
+  releaseDirectRawImage(pName);
+  return texts::kInterprocessName;
 }
 
 }  // namespace OX

@@ -98,5 +98,35 @@ constexpr Camera kStopFrameGrabber = {"stopFrameGrabber(", "stopFrameGrabber()"}
 
 constexpr const char* kOnlySimulator = "Only implemented for simulator";
 
+// Delivery and raw access. Several texts name a neighbouring operation on purpose: they are the
+// texts that clients match, and stay as they are.
+constexpr Subscriber kGetImageLocal = {"getImageLocal()", "getImageLocal(", false,
+                                       "use getImagesLocal instead"};
+constexpr Subscriber kGetImageRemote = {"getImageRemote()", "getDirectRawImageRemote(", false,
+                                        "use getDirectRawImagesRemote instead"};
+constexpr Subscriber kReleaseImage = {"releaseImage()", "releaseImage(", false,
+                                      "use releaseDirectRawImages instead"};
+constexpr Subscriber kGetImagesLocal = {"getImagesLocal()", "getDirectRawImagesLocal(", true,
+                                        "use getImageLocal instead"};
+constexpr Subscriber kGetImagesRemote = {"getImagesRemote()", "getImagesRemote(", true,
+                                         "use getImageRemote instead"};
+// releaseImages has a text of its own for an unknown name; only its wrong-family text is here.
+constexpr const char* kReleaseImagesMethod = "releaseImages()";
+constexpr const char* kReleaseImagesUnknown = ": Could not release image for unknown subscriber ";
+constexpr const char* kReleaseImagesWrongFamily = "use releaseImage instead";
+constexpr Subscriber kGetDirectRawImageRemote = {"getDirectRawImageRemote()",
+                                                 "getDirectRawImageRemote(", false,
+                                                 "use getDirectRawImagesRemote instead"};
+constexpr Subscriber kGetDirectRawImagesLocal = {"getDirectRawImagesLocal()",
+                                                 "getDirectRawImagesLocal(", true,
+                                                 "use getDirectRawImageLocal instead\n"};
+constexpr Subscriber kGetDirectRawImagesRemote = {"getDirectRawImagesRemote()",
+                                                  "getDirectRawImagesLocal(", true,
+                                                  "use getDirectRawImageRemote instead"};
+constexpr Subscriber kReleaseDirectRawImages = {"releaseDirectRawImages()",
+                                                "releaseDirectRawImages(", true,
+                                                "use releaseDirectRawImage instead"};
+constexpr const char* kInterprocessName = "lastVideoBuffer";
+
 }  // namespace videoinputtexts
 }  // namespace OX
