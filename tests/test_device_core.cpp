@@ -373,9 +373,6 @@ TEST(DeviceCore, DeviceQueriesAndGrabber) {
   EXPECT_EQ(cam->resolutionToSizes(3), OX::OXValue(std::vector<int>{1280, 960}));
   EXPECT_EQ(cam->sizesToResolution(640, 480), OX::kVGA);
   EXPECT_EQ(cam->sizesToResolution(641, 480), -1);
-  // The temporary bodies refuse with a logged error too.
-  EXPECT_EQ(raised([&] { cam->getFrameRate("m"); }).getDescription(),
-            "getFrameRate is not available yet");
 }
 
 }  // namespace

@@ -24,6 +24,7 @@ namespace OX {
 namespace videoinputtexts {
 struct SubscriberCheck;
 struct CameraCheck;
+struct SettingCheck;
 }  // namespace videoinputtexts
 
 // An image's time stamp as (seconds, microseconds), by truncating division: the freshness rules
@@ -56,14 +57,14 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   std::string subscribeCamera(const std::string& pName, const int& pCameraIndex,
                               const int& pResolution, const int& pColorSpace,
                               const int& pFps) override;
-  int getFrameRate(const std::string& pName) override;                               // pending
-  bool setFrameRate(const std::string& pName, const int& pFrameRate) override;       // pending
-  int getActiveCamera(const std::string& pName) override;                            // pending
-  bool setActiveCamera(const std::string& pName, const int& pCameraIndex) override;  // pending
-  int getResolution(const std::string& pName) override;                              // pending
-  bool setResolution(const std::string& pName, const int& pResolution) override;     // pending
-  int getColorSpace(const std::string& pName) override;                              // pending
-  bool setColorSpace(const std::string& pName, const int& pColorSpace) override;     // pending
+  int getFrameRate(const std::string& pName) override;                               // settings
+  bool setFrameRate(const std::string& pName, const int& pFrameRate) override;       // settings
+  int getActiveCamera(const std::string& pName) override;                            // settings
+  bool setActiveCamera(const std::string& pName, const int& pCameraIndex) override;  // settings
+  int getResolution(const std::string& pName) override;                              // settings
+  bool setResolution(const std::string& pName, const int& pResolution) override;     // settings
+  int getColorSpace(const std::string& pName) override;                              // settings
+  bool setColorSpace(const std::string& pName, const int& pColorSpace) override;     // settings
   int getCameraParameter(const std::string& pName, const int& pParam) override;      // takes R
   bool setCameraParameter(const std::string& pName, const int& pParam,
                           const int& pValue) override;  // takes W
@@ -81,11 +82,11 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   std::string subscribeCameras(const std::string& pName, const OXValue& pCameraIndexes,
                                const OXValue& pResolutions, const OXValue& pColorSpaces,
                                const int& pFps) override;
-  OXValue getActiveCameras(const std::string& pName) override;  // pending
+  OXValue getActiveCameras(const std::string& pName) override;  // settings
   OXValue setActiveCameras(const std::string& pName, const OXValue& pCameraIndexes) override;
-  OXValue getResolutions(const std::string& pName) override;  // pending
+  OXValue getResolutions(const std::string& pName) override;  // settings
   OXValue setResolutions(const std::string& pName, const OXValue& pResolutions) override;
-  OXValue getColorSpaces(const std::string& pName) override;  // pending
+  OXValue getColorSpaces(const std::string& pName) override;  // settings
   OXValue setColorSpaces(const std::string& pName, const OXValue& pColorSpaces) override;
   OXValue getCamerasParameter(const std::string& pName, const int& pParam) override;  // takes R
   OXValue setCamerasParameter(const std::string& pName, const int& pParam,
@@ -101,25 +102,25 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   OXValue getImagesRemote(const std::string& pName) override;
   OXValue releaseImages(const std::string& pName) override;  // takes W
   bool recordVideo(const std::string& pName, const std::string& pPath, const int& pTotalNumber,
-                   const int& pPeriod) override;      // pending
-  bool stopVideo(const std::string& pName) override;  // pending
+                   const int& pPeriod) override;      // takes W
+  bool stopVideo(const std::string& pName) override;  // takes W
   // Refused here ("Only implemented for simulator"); no lock.
   bool putImage(const int& pCameraIndex, const int& pWidth, const int& pHeight,
                 const OXValue& pImage) override;
   OXValue getExpectedImageParameters(const int& pCameraIndex) override;  // refused; no lock
   std::vector<float> getAngularPositionFromImagePosition(
-      const int& pCameraIndex, const std::vector<float>& pImagePosition) override;  // pending
+      const int& pCameraIndex, const std::vector<float>& pImagePosition) override;  // no lock
   std::vector<float> getImagePositionFromAngularPosition(
-      const int& pCameraIndex, const std::vector<float>& pAngularPosition) override;  // pending
+      const int& pCameraIndex, const std::vector<float>& pAngularPosition) override;  // no lock
   std::vector<float> getAngularSizeFromImageSize(
-      const int& pCameraIndex, const std::vector<float>& pImageSize) override;  // pending
+      const int& pCameraIndex, const std::vector<float>& pImageSize) override;  // no lock
   std::vector<float> getImageSizeFromAngularSize(
-      const int& pCameraIndex, const std::vector<float>& pAngularSize) override;  // pending
+      const int& pCameraIndex, const std::vector<float>& pAngularSize) override;  // no lock
   std::vector<float> getImageInfoFromAngularInfo(
-      const int& pCameraIndex, const std::vector<float>& pAngularInfo) override;  // pending
+      const int& pCameraIndex, const std::vector<float>& pAngularInfo) override;  // no lock
   std::vector<float> getImageInfoFromAngularInfoWithResolution(
       const int& pCameraIndex, const std::vector<float>& pAngularInfo,
-      const int& pResolution) override;  // pending
+      const int& pResolution) override;  // no lock
 
  protected:
   OXVisionVideoInput(boost::shared_ptr<OXBroker> pBroker, std::string pName);
@@ -191,8 +192,9 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   bool xUpdateParam(const int& pCameraIndex);
 
  protected:
-  virtual float xHorizontalApertureRad(int pCameraIndex);  // pending; no lock
-  virtual float xVerticalApertureRad(int pCameraIndex);    // pending; no lock
+  // By the camera's model only; no lock.
+  virtual float xHorizontalApertureRad(int pCameraIndex);
+  virtual float xVerticalApertureRad(int pCameraIndex);
 
   // --- Buffer pool (W held for all of them) ---
   // One converted buffer in the subscriber's format and one raw buffer in the camera's.
@@ -291,6 +293,14 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   [[noreturn]] void xSubscribeFailed(bool pMultiStream, const std::string& pMessage,
                                      int pLine) const;
   bool xCloseVideo(const boost::shared_ptr<VisionModuleInfo>& pInfo);  // W held
+  // A mono-stream subscriber for recordVideo/stopVideo; raises (logged) otherwise.
+  boost::shared_ptr<VisionModuleInfo> xFindRecorder(const std::string& pName, const char* pMethod,
+                                                    const char* pUnknownTail, int pLine) const;
+  // One request of a recording subscriber: close after the last image, else count down and
+  // write the raw frame when its turn comes (patch pass first when pPatch). Null and
+  // non-recording subscribers are skipped. W held.
+  void xRecordStep(const boost::shared_ptr<VisionModuleInfo>& pInfo, const OXImage* pRawImage,
+                   bool pPatch);
   // xConvertImage, counted for conversionCountForTesting; W held.
   int xConvertCounted(int pCameraIndex, boost::shared_ptr<VisionModuleInfo>& pModule,
                       const OXImage* pRawImage);
@@ -303,8 +313,24 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   // joined in one trailing binary. Invalid (and a record) when they would not fit fBinaryBuffer.
   OXValue xJoinedReply(const std::vector<OXImage*>& pImages, const char* pFunction);
   std::atomic<int> fConversionCount{0};
-  // Raised by the operations that a later change implements.
-  [[noreturn]] void xPending(const std::string& pOperation, int pLine) const;
+  // Raises (logged) "<operation>(<index><pTail>" for a camera the device does not have.
+  void xCheckGeometryCamera(const char* pOperation, int pCameraIndex, const char* pTail,
+                            int pLine) const;
+  // Settings (W or R held as each says).
+  // Looks a subscriber up for a setting or getter; raises (logged) with that operation's texts.
+  boost::shared_ptr<VisionModuleInfo> xFindForSetting(const std::string& pName,
+                                                      const videoinputtexts::SettingCheck& pCheck,
+                                                      int pLine) const;
+  // The subscriber's current camera, or -1 (and a record) when the device has no such camera.
+  int xSettingCamera(const VisionModuleInfo& pInfo, const char* pFunction) const;
+  // The three singular setters: checks under R, then per pass under W until the subscriber holds
+  // nothing on its camera, then xApplySetting under W. False after the last pass.
+  enum class Setting { kResolution, kColorSpace, kFrameRate };
+  bool xChangeSetting(const std::string& pName, int pValue, Setting pSetting);
+  bool xApplySetting(const std::string& pName, const boost::shared_ptr<VisionModuleInfo>& pInfo,
+                     int pCamera, int pValue, Setting pSetting);
+  // setResolutions and setColorSpaces: one result per stream, no wait.
+  OXValue xChangeStreams(const std::string& pName, const OXValue& pValues, bool pResolution);
 };
 
 }  // namespace OX

@@ -451,7 +451,8 @@ int OXVisionVideoInput::xConvertImage(int pCameraIndex,
   }
   OXVisionBuffer& buffer = *fCameraProperties[pCameraIndex]->fImageBuffers[index];
   OXImage* target = buffer.fImage;
-  // Recording step: if (pModule->fIsRecording) ..., before the conversion, on the raw frame.
+  // Before the conversion: the file gets the raw frame, in the camera's format.
+  if (pModule->fIsRecording) xRecordStep(pModule, pRawImage, true);
 
   // A raw frame of another format is not converted: the buffer keeps its pixels.
   if (pRawImage->fColorSpace == kYUV422) {

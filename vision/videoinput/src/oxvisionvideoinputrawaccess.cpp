@@ -23,10 +23,10 @@ constexpr const char* kReleaseWrongFamily =
 
 OXImage* OXVisionVideoInput::getDirectRawImageLocal(const std::string& pName) {
   OXCriticalSectionWrite lock(fVisionModulesLock);
-  xFindSubscriber(pName, kGetDirectRawImageLocal);
+  const boost::shared_ptr<VisionModuleInfo> info = xFindSubscriber(pName, kGetDirectRawImageLocal);
   // No grabber is started and no frame rate looked at: a request always goes to the camera.
   OXImage* image = xGetDirectRawImage(pName, false);
-  // The recording step (without the patch) goes here once recording exists.
+  xRecordStep(info, image, false);
   return image;
 }
 
@@ -51,9 +51,10 @@ OXValue OXVisionVideoInput::getDirectRawImageRemote(const std::string& pName) {
   OXImage* image = nullptr;
   {
     OXCriticalSectionWrite lock(fVisionModulesLock);
-    xFindSubscriber(pName, texts::kGetDirectRawImageRemote);
+    const boost::shared_ptr<VisionModuleInfo> info =
+        xFindSubscriber(pName, texts::kGetDirectRawImageRemote);
     image = xGetDirectRawImage(pName, false);
-    // The recording step (without the patch) goes here once recording exists.
+    xRecordStep(info, image, false);
   }
   if (image == nullptr) return OXValue();
   // Outside the lock: the camera keeps a lent frame until it is given back.

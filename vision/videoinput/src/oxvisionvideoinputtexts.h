@@ -128,5 +128,91 @@ constexpr Subscriber kReleaseDirectRawImages = {"releaseDirectRawImages()",
                                                 "use releaseDirectRawImage instead"};
 constexpr const char* kInterprocessName = "lastVideoBuffer";
 
+// Subscriber settings. Their texts differ from the shared check in the middle and last pieces,
+// and several name a neighbouring operation or lack a letter: clients match them as they are.
+struct SettingCheck {
+  const char* fMethod;       // the function of the OXError, with "()"
+  const char* fUnknownHead;  // "<head><name><middle><name><tail>" for an unknown name
+  const char* fUnknownMiddle;
+  const char* fUnknownTail;
+  int fFamily;  // kAnyFamily, kMonoOnly or kMultiOnly
+  const char* fWrongFamilyHead;
+  const char* fWrongFamilyTail;
+};
+
+constexpr int kAnyFamily = 0;
+constexpr int kMonoOnly = 1;
+constexpr int kMultiOnly = 2;
+
+constexpr const char* kModuleMiddle = ") : module ";
+constexpr const char* kModuleListMiddle = ", ...) : module ";
+constexpr const char* kUnknownTail = " unknown!";
+
+constexpr SettingCheck kSetResolution = {"setResolution()",
+                                         "setResolution(",
+                                         kModuleMiddle,
+                                         kUnknownTail,
+                                         kMonoOnly,
+                                         kMultiStreamRefused,
+                                         "use setResolutions instead"};
+constexpr SettingCheck kSetColorSpace = {"setColorSpace()",
+                                         "setColorSpace(",
+                                         kModuleMiddle,
+                                         kUnknownTail,
+                                         kMonoOnly,
+                                         kMultiStreamRefused,
+                                         "use setColorSpaces instead"};
+constexpr SettingCheck kSetFrameRate = {
+    "setFrameRate()", "setFrameRate(", kModuleMiddle, kUnknownTail, kAnyFamily, "", ""};
+constexpr SettingCheck kSetActiveCamera = {"setActiveCamera()",
+                                           "setActiveCamera(",
+                                           kModuleMiddle,
+                                           kUnknownTail,
+                                           kMonoOnly,
+                                           "Multi stream module can't call this method ",
+                                           "use setActiveCameras instead"};
+constexpr SettingCheck kSetResolutions = {
+    "setResolutions()", "setResolutions(",  kModuleListMiddle,          kUnknownTail,
+    kMultiOnly,         kMonoStreamRefused, "use setResolution instead"};
+constexpr SettingCheck kSetColorSpaces = {
+    "setColorSpaces()", "setColorSpaces(",  kModuleListMiddle,          kUnknownTail,
+    kMultiOnly,         kMonoStreamRefused, "use setColorSpace instead"};
+// The second look-up of setColorSpaces speaks of setResolutions.
+constexpr SettingCheck kSetColorSpacesAgain = {
+    "setColorSpaces()", "setResolutions(",  kModuleListMiddle,          kUnknownTail,
+    kMultiOnly,         kMonoStreamRefused, "use setColorSpace instead"};
+constexpr SettingCheck kSetActiveCameras = {
+    "setActiveCameras()", "setActiveCameras(",          kModuleListMiddle, kUnknownTail, kMultiOnly,
+    kMonoStreamRefused,   "use setActiveCamera instead"};
+constexpr SettingCheck kGetResolutionOf = {
+    "getResolution()",   "GetActiveCamera(",          kModuleMiddle, kUnknownTail, kMonoOnly,
+    kMultiStreamRefused, "use getResolutions instead"};
+constexpr SettingCheck kGetColorSpaceOf = {"getColorSpace()",
+                                           "GetColorSpace(",
+                                           kModuleMiddle,
+                                           kUnknownTail,
+                                           kMonoOnly,
+                                           kMultiStreamRefused,
+                                           "use getColorSpaces instead"};
+constexpr SettingCheck kGetFrameRateOf = {
+    "getFrameRate()", "GetFrameRate(", kModuleMiddle, kUnknownTail, kAnyFamily, "", ""};
+constexpr SettingCheck kGetActiveCamera = {"getActiveCamera()",
+                                           "getActiveCamera(",
+                                           kModuleMiddle,
+                                           kUnknownTail,
+                                           kMonoOnly,
+                                           kMultiStreamRefused,
+                                           "use getActiveCameras instead"};
+// getResolutions and getColorSpaces advise themselves.
+constexpr SettingCheck kGetResolutions = {
+    "getResolutions()", "getResolutions(",  kModuleListMiddle,           kUnknownTail,
+    kMultiOnly,         kMonoStreamRefused, "use getResolutions instead"};
+constexpr SettingCheck kGetColorSpaces = {
+    "getColorSpaces()", "getColorSpaces(",  kModuleListMiddle,           kUnknownTail,
+    kMultiOnly,         kMonoStreamRefused, "use getColorSpaces instead"};
+constexpr SettingCheck kGetActiveCameras = {
+    "getActiveCameras()", "getActiveCameras(",          kModuleMiddle, " unknow!", kMultiOnly,
+    kMonoStreamRefused,   "use getActiveCamera instead"};
+
 }  // namespace videoinputtexts
 }  // namespace OX
