@@ -44,11 +44,6 @@ class FakeCam : public OX::OXVisionVideoInput {
       camera->fBufferCount = 4;
       fCameraProperties.push_back(camera);
     }
-    // The callback must be published for the memory service to reach it.
-    functionName("onClientDisconnected", "OXVisionVideoInput", "", 0);
-    OX::detail::completeAndCheck(&OXVisionVideoInput::onClientDisconnected,
-                                 getCurrentMethodDescription());
-    bindMethod(OX::detail::createFunctor(this, &OXVisionVideoInput::onClientDisconnected));
   }
 
   // The core's members and pool operations, opened for the tests.

@@ -71,10 +71,6 @@ OXVisionVideoInput::~OXVisionVideoInput() {
   }
 }
 
-void OXVisionVideoInput::xBindMethods() {}
-
-void OXVisionVideoInput::xBindDeprecatedMethods() {}
-
 int OXVisionVideoInput::xCurrentCamera(const VisionModuleInfo& pInfo) const {
   return pInfo.fActiveCamera >= 0 ? pInfo.fActiveCamera : fActiveCamera.load();
 }

@@ -185,6 +185,10 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   bool setSimCamInputSize(const int& pWidth, const int& pHeight) override;  // refused; no lock
   bool putImage(const OXValue& pImage) override;                            // refused; no lock
 
+  // Deprecated: changes the device's active camera through the driver; logs its deprecation on
+  // every call and raises for a camera the device does not have. Takes W.
+  bool setActiveCamera(const int& pCameraIndex);
+
   // Conversions run by the delivery paths since construction: lets tests count work, not time.
   int conversionCountForTesting() const { return fConversionCount.load(); }
 
