@@ -296,6 +296,9 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   // The two subscribing operations end here; W held.
   [[noreturn]] void xSubscribeFailed(bool pMultiStream, const std::string& pMessage,
                                      int pLine) const;
+  // A multi-stream subscriber leaves one of its cameras: lowers the camera if it was the one
+  // keeping it high, then frees one buffer of each pool of that camera. W held.
+  void xLeaveStreamCamera(const boost::shared_ptr<VisionModuleInfo>& pInfo, int pCamera);
   bool xCloseVideo(const boost::shared_ptr<VisionModuleInfo>& pInfo);  // W held
   // A mono-stream subscriber for recordVideo/stopVideo; raises (logged) otherwise.
   boost::shared_ptr<VisionModuleInfo> xFindRecorder(const std::string& pName, const char* pMethod,

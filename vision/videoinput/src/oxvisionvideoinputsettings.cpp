@@ -319,15 +319,7 @@ OXValue OXVisionVideoInput::setActiveCameras(const std::string& pName,
       xFindForSetting(pName, texts::kSetActiveCameras, __LINE__);
   const std::vector<int> old = info->fActiveCameras;
   for (int camera : old) {
-    if (camera < 0 || camera >= fNbCameras) continue;
-    RealCameraProperties& real = *fCameraProperties[camera];
-    if (info->fRequestedProperties[camera]->fResolution == real.fResolution ||
-        info->fFrameRate == real.fFrameRate) {
-      xUpdateParam(camera);
-    }
-    info->fActiveCamera = camera;
-    xFindAndEraseTheOldestBuffer(real.fImageBuffers, info);
-    xFindAndEraseTheOldestBuffer(real.fRawBuffers);
+    if (camera >= 0 && camera < fNbCameras) xLeaveStreamCamera(info, camera);
   }
   std::vector<int> results;
   for (int camera : cameras) {

@@ -238,16 +238,7 @@ void OXVisionVideoInput::unsubscribe(const std::string& pName) {
       const boost::shared_ptr<VisionModuleInfo> info = found->second;
       if (info->fIsMultiStream) {
         // No wait for held images on this branch: they are lost with the subscriber.
-        for (int camera : info->fActiveCameras) {
-          RealCameraProperties& real = *fCameraProperties[camera];
-          if (info->fRequestedProperties[camera]->fResolution == real.fResolution ||
-              info->fFrameRate == real.fFrameRate) {
-            xUpdateParam(camera);
-          }
-          info->fActiveCamera = camera;
-          xFindAndEraseTheOldestBuffer(real.fImageBuffers, info);
-          xFindAndEraseTheOldestBuffer(real.fRawBuffers);
-        }
+        for (int camera : info->fActiveCameras) xLeaveStreamCamera(info, camera);
         fVisionModules.erase(pName);
         return;
       }
@@ -316,6 +307,19 @@ void OXVisionVideoInput::onClientDisconnected(const std::string& pEventName, con
   } catch (const OXError& error) {
     xLog(3, "onClientDisconnected", error.what());
   }
+}
+
+void OXVisionVideoInput::xLeaveStreamCamera(const boost::shared_ptr<VisionModuleInfo>& pInfo,
+                                            int pCamera) {
+  RealCameraProperties& real = *fCameraProperties[pCamera];
+  if (pInfo->fRequestedProperties[pCamera]->fResolution == real.fResolution ||
+      pInfo->fFrameRate == real.fFrameRate) {
+    xUpdateParam(pCamera);
+  }
+  // The erase reads the format to free from the record's camera.
+  pInfo->fActiveCamera = pCamera;
+  xFindAndEraseTheOldestBuffer(real.fImageBuffers, pInfo);
+  xFindAndEraseTheOldestBuffer(real.fRawBuffers);
 }
 
 bool OXVisionVideoInput::xCloseVideo(const boost::shared_ptr<VisionModuleInfo>& pInfo) {
