@@ -4,6 +4,7 @@
 
 #include "kilog.h"
 #include "oxproxies.h"
+#include "oxvisionfilecam.h"
 #include "oxvisionsimulatorcam.h"
 
 namespace {
@@ -74,9 +75,9 @@ extern "C" int _createModule(boost::shared_ptr<OX::OXBroker> pBroker) {
       OX::OXModule::createModule<OX::OXVisionSimulatorCam>(pBroker);
       return 0;
     case 3:
-      ki::log::LogStream(2, kCategory, "", "_createModule", 0)
-          << "VideoInput: FileCam is not available in this build";
-      return 1;
+      ki::log::LogStream(5, kCategory, "", "_createModule", 0) << "VideoInput: loading FileCam";
+      OX::OXModule::createModule<OX::OXVisionFileCam>(pBroker);
+      return 0;
     case 0:
       ki::log::LogStream(2, kCategory, "", "_createModule", 0)
           << "Could not load MioCam: library was not build with I_AM_A_ROBOT compilation flag";

@@ -1,0 +1,259 @@
+// The file camera: setVideo, the replay modes with a clock moved by hand, the ring of frames and
+// their release, and the module entry that builds the camera.
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "filecamsupport.h"
+#include "testsupport.h"
+#include "videoinput.h"
+
+namespace {
+
+using vitest::FileHook;
+const char* const kCategory = "vision.oxvisionfilecam";
+
+// A camera replaying a recording of pImages QQVGA images, with one subscriber "a".
+struct Replay {
+  Replay(int pImages, bool pLoop, int pMode, const OX::OXValue& pRange = OX::OXValue()) {
+    path = directory.file("video.oxv");
+    EXPECT_TRUE(vitest::writeRecording(path, pImages));
+    cam = vitest::makeFileCam(&broker);
+    cam->setVideo(path, pRange, pLoop, pMode, 0);
+    id = cam->subscribe("a", OX::kQQVGA, OX::kYUV422, 5);
+  }
+  ~Replay() { cam->unsubscribe(id); }
+  // The first byte of the image served (image i holds i + 1), and its timestamp; -1 for none.
+  int take(int64_t* pStamp = nullptr) {
+    OX::OXImage* image = cam->getDirectRawImageLocal(id);
+    if (image == nullptr) return -1;
+    const int byte = image->fData[0];
+    if (pStamp != nullptr) *pStamp = image->fTimeStamp;
+    EXPECT_TRUE(cam->releaseDirectRawImage(id));
+    return byte;
+  }
+  vitest::TempDir directory;
+  vitest::ReplayClock clock;
+  std::string path;
+  boost::shared_ptr<OX::OXBroker> broker;
+  boost::shared_ptr<OX::OXVisionFileCam> cam;
+  std::string id;
+};
+
+std::string preferenceFile(const std::string& pValue) {
+  return "<?xml version=\"1.0\"?>\n<ModulePreference name=\"VideoInput\">\n"
+         "  <Preference name=\"Source\" description=\"source\" value=\"" +
+         pValue + "\" type=\"string\"/>\n</ModulePreference>\n";
+}
+
+}  // namespace
+
+// A missing file is logged and leaves every earlier setting as it was.
+TEST(FileCamSetVideo, MissingFileLogsAndChangesNothing) {
+  vitest::TempDir directory;
+  auto cam = vitest::makeFileCam();
+  vitest::LogCapture capture;
+  const std::string missing = directory.file("none.oxv");
+  cam->setVideo(missing, OX::OXValue(), true, 0, 0);
+  EXPECT_TRUE(capture.has(2, kCategory, missing + " file doesn't exist. Return!"));
+  EXPECT_EQ(FileHook::filePath(*cam), "");
+  EXPECT_EQ(FileHook::camera(*cam).fResolution, 1);
+  EXPECT_EQ(FileHook::camera(*cam).fColorSpace, 9);
+  EXPECT_EQ(FileHook::camera(*cam).fFrameRate, 5);
+  EXPECT_EQ(FileHook::defaultResolution(*cam), -1);
+}
+
+// A range that is not a pair plays the whole file, cut to its last image at the opening.
+TEST(FileCamSetVideo, RangeOfThreeElementsPlaysTheWholeFile) {
+  Replay replay(4, false, 0, OX::OXValue(std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(FileHook::firstImage(*replay.cam), 0);
+  EXPECT_EQ(FileHook::lastImage(*replay.cam), 3);
+  replay.cam->setVideo(replay.path, OX::OXValue(std::vector<int>{1, 2}), false, 0, 0);
+  EXPECT_EQ(FileHook::firstImage(*replay.cam), 1);
+  EXPECT_EQ(FileHook::lastImage(*replay.cam), 2);
+  replay.cam->setVideo(replay.path, OX::OXValue(5), false, 0, 0);
+  EXPECT_EQ(FileHook::firstImage(*replay.cam), 0);
+  EXPECT_EQ(FileHook::lastImage(*replay.cam), 2147483647);
+}
+
+// A VGA kYUV422 stream sets the camera to VGA at 30 images a second, and bounds the validity.
+TEST(FileCamSetVideo, VgaStreamSetsTheCamera) {
+  vitest::TempDir directory;
+  const std::string path = directory.file("vga.oxv");
+  ASSERT_TRUE(vitest::writeRecording(path, 2, OX::kVGA));
+  auto cam = vitest::makeFileCam();
+  vitest::LogCapture capture;
+  cam->setVideo(path, OX::OXValue(), false, 0, 0);
+  EXPECT_TRUE(capture.has(4, kCategory, "Setting " + path + " video file."));
+  EXPECT_EQ(FileHook::camera(*cam).fResolution, 2);
+  EXPECT_EQ(FileHook::defaultResolution(*cam), 2);
+  EXPECT_EQ(FileHook::camera(*cam).fFrameRate, 30);
+  EXPECT_FALSE(FileHook::isResolutionValid(*cam, 3, 0));
+  EXPECT_TRUE(FileHook::isResolutionValid(*cam, 0, 0));
+  EXPECT_TRUE(FileHook::isResolutionValid(*cam, 2, 0));
+  EXPECT_TRUE(FileHook::isFrameRateValid(*cam, 30));
+  EXPECT_FALSE(FileHook::isFrameRateValid(*cam, 31));
+  EXPECT_TRUE(FileHook::isColorSpaceValid(*cam, 16));
+  EXPECT_FALSE(FileHook::isColorSpaceValid(*cam, 17));
+  EXPECT_FALSE(FileHook::isColorSpaceValid(*cam, -1));
+  // A stream the file does not have leaves no format.
+  cam->setVideo(path, OX::OXValue(), false, 0, 3);
+  EXPECT_EQ(FileHook::camera(*cam).fColorSpace, 255);
+  EXPECT_EQ(FileHook::defaultResolution(*cam), -1);
+}
+
+// Mode 0 serves the image read ahead first, then the same image until nextImage or a period.
+TEST(FileCamReplay, ModeZeroStepsOnRequest) {
+  Replay replay(4, false, 0);
+  int64_t first = 0;
+  int64_t again = 0;
+  EXPECT_EQ(replay.take(&first), 2);
+  EXPECT_EQ(replay.take(&again), 2);
+  EXPECT_EQ(first, again);
+  replay.cam->nextImage();
+  EXPECT_EQ(replay.take(), 3);
+  replay.cam->replaySpeed(10.0f);
+  EXPECT_EQ(FileHook::replayPeriod(*replay.cam), 100000);
+  replay.clock.advance(99999);
+  EXPECT_EQ(replay.take(), 3);
+  replay.clock.advance(1);
+  EXPECT_EQ(replay.take(), 4);
+  // At the end without loop the last image repeats, one microsecond later each time.
+  replay.cam->nextImage();
+  EXPECT_EQ(replay.take(&first), 4);
+  replay.cam->nextImage();
+  EXPECT_EQ(replay.take(&again), 4);
+  EXPECT_EQ(again, first + 1);
+  replay.cam->replaySpeed(0.0f);
+  EXPECT_EQ(FileHook::replayPeriod(*replay.cam), std::numeric_limits<int64_t>::max());
+  replay.clock.advance(100000000);
+  EXPECT_EQ(replay.take(&again), 4);
+  EXPECT_EQ(again, first + 1);
+}
+
+// previousImage at the first image of the range reads nothing without loop, and jumps near the
+// end with it.
+TEST(FileCamReplay, PreviousImageAtTheStart) {
+  for (const bool loop : {false, true}) {
+    Replay replay(4, loop, 0);
+    replay.cam->previousImage();  // back from image 2 to image 0
+    EXPECT_EQ(FileHook::currentImage(*replay.cam), 0);
+    const int cursor = replay.cam->getCurrentImageNumber();
+    vitest::LogCapture capture;
+    replay.cam->previousImage();
+    OX::CamBuffer& current = FileHook::slot(*replay.cam, FileHook::currentFrame(*replay.cam));
+    if (loop) {
+      EXPECT_TRUE(capture.has(4, kCategory, "Loop from index 0 to index 2"));
+      EXPECT_EQ(FileHook::currentImage(*replay.cam), 3);
+      EXPECT_EQ(current.fImage->fData[0], 3);
+    } else {
+      EXPECT_EQ(capture.records().size(), 0u);
+      EXPECT_EQ(FileHook::currentImage(*replay.cam), 0);
+      EXPECT_EQ(replay.cam->getCurrentImageNumber(), cursor);
+      EXPECT_EQ(current.fImage->fData[0], 2);  // the image read ahead before
+    }
+  }
+}
+
+// Mode 1 skips the images whose moment has passed and loops with timestamps one pass later.
+TEST(FileCamReplay, ModeOneFollowsTheClockAndLoops) {
+  Replay replay(5, true, 1);
+  int64_t stamp = 0;
+  EXPECT_EQ(replay.take(&stamp), 1);
+  EXPECT_EQ(stamp, 1000000);
+  replay.clock.advance(250000);
+  EXPECT_EQ(replay.take(), 3);  // image 1 skipped
+  EXPECT_EQ(FileHook::currentImage(*replay.cam), 4);
+  replay.clock.advance(200000);
+  EXPECT_EQ(replay.take(), 5);
+  EXPECT_EQ(FileHook::loopDuration(*replay.cam), 6 * 400000 / 5);
+  replay.clock.advance(100000);
+  EXPECT_EQ(replay.take(&stamp), 1);
+  EXPECT_EQ(stamp, 1000000 + FileHook::loopDuration(*replay.cam));
+}
+
+// Mode 1 without loop stays on the last image, dated anew at each request.
+TEST(FileCamReplay, ModeOneRepeatsTheLastImage) {
+  Replay replay(3, false, 1);
+  int64_t first = 0;
+  int64_t again = 0;
+  replay.clock.advance(10000000);
+  EXPECT_EQ(replay.take(&first), 3);
+  replay.clock.advance(1000000);
+  EXPECT_EQ(replay.take(&again), 3);
+  EXPECT_GT(again, first);
+}
+
+// Modes 2 and 3 turn into mode 1 at their first request; mode 7 fails at every request.
+TEST(FileCamReplay, ModesTwoThreeAndUnknown) {
+  for (const int mode : {2, 3}) {
+    Replay replay(3, false, mode);
+    vitest::LogCapture capture;
+    EXPECT_EQ(replay.take(), 1);
+    EXPECT_TRUE(capture.has(1, kCategory,
+                            "GetDirectRawImage(" + replay.id + ") : replay mode " +
+                                std::to_string(mode) +
+                                " not yet implemented. Launch replay mode 1 (synchronized with "
+                                "the inner clock)..."));
+    EXPECT_EQ(FileHook::replayMode(*replay.cam), 1);
+  }
+  Replay replay(3, false, 7);
+  vitest::LogCapture capture;
+  EXPECT_EQ(replay.cam->getDirectRawImageLocal(replay.id), nullptr);
+  EXPECT_EQ(replay.cam->getDirectRawImageLocal(replay.id), nullptr);
+  EXPECT_EQ(capture.count("GetDirectRawImage(" + replay.id + ") : replay mode 7 unknown!"), 2);
+}
+
+// A held frame counts in its slot until released; five held slots fail a sixth request in time.
+TEST(FileCamRelease, HeldSlotsAndTheBoundedWait) {
+  vitest::TestClock sleeps;  // the bounded wait's sleeps pass at once
+  Replay replay(8, false, 0);
+  std::vector<std::string> ids{replay.id};
+  for (int i = 1; i < 6; ++i) ids.push_back(replay.cam->subscribe("s", OX::kQQVGA, 9, 5));
+  for (int i = 0; i < 5; ++i) {
+    replay.cam->nextImage();
+    ASSERT_NE(replay.cam->getDirectRawImageLocal(ids[i]), nullptr);
+  }
+  EXPECT_EQ(FileHook::slot(*replay.cam, FileHook::currentFrame(*replay.cam)).fLockCount, 1);
+  vitest::LogCapture capture;
+  replay.cam->nextImage();
+  EXPECT_EQ(replay.cam->getDirectRawImageLocal(ids[5]), nullptr);
+  EXPECT_EQ(capture.count("All the frames of the replay are held: no free frame to read into."), 1);
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(replay.cam->releaseDirectRawImage(ids[i]));
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(FileHook::slot(*replay.cam, i).fLockCount, 0);
+  EXPECT_TRUE(replay.cam->releaseDirectRawImage(ids[0]));  // nothing held: true
+  EXPECT_NE(replay.cam->getDirectRawImageLocal(ids[5]), nullptr);
+  EXPECT_TRUE(replay.cam->releaseDirectRawImage(ids[5]));
+  for (size_t i = 1; i < ids.size(); ++i) replay.cam->unsubscribe(ids[i]);
+}
+
+// Several streams are refused, and the parameters are read but never set.
+TEST(FileCamRelease, ParametersAndSeveralStreams) {
+  Replay replay(2, false, 0);
+  vitest::LogCapture capture;
+  EXPECT_TRUE(FileHook::getRaws(*replay.cam, replay.id).empty());
+  EXPECT_EQ(capture.count("xGetDirectRawImages(" + replay.id +
+                          ") : FileCam doesn't provide MultiStream Management yet"),
+            1);
+  EXPECT_EQ(FileHook::getParam(*replay.cam, 14), 0);
+  EXPECT_EQ(FileHook::getParam(*replay.cam, 15), 30);
+  EXPECT_EQ(FileHook::getParam(*replay.cam, 18), 0);
+  EXPECT_EQ(FileHook::getParam(*replay.cam, 20), 9);
+  const OX::OXError error = vitest::raised([&] { FileHook::getParam(*replay.cam, 16); });
+  EXPECT_NE(error.toString().find("pId not handled in fileCam"), std::string::npos);
+  EXPECT_TRUE(FileHook::setParam(*replay.cam, 14, 3));
+  EXPECT_EQ(FileHook::getParam(*replay.cam, 14), 0);
+}
+
+// The preference "FileCam" makes the module entry build the file camera.
+TEST(FileCamEntry, LoadsThroughTheModuleEntry) {
+  vitest::TempDir directory;
+  directory.write("VideoInput.xml", preferenceFile("FileCam"));
+  boost::shared_ptr<OX::OXBroker> broker =
+      OX::OXBroker::createBroker("file-entry", {directory.path()});
+  vitest::LogCapture capture;
+  ASSERT_EQ(_createModule(broker), 0);
+  EXPECT_TRUE(capture.has(5, "vision.videoinput", "VideoInput: loading FileCam"));
+  EXPECT_TRUE(
+      boost::dynamic_pointer_cast<OX::OXVisionFileCam>(broker->getModuleByName("OXVideoDevice")));
+}

@@ -1,0 +1,269 @@
+// The replay engine: which recorded image a subscriber gets when it asks, the ring of frames read
+// one ahead, the rewritten timestamps, the stepping methods and the grabber.
+//
+// Grabber states (fGrabberState): -1 failed, 0 stopped, 1 opening, 2 closing, 3 running.
+#include <limits>
+
+#include "kios.h"
+#include "oxerror.h"
+#include "oxvisionfilecam.h"
+
+namespace OX {
+
+namespace {
+
+const char* const kCategory = "vision.oxvisionfilecam";
+
+enum GrabberState : int { kFailed = -1, kStopped = 0, kOpening = 1, kClosing = 2, kRunning = 3 };
+
+// The wait for a free slot lasts as long as the device's other image waits: one second.
+constexpr int kRingWaitPasses = 2000;
+constexpr unsigned int kRingWaitMicroseconds = 500;
+constexpr unsigned int kAfterStartMicroseconds = 100;
+constexpr unsigned int kAfterStopMicroseconds = 500;
+constexpr unsigned int kOpeningPollMicroseconds = 500000;
+constexpr int kGrabberLine = 351;
+
+}  // namespace
+
+bool OXVisionFileCam::xMoveRing(const char* pFunction) {
+  const uint32_t current = fCurrentFrame;
+  const uint32_t next = fNextFrame;
+  fCurrentFrame = fNextFrame;
+  // Every release needs the device's write lock, which our callers hold: a wait without end
+  // would never see a slot come free. Give up after the device's usual image wait.
+  int counter = 0;
+  int passes = 0;
+  for (;;) {
+    fNextFrame = (fNextFrame + 1) % kRingSize;
+    if (fFrames[fNextFrame].fLockCount <= 0) return true;
+    if (++counter < kRingSize) continue;
+    counter = 0;
+    if (++passes > kRingWaitPasses) break;
+    ki::os::usleep(kRingWaitMicroseconds);
+  }
+  fCurrentFrame = current;
+  fNextFrame = next;
+  xLog(2, pFunction, "All the frames of the replay are held: no free frame to read into.",
+       kCategory);
+  return false;
+}
+
+bool OXVisionFileCam::xReadAhead(bool pModeZero) {
+  OXImage& current = xSlot(fCurrentFrame);
+  OXImage& next = xSlot(fNextFrame);
+  if (fCurrentImage > fLastImage && fLoop) {
+    if (fLoopDuration == 0) {
+      const int64_t count = fVideo.getNumberOfImages();
+      if (count > 0) fLoopDuration = (count + 1) * (current.fTimeStamp - fFirstTimestamp) / count;
+    }
+    fTimeOffset += fLoopDuration;
+    fCurrentImage = fFirstImage;
+    fVideo.getFrame(&next, fFirstImage, fStreamNumber, false);
+    ++fCurrentImage;
+    next.fTimeStamp += fTimeOffset;
+    return fLoopDuration > 0;
+  }
+  if (fCurrentImage > fLastImage) {
+    fCurrentImage = fLastImage;
+    fVideo.getFrame(&next, fLastImage, fStreamNumber, false);
+    if (pModeZero) {
+      // Each repeat of the last image is one microsecond later than the one before.
+      ++fTimeOffset;
+      next.fTimeStamp += fTimeOffset;
+      ++fCurrentImage;
+    } else {
+      ++fCurrentImage;
+      // Dated just after the present, so that the catching-up of mode 1 ends.
+      next.fTimeStamp = fNow + fFirstTimestamp + 1 - fStartTime;
+    }
+    return true;
+  }
+  fVideo.getNextFrame(&next, false);
+  if (pModeZero) {
+    // Timestamps in mode 0 never go backward, also after previousImage.
+    if (current.fTimeStamp < fTimeOffset + next.fTimeStamp) {
+      next.fTimeStamp += fTimeOffset;
+    } else {
+      next.fTimeStamp = current.fTimeStamp + 1;
+    }
+    ++fCurrentImage;
+  } else {
+    ++fCurrentImage;
+    next.fTimeStamp += fTimeOffset;
+  }
+  return true;
+}
+
+OXImage* OXVisionFileCam::xGetDirectRawImage(const std::string& pId, bool) {
+  // pDeepCopy is not looked at: the image always borrows a frame of the ring.
+  auto found = fVisionModules.find(pId);
+  if (found == fVisionModules.end() || !found->second) {
+    xLog(2, "xGetDirectRawImage", "xGetDirectRawImage(" + pId + ") : module " + pId + " unknown!",
+         kCategory);
+    return nullptr;
+  }
+  VisionModuleInfo& info = *found->second;
+  const int camera = xCurrentCamera(info);
+  if (camera < 0 || camera >= static_cast<int>(info.fRequestedProperties.size())) {
+    xLog(2, "xGetDirectRawImage",
+         "xGetDirectRawImage(" + pId + ") : camera " + std::to_string(camera) + " unknown!",
+         kCategory);
+    return nullptr;
+  }
+  RequestedCameraProperties& requested = *info.fRequestedProperties[camera];
+  if (requested.fLockedImage != nullptr) {
+    xLog(2, "xGetDirectRawImage", "Previous image not released", kCategory);
+    return nullptr;
+  }
+
+  CamBuffer* slot = nullptr;
+  {
+    OXCriticalSection lock(fParametersLock);
+    switch (fReplayMode) {
+      case 1:
+        fNow = replayClock();
+        while (xSlot(fNextFrame).fTimeStamp - fFirstTimestamp < fNow - fStartTime) {
+          if (!xMoveRing("xGetDirectRawImage")) return nullptr;
+          if (!xReadAhead(false)) break;
+        }
+        break;
+      case 0:
+        fNow = replayClock();
+        if (!(fReplayPeriod > fNow - fStartTime)) fImageServed = false;
+        if (!fImageServed) {
+          fStartTime = replayClock();
+          if (!xMoveRing("xGetDirectRawImage")) return nullptr;
+          xReadAhead(true);
+          fImageServed = true;
+        }
+        break;
+      case 2:
+      case 3:
+        xLog(1, "xGetDirectRawImage",
+             "GetDirectRawImage(" + pId + ") : replay mode " + std::to_string(fReplayMode) +
+                 " not yet implemented. Launch replay mode 1 (synchronized with the inner "
+                 "clock)...",
+             kCategory);
+        fReplayMode = 1;
+        break;
+      default:
+        xLog(2, "xGetDirectRawImage",
+             "GetDirectRawImage(" + pId + ") : replay mode " + std::to_string(fReplayMode) +
+                 " unknown!",
+             kCategory);
+        return nullptr;
+    }
+    slot = &fFrames[fCurrentFrame];
+    ++slot->fLockCount;
+  }
+
+  // The camera identifier comes from the file: a video may switch cameras image by image.
+  xAdoptCamera(*slot->fImage, "xGetDirectRawImage");
+  for (OXVisionBuffer* output : fCameraProperties[fActiveCamera]->fRawBuffers) {
+    ++output->fWriteLockCount;
+    if (output->fReadLockCount != 0 || output->fWriteLockCount >= 2) {
+      --output->fWriteLockCount;
+      continue;
+    }
+    output->fImage->fData = slot->fImage->fData;
+    output->fRawSource = slot;
+    output->fImage->fTimeStamp = slot->fImage->fTimeStamp;
+    ++output->fReadLockCount;
+    --output->fWriteLockCount;
+    requested.fLockedImage = output;
+    return output->fImage;
+  }
+  // The slot's count stays raised on this path: kept as it is.
+  xLog(2, "xGetDirectRawImage",
+       "xGetDirectRawImage(" + pId + ") : error trying to find available buffer.", kCategory);
+  return nullptr;
+}
+
+void OXVisionFileCam::nextImage() {
+  fImageServed = false;
+}
+
+void OXVisionFileCam::previousImage() {
+  OXCriticalSection lock(fParametersLock);
+  const int64_t stamp = xSlot(fCurrentFrame).fTimeStamp;
+  if (!xMoveRing("previousImage")) return;
+  OXImage& current = xSlot(fCurrentFrame);
+  OXImage& next = xSlot(fNextFrame);
+  if (fCurrentImage > fFirstImage) {
+    // Two steps back and one forward leave fCurrentImage one behind the reader: as designed.
+    fVideo.getPrecedingFrame(&current, false);
+    fVideo.getPrecedingFrame(&current, false);
+    current.fTimeStamp = stamp + 1;
+    xAdoptCamera(current, "previousImage");
+    fVideo.getNextFrame(&next, false);
+    fCurrentImage -= 2;
+    next.fTimeStamp = stamp + 2;
+  } else if (fLoop) {
+    xLog(4, "previousImage",
+         "Loop from index " + std::to_string(fCurrentImage) + " to index " +
+             std::to_string(fLastImage - 1),
+         kCategory);
+    fCurrentImage = fLastImage - 1;
+    fVideo.getFrame(&current, fCurrentImage, fStreamNumber, false);
+    current.fTimeStamp = stamp + 1;
+    xAdoptCamera(current, "previousImage");
+    fVideo.getNextFrame(&next, false);
+    ++fCurrentImage;
+    next.fTimeStamp = stamp + 2;
+  }
+}
+
+void OXVisionFileCam::replaySpeed(const float& pImagesPerSecond) {
+  if (pImagesPerSecond == 0.0f) {
+    fReplayPeriod = std::numeric_limits<int64_t>::max();
+    return;
+  }
+  fReplayPeriod = static_cast<int64_t>(1.0 / static_cast<double>(pImagesPerSecond) * 1000000.0);
+}
+
+int OXVisionFileCam::getCurrentImageNumber() {
+  return fVideo.getCurrentImageNumber();
+}
+
+bool OXVisionFileCam::xStartFrameGrabber(const int& pCameraIndex) {
+  std::atomic<int>& state = fCameraProperties.at(pCameraIndex)->fGrabberState;
+  if (state > kStopped) return true;
+  state = kOpening;
+  bool opened = false;
+  try {
+    opened = xOpenDevice();
+  } catch (...) {
+    // Left at "opening", every later stop would poll for ever.
+    state = kFailed;
+    throw;
+  }
+  if (!opened) {
+    state = kFailed;
+    xLog(2, "xStartFrameGrabber", "Can't open video file.", kCategory);
+    throw OXError(getName(), "startFrameGrabber", "Can't open video file.",
+                  "vision/videoinput/src/oxvisionfilecam", kGrabberLine);
+  }
+  state = kRunning;
+  ki::os::usleep(kAfterStartMicroseconds);
+  xLog(4, "xStartFrameGrabber", "Done", kCategory);
+  return true;
+}
+
+bool OXVisionFileCam::xStopFrameGrabber(const int& pCameraIndex) {
+  std::atomic<int>& state = fCameraProperties.at(pCameraIndex)->fGrabberState;
+  while (state == kOpening) ki::os::usleep(kOpeningPollMicroseconds);
+  if (state <= kClosing) return true;
+  state = kClosing;
+  if (!xCloseDevice()) {
+    xLog(2, "xStopFrameGrabber", "Error clothing file", kCategory);
+    state = kFailed;
+    return false;
+  }
+  state = kStopped;
+  xLog(4, "xStopFrameGrabber", "File closed", kCategory);
+  ki::os::usleep(kAfterStopMicroseconds);
+  return true;
+}
+
+}  // namespace OX
