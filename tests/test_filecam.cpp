@@ -257,3 +257,43 @@ TEST(FileCamEntry, LoadsThroughTheModuleEntry) {
   EXPECT_TRUE(
       boost::dynamic_pointer_cast<OX::OXVisionFileCam>(broker->getModuleByName("OXVideoDevice")));
 }
+
+namespace {
+
+// Guards against the file camera's own publications losing a text or their binding: they follow
+// the device's, in order, and getParam(int, int) reaches the driver without the device's checks.
+TEST(FileCamPublication, SevenMethodsWithTheirTextsAfterTheDevice) {
+  boost::shared_ptr<OX::OXBroker> broker;
+  auto cam = vitest::makeFileCam(&broker);
+  const std::vector<OX::OXMethodInfo> table = cam->getMethodTable();
+  ASSERT_EQ(table.size(), 52u + 32u + 7u);
+  const std::vector<std::string> names = {"setVideo",    "previousImage",         "nextImage",
+                                          "replaySpeed", "getCurrentImageNumber", "setParam",
+                                          "getParam"};
+  for (size_t i = 0; i < names.size(); ++i) {
+    const OX::OXMethodInfo& info = table[84 + i];
+    EXPECT_EQ(info.name, names[i]);
+    EXPECT_EQ(info.className, "OXVisionFileCam");
+    const bool overload = names[i] == "setParam" || names[i] == "getParam";
+    EXPECT_EQ(info.binding,
+              overload ? OX::OXMethodInfo::kBindMethodOverload : OX::OXMethodInfo::kBindMethod)
+        << names[i];
+  }
+  EXPECT_EQ(table[84].parameters.size(), 5u);
+  EXPECT_EQ(table[84].parameters[1].description,
+            " determines if we open the whole file (NULL) or just part of a sequence (array with "
+            "beginning and end index) ");
+  EXPECT_EQ(table[87].description, "BETA - When replaying in mode 0, ask for the next image.");
+  EXPECT_EQ(table[88].returnName, "return");
+  // Three arguments, two described: the third is completed by the signature.
+  ASSERT_EQ(table[89].parameters.size(), 3u);
+  EXPECT_EQ(table[89].parameters[2].name, "arg3");
+  EXPECT_EQ(table[90].examples.at(0).text, "  int value = fCamera->getParam(pParam, pCamID);\n");
+  // The camera's getParam wins over the device's (which takes the parameter first): camera 0,
+  // parameter 14 reads the camera's resolution from the driver.
+  auto proxy = broker->getProxy(cam->getName());
+  EXPECT_EQ(proxy->genericCall("getParam", OX::OXValue::array({0, 14})).asInt(),
+            cam->getResolution(0));
+}
+
+}  // namespace
