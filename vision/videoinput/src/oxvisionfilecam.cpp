@@ -159,6 +159,16 @@ void OXVisionFileCam::xBindFileCamMethods() {
   bindTo(*this, &Cam::xGetParam, true);
 }
 
+void OXVisionFileCam::xOpenVideoOrThrow() {
+  bool opened = false;
+  try {
+    opened = fVideo.readVideo(fFilePath);
+  } catch (...) {
+    opened = false;
+  }
+  if (!opened) xUnableToOpen();
+}
+
 void OXVisionFileCam::xUnableToOpen() {
   xLog(2, "setVideo", "Unable to open the video file " + fFilePath, kCategory);
   fVideo.closeVideo();
@@ -189,13 +199,7 @@ void OXVisionFileCam::setVideo(const std::string& pFilePath, const OXValue& pRan
   }
   fCurrentImage = fFirstImage;
 
-  bool opened = false;
-  try {
-    opened = fVideo.readVideo(fFilePath);
-  } catch (...) {
-    opened = false;
-  }
-  if (!opened) xUnableToOpen();
+  xOpenVideoOrThrow();
 
   int colorSpace = kUnknownColorSpace;
   int resolution = -1;
@@ -215,13 +219,7 @@ void OXVisionFileCam::setVideo(const std::string& pFilePath, const OXValue& pRan
 }
 
 bool OXVisionFileCam::xOpenDevice() {
-  bool opened = false;
-  try {
-    opened = fVideo.readVideo(fFilePath);
-  } catch (...) {
-    opened = false;
-  }
-  if (!opened) xUnableToOpen();
+  xOpenVideoOrThrow();
 
   fLoopDuration = 0;
   fTimeOffset = 0;

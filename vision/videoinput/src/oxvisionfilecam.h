@@ -81,6 +81,8 @@ class OXVisionFileCam : public OXSingleton<OXVisionFileCam>, public OXVisionVide
   bool xOpenDevice();   // opens the file and fills the ring; throws when the reader refuses
   bool xCloseDevice();  // always true
   // Logs and throws the failure to open fFilePath.
+  // Opens fFilePath for reading; a refusal or an exception of the reader ends in xUnableToOpen.
+  void xOpenVideoOrThrow();
   [[noreturn]] void xUnableToOpen();
   void xBindFileCamMethods();
 

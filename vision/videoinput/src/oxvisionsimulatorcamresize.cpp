@@ -2,10 +2,10 @@
 // Downward by plain decimation, upward by pixel replication, no filtering. Row kernels convert;
 // the plane loops pick rows and strides. The plain integer kernels are the reference; faster
 // variants are selected through activeKernels() and must match them byte for byte.
-#include <atomic>
 #include <cstring>
 
 #include "oxtypes.h"
+#include "oxvisionkernelchoice.h"
 #include "oxvisionsimulatorcam.h"
 #include "oxvisionsimulatorcamtexts.h"
 
@@ -78,25 +78,20 @@ void replicateRowReference(const unsigned char* pSource, int pWidth, int pRatio,
 
 constexpr Kernels kReference = {pairRowReference, replicateRowReference};
 
-std::atomic<bool> gForceReference{false};
-
-// The fastest variant for this processor. Only the reference exists so far.
-const Kernels& selectedKernels() {
-  return kReference;
-}
+KernelChoice<Kernels> gChoice(kReference);
 
 }  // namespace
 
 const Kernels& referenceKernels() {
-  return kReference;
+  return gChoice.reference();
 }
 
 const Kernels& activeKernels() {
-  return gForceReference ? kReference : selectedKernels();
+  return gChoice.active();
 }
 
 void forceReferenceKernelsForTesting(bool pForce) {
-  gForceReference = pForce;
+  gChoice.forceReference(pForce);
 }
 
 }  // namespace simulatorkernels

@@ -5,12 +5,12 @@
 #include "oxvisionvideoinputconversion.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 
 #include "oxtypes.h"
+#include "oxvisionkernelchoice.h"
 #include "oxvisionvideoinput.h"
 #include "oxvisionvideoinputtexts.h"
 
@@ -219,25 +219,20 @@ void yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, 
 constexpr Kernels kReference = {yuvRow,       hsyRow,       yuv422Row, yuvPackedRow, rgbRow<0, 2>,
                                 hsyPackedRow, rgbRow<2, 0>, yycbcrRow, h2rgbRow,     hsMixedRow};
 
-std::atomic<bool> gForceReference{false};
-
-// The fastest variant for this processor. Only the reference exists so far.
-const Kernels& selectedKernels() {
-  return kReference;
-}
+KernelChoice<Kernels> gChoice(kReference);
 
 }  // namespace
 
 const Kernels& referenceKernels() {
-  return kReference;
+  return gChoice.reference();
 }
 
 const Kernels& activeKernels() {
-  return gForceReference ? kReference : selectedKernels();
+  return gChoice.active();
 }
 
 void forceReferenceKernelsForTesting(bool pForce) {
-  gForceReference = pForce;
+  gChoice.forceReference(pForce);
 }
 
 }  // namespace conversionkernels
