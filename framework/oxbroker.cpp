@@ -2,8 +2,11 @@
 #include "oxbroker.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <mutex>
 
+#include "oxremote.h"
 #include "oxservices.h"
 
 namespace OX {
@@ -106,8 +109,53 @@ std::vector<boost::shared_ptr<OXBroker>> OXBrokerManager::getBrokers() const {
 // ---------------------------------------------------------------------------------------------
 // OXProxy
 
+namespace {
+
+std::mutex sClientNameMutex;
+std::string sClientName;  // empty: the program's name
+std::atomic<int> sRemoteTimeoutMs{30000};
+
+}  // namespace
+
 OXProxy::OXProxy(boost::shared_ptr<OXBroker> pBroker, const std::string& pModuleName)
     : fBroker(pBroker), fModuleName(pModuleName) {}
+
+OXProxy::OXProxy(const std::string& pModuleName, const std::string& pHost, int pPort)
+    : fModuleName(pModuleName),
+      fRemote(new OXRemoteConnection("tcp://" + pHost + ":" + std::to_string(pPort),
+                                     getClientName(), pModuleName, getRemoteTimeout())) {}
+
+OXProxy::~OXProxy() = default;
+
+boost::shared_ptr<OXProxy> OXProxy::connect(const std::string& pUrl,
+                                            const std::string& pModuleName) {
+  boost::shared_ptr<OXProxy> proxy(new OXProxy(boost::shared_ptr<OXBroker>(), pModuleName));
+  proxy->fRemote.reset(
+      new OXRemoteConnection(pUrl, getClientName(), pModuleName, getRemoteTimeout()));
+  return proxy;
+}
+
+std::string OXProxy::getUrl() const {
+  return fRemote ? fRemote->getUrl() : std::string();
+}
+
+void OXProxy::setClientName(const std::string& pName) {
+  std::lock_guard<std::mutex> guard(sClientNameMutex);
+  sClientName = pName;
+}
+
+std::string OXProxy::getClientName() {
+  std::lock_guard<std::mutex> guard(sClientNameMutex);
+  return sClientName.empty() ? std::string(program_invocation_short_name) : sClientName;
+}
+
+void OXProxy::setRemoteTimeout(int pMilliseconds) {
+  sRemoteTimeoutMs = pMilliseconds;
+}
+
+int OXProxy::getRemoteTimeout() {
+  return sRemoteTimeoutMs;
+}
 
 boost::shared_ptr<OXModuleCore> OXProxy::module() const {
   boost::shared_ptr<OXBroker> broker = fBroker.lock();
@@ -121,21 +169,37 @@ boost::shared_ptr<OXModuleCore> OXProxy::module() const {
 }
 
 OXValue OXProxy::genericCall(const std::string& pMethod, const OXValue& pArguments) {
+  if (fRemote) {
+    return fRemote->request("call", {fModuleName, pMethod, pArguments}, pMethod,
+                            fRemote->getTimeout());
+  }
   OXValue result;
   module()->execute(pMethod, pArguments, result);
   return result;
 }
 
 std::vector<std::string> OXProxy::getMethodList() {
-  return module()->getMethodList();
+  if (!fRemote) return module()->getMethodList();
+  const OXValue names =
+      fRemote->request("methods", {fModuleName}, "getMethodList", fRemote->getTimeout());
+  std::vector<std::string> list;
+  for (int i = 0; i < names.getSize(); ++i) list.push_back(names[i].asString());
+  return list;
 }
 
 OXValue OXProxy::getMethodHelp(const std::string& pMethod) {
-  return module()->getMethodHelp(pMethod);
+  if (!fRemote) return module()->getMethodHelp(pMethod);
+  return fRemote->request("help", {fModuleName, pMethod}, "getMethodHelp", fRemote->getTimeout());
 }
 
 OXValue OXProxy::getModuleHelp() {
-  return module()->getModuleHelp();
+  if (!fRemote) return module()->getModuleHelp();
+  return describe()[0];
+}
+
+OXValue OXProxy::describe() {
+  if (!fRemote) return module()->describe();
+  return fRemote->request("describe", {fModuleName}, "describe", fRemote->getTimeout());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -314,6 +378,13 @@ OXValue OXModuleCore::getModuleHelp() const {
   help.arrayPush(fModuleDescription);
   help.arrayPush(examples);
   return help;
+}
+
+OXValue OXModuleCore::describe() const {
+  OXValue records;
+  records.arraySetSize(0);
+  for (const OXMethodInfo& info : getMethodTable()) records.arrayPush(methodRecord(info));
+  return OXValue::array({getModuleHelp(), records});
 }
 
 std::vector<OXMethodInfo> OXModuleCore::getMethodTable() const {

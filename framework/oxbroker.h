@@ -23,6 +23,7 @@ namespace OX {
 class OXBroker;
 class OXModule;
 class OXModuleCore;
+class OXRemoteConnection;
 
 // The process's registry of brokers.
 class OXBrokerManager {
@@ -41,11 +42,21 @@ class OXBrokerManager {
   std::vector<boost::weak_ptr<OXBroker>> fBrokers;
 };
 
-// A proxy on one module of a broker. genericCall runs the published method in the caller's thread.
+// A proxy on one module of a broker. In-process, genericCall runs the published method in the
+// caller's thread; a remote proxy sends the call to a broker host in another process and waits
+// for its reply. Copies of a remote proxy share one connection; calls through one connection are
+// served one after the other, so threads that call at once should each have their own proxy.
 class OXProxy {
  public:
   OXProxy(boost::shared_ptr<OXBroker> pBroker, const std::string& pModuleName);
-  virtual ~OXProxy() = default;
+  // A proxy on the module pModuleName of the broker host at tcp://pHost:pPort. It introduces this
+  // process under the client name (setClientName) and throws OXError when the broker does not
+  // answer within the remote timeout or hosts no such module.
+  OXProxy(const std::string& pModuleName, const std::string& pHost, int pPort);
+  // The same for a ZeroMQ address such as "tcp://127.0.0.1:7761".
+  static boost::shared_ptr<OXProxy> connect(const std::string& pUrl,
+                                            const std::string& pModuleName);
+  virtual ~OXProxy();
 
   // Calls a published method with its arguments as an array (an invalid value means none).
   // An unknown method, arguments that fit no signature, or a failed call throw OXError.
@@ -56,9 +67,24 @@ class OXProxy {
   virtual OXValue getMethodHelp(const std::string& pMethod);
   // [name, description, [[language, text], ...]].
   virtual OXValue getModuleHelp();
+  // [getModuleHelp(), [record, ...]]: every publication in order of binding, each record as in
+  // getMethodHelp.
+  virtual OXValue describe();
 
   const std::string& getModuleName() const { return fModuleName; }
+  // Null for a remote proxy.
   boost::shared_ptr<OXBroker> getBroker() const { return fBroker.lock(); }
+  bool isRemote() const { return fRemote != nullptr; }
+  // The address of the broker host of a remote proxy, empty in-process.
+  std::string getUrl() const;
+
+  // The name under which remote proxies made afterwards introduce this process (by default the
+  // program's name); the broker raises "ClientDisconnected" with it when the client goes away.
+  static void setClientName(const std::string& pName);
+  static std::string getClientName();
+  // How long a remote proxy waits for a reply before it throws OXError (default 30000 ms).
+  static void setRemoteTimeout(int pMilliseconds);
+  static int getRemoteTimeout();
 
  protected:
   boost::shared_ptr<OXModuleCore> module() const;  // throws when the module is gone
@@ -66,6 +92,7 @@ class OXProxy {
  private:
   boost::weak_ptr<OXBroker> fBroker;
   std::string fModuleName;
+  boost::shared_ptr<OXRemoteConnection> fRemote;
 };
 
 // The core of every module: its name, its broker and its method table.
@@ -111,6 +138,8 @@ class OXModuleCore : public boost::enable_shared_from_this<OXModuleCore> {
   OXValue getModuleHelp() const;
   // A copy of the whole table, in order of binding.
   std::vector<OXMethodInfo> getMethodTable() const;
+  // [getModuleHelp(), [record, ...]] with one record per publication, in order of binding.
+  OXValue describe() const;
 
  private:
   void bind(boost::shared_ptr<OXFunctorBase> pFunctor, OXMethodInfo::Binding pBinding);

@@ -22,6 +22,12 @@ OXValue OXValue::binary(const void* pData, int pSize) {
   return value;
 }
 
+OXValue OXValue::binary(Binary&& pBytes) {
+  OXValue value;
+  value.fData = std::move(pBytes);
+  return value;
+}
+
 void OXValue::throwKind(const char* pWanted) const {
   throw OXError(
       "OXValue", "conversion",
@@ -173,9 +179,15 @@ void OXValue::SetBinary(const void* pData, int pSize) {
     throw OXError("OXValue", "SetBinary", "invalid binary of " + std::to_string(pSize) + " bytes",
                   "framework/oxvalue", __LINE__);
   }
-  Binary bytes(static_cast<size_t>(pSize));
-  if (pSize > 0) std::memcpy(bytes.data(), pData, static_cast<size_t>(pSize));
-  fData = std::move(bytes);
+  // One pass over the bytes: a sized vector would first be zero-filled.
+  const auto* first = static_cast<const unsigned char*>(pData);
+  fData = pSize > 0 ? Binary(first, first + pSize) : Binary();
+}
+
+const OXValue::Binary& OXValue::binaryBytes() const {
+  const Binary* bytes = std::get_if<Binary>(&fData);
+  if (bytes == nullptr) throwKind("binary");
+  return *bytes;
 }
 
 const void* OXValue::GetBinary() const {

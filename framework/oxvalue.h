@@ -37,6 +37,8 @@ class OXValue {
 
   // A binary value holding a copy of pSize bytes.
   static OXValue binary(const void* pData, int pSize);
+  // A binary value that takes over these bytes.
+  static OXValue binary(Binary&& pBytes);
   // An array of these elements (an empty array for an empty list), e.g. call arguments.
   static OXValue array(std::initializer_list<OXValue> pElements);
 
@@ -88,6 +90,8 @@ class OXValue {
   // The bytes of a binary value; throws for other kinds.
   const void* GetBinary() const;
   void* GetBinary();
+  // The bytes of a binary value as a vector; throws for other kinds.
+  const Binary& binaryBytes() const;
 
   // Fills pResult from an array of numbers (ints and floats). With pClear the vector is emptied
   // first, otherwise the numbers are appended. Returns false, leaving pResult as it was, when the

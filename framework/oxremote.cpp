@@ -1,0 +1,121 @@
+// The client end of a broker connection; see oxremote.h.
+#include "oxremote.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <vector>
+
+#include "oxerror.h"
+#include "oxwire.h"
+
+namespace OX {
+
+namespace {
+
+const char* const kRemoteFile = "framework/oxremote";
+// How long a closing client waits for the broker to acknowledge its goodbye.
+constexpr int kByeTimeoutMs = 1000;
+// Introductions are short: a broker that does not answer one within this time is not there.
+constexpr int kHelloTimeoutMs = 5000;
+
+// The process's ZeroMQ context. It is never destroyed: a context waits in its destructor for
+// every socket to close, and a proxy left alive until exit would then hang the process.
+zmq::context_t& context() {
+  static zmq::context_t* const sContext = new zmq::context_t(1);
+  return *sContext;
+}
+
+}  // namespace
+
+OXRemoteConnection::OXRemoteConnection(const std::string& pUrl, const std::string& pClientName,
+                                       const std::string& pModuleName, int pTimeoutMs)
+    : fUrl(pUrl), fTimeoutMs(pTimeoutMs), fSocket(context(), zmq::socket_type::dealer) {
+  fSocket.set(zmq::sockopt::linger, 0);
+  try {
+    fSocket.connect(pUrl);
+  } catch (const zmq::error_t& error) {
+    throw OXError("OXProxy", "connect", "cannot connect to " + pUrl + ": " + error.what(),
+                  kRemoteFile, __LINE__);
+  }
+  request("hello", {pClientName, pModuleName.empty() ? OXValue() : OXValue(pModuleName)}, "connect",
+          std::min(pTimeoutMs, kHelloTimeoutMs));
+}
+
+OXRemoteConnection::~OXRemoteConnection() {
+  try {
+    request("bye", {}, "close", kByeTimeoutMs);
+  } catch (const std::exception&) {
+    // The broker is gone or slow: it notices the closed connection by itself.
+  }
+}
+
+OXValue OXRemoteConnection::request(const std::string& pOperation, const OXValue::Array& pOperands,
+                                    const std::string& pFunction, int pTimeoutMs) {
+  std::lock_guard<std::mutex> guard(fMutex);
+  const int id = fNextId++;
+  OXValue::Array header = {wire::kProtocolVersion, id, pOperation};
+  header.insert(header.end(), pOperands.begin(), pOperands.end());
+  // The encoded frames point into this value: it must live until they are sent.
+  const OXValue message(std::move(header));
+  wire::Encoded encoded;
+  wire::encode(message, encoded);
+
+  const auto sendFlags = [](bool pLast) {
+    return pLast ? zmq::send_flags::dontwait : zmq::send_flags::sndmore | zmq::send_flags::dontwait;
+  };
+  bool sent =
+      fSocket.send(zmq::buffer(encoded.fHeader), sendFlags(encoded.fFrames.empty())).has_value();
+  for (std::size_t i = 0; sent && i < encoded.fFrames.size(); ++i) {
+    const OXValue::Binary& bytes = *encoded.fFrames[i];
+    sent = fSocket
+               .send(zmq::buffer(bytes.data(), bytes.size()),
+                     sendFlags(i + 1 == encoded.fFrames.size()))
+               .has_value();
+  }
+  if (!sent) {
+    throw OXError("OXProxy", pFunction, "cannot send to " + fUrl + ": too many requests queued",
+                  kRemoteFile, __LINE__);
+  }
+
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(pTimeoutMs);
+  while (true) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    std::vector<zmq::pollitem_t> items = {{fSocket.handle(), 0, ZMQ_POLLIN, 0}};
+    int ready = 0;
+    try {
+      ready = left.count() <= 0 ? 0 : zmq::poll(items, left);
+    } catch (const zmq::error_t& error) {
+      // A signal handler ran: wait again for the time that is left.
+      if (error.num() == EINTR) continue;
+      throw OXError("OXProxy", pFunction, std::string("waiting for ") + fUrl + ": " + error.what(),
+                    kRemoteFile, __LINE__);
+    }
+    if (ready == 0) {
+      throw OXError("OXProxy", pFunction,
+                    "no reply from " + fUrl + " within " + std::to_string(pTimeoutMs) + " ms",
+                    kRemoteFile, __LINE__);
+    }
+    std::vector<zmq::message_t> frames;
+    do {
+      frames.emplace_back();
+      (void)fSocket.recv(frames.back());
+    } while (frames.back().more());
+    std::vector<wire::FrameView> views;
+    for (const zmq::message_t& frame : frames) views.push_back({frame.data(), frame.size()});
+    const OXValue reply = wire::decode(views, SIZE_MAX);
+    if (!reply.isArray() || reply.getSize() != 4 || !reply[1].isInt() || !reply[2].isString()) {
+      throw OXError("OXProxy", pFunction, "malformed reply from " + fUrl, kRemoteFile, __LINE__);
+    }
+    const int replyId = reply[1].asInt();
+    // A late reply to a request that timed out; -1 answers a request the broker could not read,
+    // which can only be this one, since requests go one at a time.
+    if (replyId != id && replyId != -1) continue;
+    if (reply[2].asString() == "error") wire::throwErrorValue(reply[3]);
+    return reply[3];
+  }
+}
+
+}  // namespace OX

@@ -1,0 +1,290 @@
+"""Python client of the broker host ``oxbroker``: calls the published methods of its modules.
+
+Usage::
+
+    from oxclient import OXProxy, OXError, image_to_numpy
+
+    cameraProxy = OXProxy("OXVideoDevice", "127.0.0.1", 7761)
+    nameId = cameraProxy.subscribeCamera("pythonModule", 0, 1, 11, 30)  # QVGA, kRGB, 30 fps
+    try:
+        pixels = image_to_numpy(cameraProxy.getImageRemote(nameId))  # shape (240, 320, 3)
+    except OXError as error:
+        print(error)  # same text as OXError::toString() on the C++ side
+    finally:
+        cameraProxy.unsubscribe(nameId)
+        cameraProxy.close()
+
+Published methods are called as attributes of the proxy, with positional arguments; values map
+as None <-> invalid, bool, int (signed 32-bit), float (sent as float 32), str, list/tuple ->
+array, bytes/bytearray/memoryview -> binary (received as bytes). The wire format is described in
+docs/protocol.md.
+"""
+
+import itertools
+import os
+import sys
+import time
+
+import zmq
+
+from . import _wire
+from ._error import OXError
+
+__all__ = ["OXProxy", "OXError", "describe", "describe_from_value", "image_to_numpy"]
+
+DEFAULT_PORT = 7761
+# How long close() waits for the broker to acknowledge "bye": the session ends anyway when the
+# connection closes, the acknowledgement only makes the end prompt and ordered.
+_BYE_TIMEOUT_MS = 1000
+
+
+def _default_client_name():
+    return os.path.basename(sys.argv[0]) if sys.argv and sys.argv[0] else "python"
+
+
+class OXProxy:
+    """A connection to one module of a broker host.
+
+    ``proxy.someMethod(a, b)`` calls the published method ``someMethod`` with the arguments
+    ``[a, b]`` and returns its result; an error raised by the module is raised here as OXError.
+
+    A proxy is not thread-safe: it sends one request and waits for its reply on a socket of its
+    own. Threads that call at the same time should each make their own proxy.
+    """
+
+    def __init__(self, module, host="127.0.0.1", port=DEFAULT_PORT, name=None,
+                 timeout_ms=30000):
+        self._socket = None
+        self.module = module
+        self.url = "tcp://%s:%d" % (host, port)
+        self.name = _default_client_name() if name is None else name
+        self.timeout_ms = timeout_ms
+        self._ids = itertools.count(1)
+        socket = zmq.Context.instance().socket(zmq.DEALER)
+        socket.setsockopt(zmq.LINGER, 0)
+        socket.connect(self.url)
+        self._socket = socket
+        try:
+            self.broker_name, self.modules_at_hello = self._request("hello", self.name, module)
+        except BaseException:
+            self._close_socket()
+            raise
+
+    # -- published methods
+
+    def call(self, method, *args):
+        """Calls the published method ``method`` with positional arguments."""
+        return self._request("call", self.module, method, list(args), what=method)
+
+    def __getattr__(self, method):
+        # Private and special names are Python's own (copy, pickle, ...), never remote methods.
+        if method.startswith("_"):
+            raise AttributeError(method)
+
+        def remote(*args):
+            return self.call(method, *args)
+
+        remote.__name__ = method
+        remote.__qualname__ = "OXProxy." + method
+        return remote
+
+    # -- introspection
+
+    def methods(self):
+        """The published method names, each once, in order of first publication."""
+        return self._request("methods", self.module)
+
+    def help(self, method):
+        """Every publication of ``method``: a list of records (see docs/protocol.md)."""
+        return self._request("help", self.module, method)
+
+    def module_help(self):
+        """``[module name, description, [[language, text], ...]]``."""
+        return self.describe_value()[0]
+
+    def describe_value(self):
+        """The raw answer of "describe": ``[module help, [record, ...]]``."""
+        return self._request("describe", self.module)
+
+    def modules(self):
+        """The names of the modules the broker hosts."""
+        return self._request("modules")
+
+    def ping(self):
+        self._request("ping")
+
+    # -- life cycle
+
+    def close(self):
+        """Ends the session (the broker then raises "ClientDisconnected") and the connection."""
+        if self._socket is None:
+            return
+        try:
+            self._request("bye", timeout_ms=min(self.timeout_ms, _BYE_TIMEOUT_MS))
+        except (OXError, zmq.ZMQError):
+            pass  # closing the connection ends the session all the same
+        finally:
+            self._close_socket()
+
+    @property
+    def closed(self):
+        return self._socket is None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc_info):
+        self.close()
+
+    def __del__(self):
+        # Without the bye: at interpreter exit the broker may already be unreachable, and a
+        # finaliser must not wait. The connection closing ends the session.
+        try:
+            self._close_socket()
+        except Exception:
+            pass
+
+    def __repr__(self):
+        return "OXProxy(%r, %r%s)" % (self.module, self.url, ", closed" if self.closed else "")
+
+    def _close_socket(self):
+        socket, self._socket = getattr(self, "_socket", None), None
+        if socket is not None:
+            socket.close(linger=0)
+
+    # -- the request/reply exchange
+
+    def _request(self, op, *operands, what=None, timeout_ms=None):
+        if self._socket is None:
+            raise OXError("OXProxy", what or op, "the proxy on %s is closed" % self.module)
+        request_id = next(self._ids)
+        # Encoding first: a value the broker would refuse never leaves this process.
+        frames = _wire.encode([_wire.PROTOCOL_VERSION, request_id, op] + list(operands))
+        self._socket.send_multipart(frames, copy=False)
+        timeout_ms = self.timeout_ms if timeout_ms is None else timeout_ms
+        deadline = time.monotonic() + timeout_ms / 1000.0
+        while True:
+            remaining = deadline - time.monotonic()
+            if remaining <= 0 or not self._socket.poll(max(1, int(remaining * 1000)), zmq.POLLIN):
+                raise OXError("OXProxy", what or op, "no reply from %s: no answer to \"%s\" "
+                              "within %d ms" % (self.url, op, timeout_ms))
+            reply = _wire.decode(self._socket.recv_multipart())
+            if not isinstance(reply, list) or len(reply) != 4:
+                raise OXError("OXProxy", "decode", "malformed message: a reply that is not an "
+                              "array of four elements")
+            version, reply_id, status, result = reply
+            if version != _wire.PROTOCOL_VERSION:
+                raise OXError("OXProxy", "decode",
+                              "unsupported protocol version %r in a reply" % (version,))
+            # One request is in flight at a time, so an error about an unreadable id is ours;
+            # any other id is a late reply to a request that timed out.
+            if reply_id != request_id and not (reply_id == -1 and status == "error"):
+                continue
+            if status == "ok":
+                return result
+            if status == "error":
+                raise _error_from_fields(result)
+            raise OXError("OXProxy", "decode", "malformed message: unknown reply status %r"
+                          % (status,))
+
+
+def _error_from_fields(fields):
+    well_formed = (isinstance(fields, list) and len(fields) == 5
+                   and all(isinstance(field, str) for field in fields[:4])
+                   and isinstance(fields[4], int) and not isinstance(fields[4], bool))
+    if not well_formed:
+        raise OXError("OXProxy", "decode", "malformed message: an error reply without its five "
+                      "fields")
+    return OXError(*fields)
+
+
+# -- introspection as plain data
+
+def _pairs(value, what):
+    if not isinstance(value, list):
+        raise ValueError("%s: expected an array, got %r" % (what, value))
+    for pair in value:
+        if not isinstance(pair, list) or len(pair) != 2:
+            raise ValueError("%s: expected [language, text] pairs, got %r" % (what, pair))
+    return [{"language": language, "text": text} for language, text in value]
+
+
+def _record(record):
+    if not isinstance(record, list) or len(record) != 8:
+        raise ValueError("a publication record has 8 fields, got %r" % (record,))
+    name, class_name, description, flags, params, returned, examples, binding = record
+    if not isinstance(params, list) or any(
+            not isinstance(param, list) or len(param) != 3 for param in params):
+        raise ValueError("%s: parameters must be [name, description, type] triples" % name)
+    if not isinstance(returned, list) or len(returned) != 3:
+        raise ValueError("%s: the return must be [name, description, type]" % name)
+    if binding not in ("bindMethod", "bindMethodOverload"):
+        raise ValueError("%s: unknown binding %r" % (name, binding))
+    return {
+        "name": name,
+        "class": class_name,
+        "description": description,
+        "flags": flags,
+        "parameters": [{"name": p[0], "description": p[1], "type": p[2]} for p in params],
+        "return": {"name": returned[0], "description": returned[1], "type": returned[2]},
+        "examples": _pairs(examples, name + " examples"),
+        "overload": binding == "bindMethodOverload",
+    }
+
+
+def describe_from_value(value):
+    """Turns the result of the "describe" operation into dicts and lists (JSON-ready)."""
+    if not isinstance(value, list) or len(value) != 2:
+        raise ValueError("a description is [module help, records], got %r" % (value,))
+    module_help, records = value
+    if not isinstance(module_help, list) or len(module_help) != 3:
+        raise ValueError("module help is [name, description, examples], got %r" % (module_help,))
+    if not isinstance(records, list):
+        raise ValueError("the publications must be an array")
+    return {
+        "module": module_help[0],
+        "description": module_help[1],
+        "examples": _pairs(module_help[2], "module examples"),
+        "methods": [_record(record) for record in records],
+    }
+
+
+def describe(proxy):
+    """The module's help and its whole method table, in publication order, as dicts."""
+    return describe_from_value(proxy.describe_value())
+
+
+# -- images
+
+_IMAGE_FIELDS = 12
+
+
+def image_to_numpy(value):
+    """The pixels of an image array (as getImageRemote returns it) as a (height, width, layers)
+    uint8 array.
+
+    The array shares the received bytes (no copy), so it is read-only; take ``.copy()`` to
+    modify it. Raises ValueError when the value is not an image or its sizes disagree.
+    """
+    import numpy  # only the image helpers need it
+
+    if not isinstance(value, (list, tuple)) or len(value) != _IMAGE_FIELDS:
+        raise ValueError("an image is an array of %d values, got %s"
+                         % (_IMAGE_FIELDS, _short(value)))
+    width, height, layers = value[0], value[1], value[2]
+    for label, field in (("width", width), ("height", height), ("layers", layers)):
+        if not isinstance(field, int) or isinstance(field, bool) or field < 0:
+            raise ValueError("image %s must be a non-negative int, got %r" % (label, field))
+    pixels = value[6]
+    if not isinstance(pixels, (bytes, bytearray, memoryview)):
+        raise ValueError("image pixels must be a binary, got %s" % type(pixels).__name__)
+    size = memoryview(pixels).nbytes
+    if size != width * height * layers:
+        raise ValueError("image of %dx%dx%d needs %d bytes, got %d"
+                         % (width, height, layers, width * height * layers, size))
+    return numpy.frombuffer(pixels, dtype=numpy.uint8).reshape(height, width, layers)
+
+
+def _short(value):
+    text = repr(value)
+    return text if len(text) <= 80 else text[:77] + "..."

@@ -1,0 +1,146 @@
+"""OXValue on the wire: one MessagePack header plus one ZeroMQ frame per large binary.
+
+The layout is the one docs/protocol.md describes; the broker's decoder refuses anything else, so
+the encoder here refuses early what the broker would only answer with "malformed message", and the
+decoder refuses what the broker never sends.
+"""
+
+import struct
+
+import msgpack
+
+from ._error import OXError
+
+PROTOCOL_VERSION = 1
+# Binaries of at least this many bytes travel in a frame of their own, so that a frame of pixels is
+# never copied into the header.
+OUT_OF_LINE_BINARY = 4096
+FRAME_EXT_TYPE = 1
+INT_MIN = -(2 ** 31)
+INT_MAX = 2 ** 31 - 1
+# Far deeper than any value the device returns; it keeps a hostile reply from exhausting Python's
+# own recursion limit.
+MAX_DEPTH = 256
+
+_BINARY_TYPES = (bytes, bytearray, memoryview)
+
+
+def _encode_error(why):
+    return OXError("OXProxy", "encode", why)
+
+
+def _malformed(why):
+    return OXError("OXProxy", "decode", "malformed message: " + why)
+
+
+def _as_bytes_like(value):
+    """A flat byte view of a binary value, copied only when the buffer is not contiguous."""
+    if isinstance(value, memoryview):
+        if not value.c_contiguous:
+            return value.tobytes()
+        return value if value.format == "B" and value.ndim == 1 else value.cast("B")
+    return value
+
+
+def _prepare(value, frames, depth=0):
+    """Maps a Python value onto what msgpack packs as the matching OXValue kind."""
+    if depth > MAX_DEPTH:
+        raise _encode_error("value nested deeper than %d" % MAX_DEPTH)
+    if value is None or isinstance(value, (bool, float, str)):
+        # bool before int: a Python bool is an int too, and must stay a MessagePack bool.
+        return value
+    if isinstance(value, int):
+        if not INT_MIN <= value <= INT_MAX:
+            raise _encode_error("integer %d does not fit in a signed 32-bit int" % value)
+        return value
+    if isinstance(value, _BINARY_TYPES):
+        data = _as_bytes_like(value)
+        if len(data) >= OUT_OF_LINE_BINARY:
+            frames.append(data)
+            return msgpack.ExtType(FRAME_EXT_TYPE, struct.pack(">I", len(frames)))
+        return bytes(data)
+    if isinstance(value, (list, tuple)):
+        return [_prepare(item, frames, depth + 1) for item in value]
+    raise _encode_error("cannot send a value of type %s" % type(value).__name__)
+
+
+def encode(value):
+    """Returns the frames of one message: the packed header, then the out-of-line binaries."""
+    frames = []
+    header = _prepare(value, frames)
+    # surrogateescape gives back the exact bytes of a received string that was not UTF-8.
+    packed = msgpack.packb(header, use_bin_type=True, use_single_float=True,
+                           unicode_errors="surrogateescape")
+    return [packed] + frames
+
+
+def _bytes_of(frame):
+    if isinstance(frame, bytes):
+        return frame
+    if hasattr(frame, "bytes"):  # a zmq.Frame received with copy=False
+        return frame.bytes
+    return bytes(frame)
+
+
+class _Decoder:
+    def __init__(self, frames):
+        self.frames = frames
+        self.used = [False] * len(frames)
+
+    def value(self, obj, depth=0):
+        if depth > MAX_DEPTH:
+            raise _malformed("nested deeper than %d" % MAX_DEPTH)
+        if obj is None or isinstance(obj, (bool, float, str, bytes)):
+            return obj
+        if isinstance(obj, int):
+            if not INT_MIN <= obj <= INT_MAX:
+                raise _malformed("integer %d out of range" % obj)
+            return obj
+        if isinstance(obj, list):
+            return [self.value(item, depth + 1) for item in obj]
+        if isinstance(obj, msgpack.ExtType):
+            return self.frame(obj)
+        if isinstance(obj, dict):
+            raise _malformed("a map")
+        raise _malformed("an unknown MessagePack type (%s)" % type(obj).__name__)
+
+    def frame(self, ext):
+        if ext.code != FRAME_EXT_TYPE:
+            raise _malformed("unknown extension type %d" % ext.code)
+        if len(ext.data) != 4:
+            raise _malformed("a frame reference of %d bytes" % len(ext.data))
+        (index,) = struct.unpack(">I", ext.data)
+        if not 1 <= index < len(self.frames) + 1:
+            raise _malformed("frame %d does not exist" % index)
+        if self.used[index - 1]:
+            raise _malformed("frame %d referenced twice" % index)
+        self.used[index - 1] = True
+        return _bytes_of(self.frames[index - 1])
+
+
+def _keep_ext(code, data):
+    return msgpack.ExtType(code, data)
+
+
+def decode(frames):
+    """Decodes a whole message (a list of frames, header first) into Python values."""
+    if not frames:
+        raise _malformed("no frames")
+    header = _bytes_of(frames[0])
+    if not header:
+        raise _malformed("empty header")
+    try:
+        # The timestamp extension comes back as msgpack.Timestamp and is refused like any other.
+        obj = msgpack.unpackb(header, raw=False, unicode_errors="surrogateescape",
+                              strict_map_key=False, use_list=True, timestamp=0,
+                              ext_hook=_keep_ext)
+    except msgpack.ExtraData:
+        raise _malformed("bytes after the header") from None
+    except (ValueError, msgpack.UnpackException, TypeError) as error:
+        raise _malformed("unreadable header (%s)" % (str(error) or type(error).__name__)) from None
+    decoder = _Decoder(list(frames[1:]))
+    result = decoder.value(obj)
+    for index, used in enumerate(decoder.used, start=1):
+        if not used:
+            raise _malformed("frame %d is not referenced" % index)
+    return result

@@ -1,0 +1,291 @@
+// oxsim: feeds the device's simulated camera with frames through its published putImage, at a
+// steady rate: a drawn scene a person can recognise, or the PNG files of a folder.
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "oxbroker.h"
+#include "oxerror.h"
+#include "oxvalue.h"
+#include "toolimage.h"
+#include "toolsupport.h"
+
+namespace {
+
+using oxtools::RgbImage;
+using oxtools::UsageError;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kProgram = "oxsim";
+
+const char* const kAbout =
+    "Pushes frames into camera N of OXVideoDevice with putImage(camera, width, height, rgb)\n"
+    "at a steady rate until --frames are sent or Ctrl-C / SIGTERM (exit 0).\n"
+    "The default scene: a gradient, a bouncing red disc, a sliding blue square and the frame\n"
+    "number in big digits. The device takes 160x120, 320x240, 640x480 and 1280x960 only.\n"
+    "With --png-dir, the .png files of DIR are sent in name order, looping; all must have one\n"
+    "of those sizes, the same for every file. Prints the frames pushed and the rate achieved\n"
+    "every second unless --quiet. Exit status: 0 done or stopped, 1 bad command line or\n"
+    "unusable PNG folder, 2 error from the broker or the device, or every frame refused.";
+
+const char* const kEpilog =
+    "examples:\n"
+    "  oxsim --size 320x240 --fps 15\n"
+    "  oxsim --frames 100 --quiet\n"
+    "  oxsim --url tcp://robot.local:7761 --camera 1 --png-dir ./frames";
+
+struct Size {
+  int fWidth;
+  int fHeight;
+};
+// The frame sizes the device's simulated camera accepts.
+constexpr Size kAcceptedSizes[] = {{160, 120}, {320, 240}, {640, 480}, {1280, 960}};
+
+void checkAccepted(int pWidth, int pHeight, const std::string& pWhat) {
+  for (const Size& size : kAcceptedSizes) {
+    if (size.fWidth == pWidth && size.fHeight == pHeight) return;
+  }
+  throw UsageError(pWhat + " is " + std::to_string(pWidth) + "x" + std::to_string(pHeight) +
+                   "; the device takes 160x120, 320x240, 640x480 or 1280x960 only");
+}
+
+// 5x7 digits, one byte per row, bit 4 the leftmost column.
+constexpr unsigned char kDigits[10][7] = {
+    {0x0E, 0x11, 0x13, 0x15, 0x19, 0x11, 0x0E}, {0x04, 0x0C, 0x04, 0x04, 0x04, 0x04, 0x0E},
+    {0x0E, 0x11, 0x01, 0x02, 0x04, 0x08, 0x1F}, {0x1F, 0x02, 0x04, 0x02, 0x01, 0x11, 0x0E},
+    {0x02, 0x06, 0x0A, 0x12, 0x1F, 0x02, 0x02}, {0x1F, 0x10, 0x1E, 0x01, 0x01, 0x11, 0x0E},
+    {0x06, 0x08, 0x10, 0x1E, 0x11, 0x11, 0x0E}, {0x1F, 0x01, 0x02, 0x04, 0x08, 0x08, 0x08},
+    {0x0E, 0x11, 0x11, 0x0E, 0x11, 0x11, 0x0E}, {0x0E, 0x11, 0x11, 0x0F, 0x01, 0x02, 0x0C}};
+
+class Scene {
+ public:
+  Scene(int pWidth, int pHeight) {
+    fImage.fWidth = pWidth;
+    fImage.fHeight = pHeight;
+    fImage.fPixels.resize(static_cast<size_t>(pWidth) * pHeight * 3);
+  }
+
+  // The picture at pSeconds of simulated time, showing pNumber.
+  const RgbImage& draw(double pSeconds, long long pNumber) {
+    const int w = fImage.fWidth;
+    const int h = fImage.fHeight;
+    for (int y = 0; y < h; ++y) {
+      for (int x = 0; x < w; ++x) {
+        set(x, y, 40 + 120 * x / w, 60 + 140 * y / h, 200 - 100 * y / h);
+      }
+    }
+    // A sliding blue square along the bottom, a red disc bouncing in both directions.
+    const int side = std::max(4, h / 6);
+    const int squareX = static_cast<int>(bounce(pSeconds * w * 0.25, w - side));
+    fill(squareX, h - side - h / 20, side, side, 30, 60, 230);
+    const int radius = std::max(3, h / 8);
+    const double cx = radius + bounce(pSeconds * w * 0.4, w - 2 * radius);
+    const double cy = radius + bounce(pSeconds * h * 0.55, h - 2 * radius);
+    for (int y = static_cast<int>(cy) - radius; y <= static_cast<int>(cy) + radius; ++y) {
+      for (int x = static_cast<int>(cx) - radius; x <= static_cast<int>(cx) + radius; ++x) {
+        if ((x - cx) * (x - cx) + (y - cy) * (y - cy) <= radius * radius) set(x, y, 230, 30, 30);
+      }
+    }
+    // The frame number, white with a dark shadow, at the top left.
+    const std::string text = std::to_string(pNumber);
+    const int scale = std::max(2, h / 48);
+    for (size_t i = 0; i < text.size(); ++i) {
+      const int left = scale * 2 + static_cast<int>(i) * 6 * scale;
+      digit(text[i] - '0', left + scale / 2 + 1, scale * 2 + scale / 2 + 1, scale, 0);
+      digit(text[i] - '0', left, scale * 2, scale, 255);
+    }
+    return fImage;
+  }
+
+ private:
+  // A position moving at pDistance along 0..pRange and back.
+  static double bounce(double pDistance, int pRange) {
+    if (pRange <= 0) return 0.0;
+    const double phase = std::fmod(pDistance, 2.0 * pRange);
+    return phase < pRange ? phase : 2.0 * pRange - phase;
+  }
+
+  void set(int pX, int pY, int pR, int pG, int pB) {
+    if (pX < 0 || pY < 0 || pX >= fImage.fWidth || pY >= fImage.fHeight) return;
+    unsigned char* pixel = &fImage.fPixels[(static_cast<size_t>(pY) * fImage.fWidth + pX) * 3];
+    pixel[0] = static_cast<unsigned char>(pR);
+    pixel[1] = static_cast<unsigned char>(pG);
+    pixel[2] = static_cast<unsigned char>(pB);
+  }
+
+  void fill(int pX, int pY, int pW, int pH, int pR, int pG, int pB) {
+    for (int y = pY; y < pY + pH; ++y) {
+      for (int x = pX; x < pX + pW; ++x) set(x, y, pR, pG, pB);
+    }
+  }
+
+  void digit(int pDigit, int pX, int pY, int pScale, int pGrey) {
+    for (int row = 0; row < 7; ++row) {
+      for (int column = 0; column < 5; ++column) {
+        if ((kDigits[pDigit][row] >> (4 - column)) & 1) {
+          fill(pX + column * pScale, pY + row * pScale, pScale, pScale, pGrey, pGrey, pGrey);
+        }
+      }
+    }
+  }
+
+  RgbImage fImage;
+};
+
+// The .png files of a folder in name order, all checked for one accepted size up front.
+std::vector<std::string> pngFiles(const std::string& pFolder, int& pWidth, int& pHeight) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  if (!fs::is_directory(pFolder, error)) throw UsageError("--png-dir: no folder " + pFolder);
+  std::vector<std::string> files;
+  for (const fs::directory_entry& entry : fs::directory_iterator(pFolder, error)) {
+    std::string extension = entry.path().extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (entry.is_regular_file() && extension == ".png") files.push_back(entry.path().string());
+  }
+  if (error) throw UsageError("--png-dir: cannot list " + pFolder + ": " + error.message());
+  if (files.empty()) throw UsageError("--png-dir: no .png file in " + pFolder);
+  std::sort(files.begin(), files.end());
+  for (const std::string& file : files) {
+    int width = 0;
+    int height = 0;
+    try {
+      oxtools::readPngSize(file, width, height);
+    } catch (const std::runtime_error& failure) {
+      throw UsageError(std::string("--png-dir: ") + failure.what());
+    }
+    if (&file == &files.front()) {
+      checkAccepted(width, height, file);
+      pWidth = width;
+      pHeight = height;
+    } else if (width != pWidth || height != pHeight) {
+      throw UsageError(file + " is " + std::to_string(width) + "x" + std::to_string(height) +
+                       " but " + files.front() + " is " + std::to_string(pWidth) + "x" +
+                       std::to_string(pHeight) + "; every file must have the same size");
+    }
+  }
+  return files;
+}
+
+int run(int pArgc, char** pArgv) {
+  std::string url = oxtools::kDefaultUrl;
+  std::string camera = "0";
+  std::string size = "640x480";
+  std::string fps = "30";
+  std::string frames;
+  std::string pngDir;
+  bool quiet = false;
+  oxtools::CommandLine line(kProgram, "oxsim [options]", kAbout);
+  line.addValue("--url", "URL", &url,
+                std::string("broker address (default ") + oxtools::kDefaultUrl + ")");
+  line.addValue("--camera", "N", &camera, "camera index (default 0)");
+  line.addValue("--size", "WxH", &size, "frame size of the drawn scene (default 640x480)");
+  line.addValue("--fps", "F", &fps, "frames per second, may be fractional (default 30)");
+  line.addValue("--frames", "N", &frames, "stop after N frames (default: run until stopped)");
+  line.addValue("--png-dir", "DIR", &pngDir, "send the PNG files of DIR instead of the scene");
+  line.addFlag("--quiet", &quiet, "print nothing but errors");
+  line.setEpilog(kEpilog);
+  if (!line.parse(pArgc, pArgv).empty()) throw UsageError("oxsim takes no positional argument");
+
+  oxtools::checkUrl(url);
+  const int cameraIndex = oxtools::parseInt(camera, "--camera", 0, 127);
+  const double rate = oxtools::parsePositive(fps, "--fps");
+  const long long limit =
+      frames.empty() ? 0
+                     : oxtools::parseInt(frames, "--frames", 1, std::numeric_limits<int>::max());
+  int width = 0;
+  int height = 0;
+  std::vector<std::string> files;
+  if (!pngDir.empty()) {
+    files = pngFiles(pngDir, width, height);
+    if (line.given("--size")) {
+      int askedWidth = 0;
+      int askedHeight = 0;
+      oxtools::parseSize(size, "--size", askedWidth, askedHeight);
+      if (askedWidth != width || askedHeight != height) {
+        throw UsageError("--size " + size + " differs from the size of the PNG files");
+      }
+    }
+  } else {
+    oxtools::parseSize(size, "--size", width, height);
+    checkAccepted(width, height, "--size");
+  }
+
+  oxtools::installStopHandler();
+  const boost::shared_ptr<OX::OXProxy> proxy =
+      oxtools::connectModule(url, oxtools::kDeviceModule, kProgram);
+  Scene scene(width, height);
+  const auto period =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / rate));
+  const Clock::time_point start = Clock::now();
+  Clock::time_point next = start;
+  Clock::time_point lastReport = start;
+  long long pushed = 0;
+  long long refused = 0;
+  long long pushedAtReport = 0;
+  auto elapsed = [](Clock::time_point pFrom) {
+    return std::chrono::duration<double>(Clock::now() - pFrom).count();
+  };
+
+  try {
+    for (long long frame = 0; !oxtools::stopRequested() && (limit == 0 || frame < limit); ++frame) {
+      RgbImage loaded;
+      const RgbImage* image = nullptr;
+      if (files.empty()) {
+        image = &scene.draw(static_cast<double>(frame) / rate, frame);
+      } else {
+        loaded = oxtools::readPng(files[static_cast<size_t>(frame) % files.size()]);
+        image = &loaded;
+      }
+      const OX::OXValue arguments = OX::OXValue::array(
+          {cameraIndex, width, height,
+           OX::OXValue::binary(image->fPixels.data(), static_cast<int>(image->fPixels.size()))});
+      const OX::OXValue accepted = proxy->genericCall("putImage", arguments);
+      if (accepted.isBool() && accepted.asBool()) {
+        ++pushed;
+      } else if (refused++ == 0) {
+        std::cerr << kProgram << ": the device refused a frame (camera " << cameraIndex << ", "
+                  << width << "x" << height << ")\n";
+      }
+
+      const Clock::time_point now = Clock::now();
+      if (!quiet && now - lastReport >= std::chrono::seconds(1)) {
+        const double span = std::chrono::duration<double>(now - lastReport).count();
+        std::printf("%s: %lld frames pushed, %.1f fps%s\n", kProgram, pushed,
+                    (pushed - pushedAtReport) / span,
+                    refused > 0 ? (", " + std::to_string(refused) + " refused").c_str() : "");
+        std::fflush(stdout);
+        lastReport = now;
+        pushedAtReport = pushed;
+      }
+      // A steady schedule; after a stall it restarts from now instead of bursting to catch up.
+      next += period;
+      if (next + period < now) next = now;
+      oxtools::sleepUntil(next);
+    }
+  } catch (const std::exception&) {
+    // A signal may cut a call short (the remote proxy then throws zmq's "Interrupted system
+    // call"); stopping is what was asked for.
+    if (!oxtools::stopRequested()) throw;
+  }
+  if (!quiet) {
+    const double span = elapsed(start);
+    std::printf("%s: done, %lld frames pushed in %.1f s (%.1f fps)%s\n", kProgram, pushed, span,
+                span > 0 ? pushed / span : 0.0,
+                refused > 0 ? (", " + std::to_string(refused) + " refused").c_str() : "");
+  }
+  return pushed == 0 && refused > 0 ? oxtools::kExitFailure : oxtools::kExitOk;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return oxtools::runTool(kProgram, [&] { return run(argc, argv); });
+}
