@@ -1,11 +1,15 @@
 // The colour-space conversion of a 640x480 raw frame into each colour space at step 1 (640x480)
-// and step 2 (320x240), in MB/s of output, against a memcpy of the output (BM_Convert_Reference).
-// kRGB at step 1 is also measured against OpenCV's cvtColor(COLOR_YUV2RGB_YUY2) and libyuv's
-// YUY2 to RGB24 path (through ARGB: libyuv has no direct one); neither is bit-exact to our
-// formulas, so they are speed references only.
+// and step 2 (320x240), in MB/s of output, against a memcpy of the output (BM_Convert_Reference)
+// and, for the colour spaces with vector kernels, against the plain reference kernels
+// (BM_ConvertVector_Reference). kRGB at step 1 is also measured against OpenCV's
+// cvtColor(COLOR_YUV2RGB_YUY2), on one thread and on all, and libyuv's two YUY2 to RGB24 routes
+// (through ARGB, and through I422: libyuv has no direct one); neither library is bit-exact to our
+// formulas, so they are speed references only. VI_BENCH_ITERATIONS fixes the iteration count
+// (scripts/bench-instructions).
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <opencv2/imgproc.hpp>
 #include <vector>
@@ -13,6 +17,7 @@
 #include "oxbroker.h"
 #include "oxtypes.h"
 #include "oxvisionsimulatorcam.h"
+#include "oxvisionvideoinputconversion.h"
 
 namespace {
 
@@ -100,11 +105,25 @@ void BM_Convert_Reference(benchmark::State& pState) {
   pState.SetBytesProcessed(pState.iterations() * target.getSize());
 }
 
+// The kernels in use against the reference kernels, on the colour spaces with vector kernels.
+void BM_ConvertVector(benchmark::State& pState) {
+  BM_Convert(pState);
+}
+
+void BM_ConvertVector_Reference(benchmark::State& pState) {
+  OX::conversionkernels::forceKernelsForTesting(OX::KernelVariant::kReference);
+  BM_Convert(pState);
+  OX::conversionkernels::forceKernelsForTesting(OX::KernelVariant::kAutomatic);
+}
+
 void BM_ConvertRGBVsOpenCV(benchmark::State& pState) {
   BM_Convert(pState);
 }
 
-void BM_ConvertRGBVsOpenCV_Reference(benchmark::State& pState) {
+// cvtColor on pThreads threads, 0 for OpenCV's own choice (every core).
+void runCvtColor(benchmark::State& pState, int pThreads) {
+  const int threads = cv::getNumThreads();
+  if (pThreads > 0) cv::setNumThreads(pThreads);
   const cv::Mat source(480, 640, CV_8UC2, fixture().fRaw.fData);
   cv::Mat target(480, 640, CV_8UC3);
   for (auto _ : pState) {
@@ -112,7 +131,22 @@ void BM_ConvertRGBVsOpenCV_Reference(benchmark::State& pState) {
     benchmark::DoNotOptimize(target.data);
     benchmark::ClobberMemory();
   }
+  cv::setNumThreads(threads);
   pState.SetBytesProcessed(pState.iterations() * 640 * 480 * 3);
+}
+
+// On one thread, like our kernels: the cost per frame.
+void BM_ConvertRGBVsOpenCV_Reference(benchmark::State& pState) {
+  runCvtColor(pState, 1);
+}
+
+void BM_ConvertRGBVsOpenCVThreads(benchmark::State& pState) {
+  BM_Convert(pState);
+}
+
+// On every core: the latency OpenCV offers.
+void BM_ConvertRGBVsOpenCVThreads_Reference(benchmark::State& pState) {
+  runCvtColor(pState, 0);
 }
 
 void BM_ConvertRGBVsLibyuv(benchmark::State& pState) {
@@ -131,18 +165,61 @@ void BM_ConvertRGBVsLibyuv_Reference(benchmark::State& pState) {
   pState.SetBytesProcessed(pState.iterations() * 640 * 480 * 3);
 }
 
+void BM_ConvertRGBVsLibyuvI422(benchmark::State& pState) {
+  BM_Convert(pState);
+}
+
+void BM_ConvertRGBVsLibyuvI422_Reference(benchmark::State& pState) {
+  std::vector<uint8_t> y(640 * 480), u(320 * 480), v(320 * 480);
+  std::vector<uint8_t> rgb(640 * 480 * 3);
+  for (auto _ : pState) {
+    libyuv::YUY2ToI422(fixture().fRaw.fData, 640 * 2, y.data(), 640, u.data(), 320, v.data(), 320,
+                       640, 480);
+    libyuv::I422ToRGB24(y.data(), 640, u.data(), 320, v.data(), 320, rgb.data(), 640 * 3, 640, 480);
+    benchmark::DoNotOptimize(rgb.data());
+    benchmark::ClobberMemory();
+  }
+  pState.SetBytesProcessed(pState.iterations() * 640 * 480 * 3);
+}
+
+// A fixed iteration count when VI_BENCH_ITERATIONS is set, for instruction counts.
+void iterations(benchmark::internal::Benchmark* pBenchmark) {
+  if (const char* count = std::getenv("VI_BENCH_ITERATIONS")) {
+    pBenchmark->Iterations(std::atol(count));
+  }
+}
+
 void allSpaces(benchmark::internal::Benchmark* pBenchmark) {
   for (int colorSpace : kColorSpaces) {
     for (int step : {1, 2}) pBenchmark->Args({colorSpace, step});
   }
+  iterations(pBenchmark);
+}
+
+void vectorSpaces(benchmark::internal::Benchmark* pBenchmark) {
+  for (int colorSpace : {OX::kYuv, OX::kYUV422, OX::kYUV, OX::kRGB, OX::kBGR}) {
+    for (int step : {1, 2}) pBenchmark->Args({colorSpace, step});
+  }
+  iterations(pBenchmark);
+}
+
+void rgbAtStep1(benchmark::internal::Benchmark* pBenchmark) {
+  pBenchmark->Args({OX::kRGB, 1});
+  iterations(pBenchmark);
 }
 
 }  // namespace
 
 BENCHMARK(BM_Convert)->Apply(allSpaces);
 BENCHMARK(BM_Convert_Reference)->Apply(allSpaces);
-BENCHMARK(BM_ConvertRGBVsOpenCV)->Args({OX::kRGB, 1});
-BENCHMARK(BM_ConvertRGBVsOpenCV_Reference)->Args({OX::kRGB, 1});
-BENCHMARK(BM_ConvertRGBVsLibyuv)->Args({OX::kRGB, 1});
-BENCHMARK(BM_ConvertRGBVsLibyuv_Reference)->Args({OX::kRGB, 1});
+BENCHMARK(BM_ConvertVector)->Apply(vectorSpaces);
+BENCHMARK(BM_ConvertVector_Reference)->Apply(vectorSpaces);
+BENCHMARK(BM_ConvertRGBVsOpenCV)->Apply(rgbAtStep1);
+BENCHMARK(BM_ConvertRGBVsOpenCV_Reference)->Apply(rgbAtStep1);
+BENCHMARK(BM_ConvertRGBVsOpenCVThreads)->Apply(rgbAtStep1);
+BENCHMARK(BM_ConvertRGBVsOpenCVThreads_Reference)->Apply(rgbAtStep1);
+BENCHMARK(BM_ConvertRGBVsLibyuv)->Apply(rgbAtStep1);
+BENCHMARK(BM_ConvertRGBVsLibyuv_Reference)->Apply(rgbAtStep1);
+BENCHMARK(BM_ConvertRGBVsLibyuvI422)->Apply(rgbAtStep1);
+BENCHMARK(BM_ConvertRGBVsLibyuvI422_Reference)->Apply(rgbAtStep1);
 BENCHMARK_MAIN();

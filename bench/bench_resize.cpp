@@ -1,10 +1,13 @@
-// The simulator camera's resampling (xReSize) at the three typical pairs of sizes, against a
-// memcpy of the output (BM_ReSize_Reference) and against libyuv's RGB24 to YUY2 path at the
-// output size (BM_ReSizeVsLibyuv_Reference). libyuv is not bit-exact to our formula and does not
-// resample here: it is a speed reference only. MB/s are bytes of output.
+// The simulator camera's resampling (xReSize) at four typical pairs of sizes, against a memcpy
+// of the output (BM_ReSize_Reference), against the plain reference kernels
+// (BM_ReSizeVector_Reference) and against libyuv's RGB24 to YUY2 path at the output size
+// (BM_ReSizeVsLibyuv_Reference). libyuv is not bit-exact to our formula and does not resample
+// here: it is a speed reference only. MB/s are bytes of output. VI_BENCH_ITERATIONS fixes the
+// iteration count (scripts/bench-instructions).
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -33,9 +36,11 @@ namespace {
 
 using Hook = OX::SimulatorCamTestHook;
 
-// 0: 640x480 into 640x480, 1: 1280x960 into 160x120, 2: 160x120 into 1280x960.
+// 0: 640x480 into 640x480, 1: 1280x960 into 160x120, 2: 160x120 into 1280x960, 3: 1280x960
+// into 640x480.
 constexpr int kCases[][2] = {
-    {OX::kVGA, OX::kVGA}, {OX::k4VGA, OX::kQQVGA}, {OX::kQQVGA, OX::k4VGA}};
+    {OX::kVGA, OX::kVGA}, {OX::k4VGA, OX::kQQVGA}, {OX::kQQVGA, OX::k4VGA}, {OX::k4VGA, OX::kVGA}};
+constexpr int kLastCase = 3;
 
 struct Sizes {
   int fInWidth, fInHeight, fOutWidth, fOutHeight;
@@ -92,6 +97,17 @@ void BM_ReSizeVsLibyuv(benchmark::State& pState) {
   runReSize(pState);
 }
 
+// The kernels in use against the reference kernels.
+void BM_ReSizeVector(benchmark::State& pState) {
+  runReSize(pState);
+}
+
+void BM_ReSizeVector_Reference(benchmark::State& pState) {
+  OX::simulatorkernels::forceKernelsForTesting(OX::KernelVariant::kReference);
+  runReSize(pState);
+  OX::simulatorkernels::forceKernelsForTesting(OX::KernelVariant::kAutomatic);
+}
+
 void BM_ReSize_Reference(benchmark::State& pState) {
   const Sizes sizes = sizesOf(static_cast<int>(pState.range(0)));
   std::vector<unsigned char> source(sizes.outBytes(), 7);
@@ -122,10 +138,20 @@ void BM_ReSizeVsLibyuv_Reference(benchmark::State& pState) {
   pState.SetBytesProcessed(static_cast<int64_t>(pState.iterations() * sizes.outBytes()));
 }
 
+// Every case, and a fixed iteration count when VI_BENCH_ITERATIONS is set.
+void allCases(benchmark::internal::Benchmark* pBenchmark) {
+  pBenchmark->DenseRange(0, kLastCase);
+  if (const char* count = std::getenv("VI_BENCH_ITERATIONS")) {
+    pBenchmark->Iterations(std::atol(count));
+  }
+}
+
 }  // namespace
 
-BENCHMARK(BM_ReSize)->DenseRange(0, 2);
-BENCHMARK(BM_ReSize_Reference)->DenseRange(0, 2);
-BENCHMARK(BM_ReSizeVsLibyuv)->DenseRange(0, 2);
-BENCHMARK(BM_ReSizeVsLibyuv_Reference)->DenseRange(0, 2);
+BENCHMARK(BM_ReSize)->Apply(allCases);
+BENCHMARK(BM_ReSize_Reference)->Apply(allCases);
+BENCHMARK(BM_ReSizeVector)->Apply(allCases);
+BENCHMARK(BM_ReSizeVector_Reference)->Apply(allCases);
+BENCHMARK(BM_ReSizeVsLibyuv)->Apply(allCases);
+BENCHMARK(BM_ReSizeVsLibyuv_Reference)->Apply(allCases);
 BENCHMARK_MAIN();

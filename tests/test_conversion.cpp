@@ -1,6 +1,7 @@
 // Colour-space conversion: every kernel against a per-pixel computation written here from the
 // formulas, the hand-checked anchor values, the clipping to both buffers, the frame pass and the
-// dispatcher xConvertImage.
+// dispatcher xConvertImage; each test once per kernel variant this processor runs, and every
+// variant byte for byte against the reference.
 #include <algorithm>
 #include <array>
 #include <boost/make_shared.hpp>
@@ -13,8 +14,16 @@
 
 #include "fakecamera.h"
 #include "oxtypes.h"
+#include "oxvisionkernelchoice.h"
 #include "oxvisionvideoinputconversion.h"
 #include "testsupport.h"
+
+namespace OX {
+// Names the variant in the tests' names and messages.
+void PrintTo(KernelVariant pVariant, std::ostream* pOut) {
+  *pOut << kernelVariantName(pVariant);
+}
+}  // namespace OX
 
 namespace {
 
@@ -38,6 +47,15 @@ class ConvCam : public vitest::FakeCam {
         {OX::kBGR, &ConvCam::xYUV422toBGR},       {OX::kYYCbCr, &ConvCam::xYUV422toYYCbCr},
         {OX::kH2RGB, &ConvCam::xYUV422toH2RGB},   {OX::kHSMixed, &ConvCam::xYUV422toHSMixed}};
     return kernels.at(pColorSpace);
+  }
+};
+
+// Every test runs with each kernel variant forced in turn.
+class Conversion : public ::testing::TestWithParam<OX::KernelVariant> {
+ protected:
+  void SetUp() override { ASSERT_TRUE(OX::conversionkernels::forceKernelsForTesting(GetParam())); }
+  void TearDown() override {
+    OX::conversionkernels::forceKernelsForTesting(OX::KernelVariant::kAutomatic);
   }
 };
 
@@ -160,7 +178,7 @@ Bytes onePair(ConvCam& pCam, int pSpace, Bytes pMacroPixel) {
 }
 
 // The hand-checked values: grey is hue case 7, no rounding term, the clamp at 255.
-TEST(Conversion, AnchorValuesOfGreyBlackWhiteAndClamp) {
+TEST_P(Conversion, AnchorValuesOfGreyBlackWhiteAndClamp) {
   auto cam = makeCam();
   const Bytes grey = {50, 128, 200, 128};
   EXPECT_EQ(onePair(*cam, OX::kHSY, grey), (Bytes{0, 0, 50, 0, 0, 200}));
@@ -171,7 +189,7 @@ TEST(Conversion, AnchorValuesOfGreyBlackWhiteAndClamp) {
 }
 
 // Guards against BGR drifting from RGB: it must be RGB with bytes 0 and 2 of each pixel swapped.
-TEST(Conversion, BgrIsRgbSwapped) {
+TEST_P(Conversion, BgrIsRgbSwapped) {
   auto cam = makeCam();
   const Bytes frame = randomFrame(16 * 8 * 2, 7);
   Bytes rgb = run(*cam, OX::kRGB, frame, 16, 8, 16, 8);
@@ -181,7 +199,7 @@ TEST(Conversion, BgrIsRgbSwapped) {
 }
 
 // Guards the kept quirks: the word copy leaves the tail, kHsy writes only over its first row.
-TEST(Conversion, CopyLeavesTailAndHsyOverwritesFirstRow) {
+TEST_P(Conversion, CopyLeavesTailAndHsyOverwritesFirstRow) {
   auto cam = makeCam();
   const Bytes frame = randomFrame(3 * 3 * 2, 3);
   const Bytes copy = run(*cam, OX::kYUV422, frame, 3, 3, 3, 3);  // 9 pixels: two words
@@ -195,7 +213,7 @@ TEST(Conversion, CopyLeavesTailAndHsyOverwritesFirstRow) {
 }
 
 // Guards the step rule at 640 x 480 to 320 x 240: row and macro-pixel strides, unread pixels.
-TEST(Conversion, HalfResolutionStrides) {
+TEST_P(Conversion, HalfResolutionStrides) {
   auto cam = makeCam();
   Bytes frame = randomFrame(640 * 480 * 2, 11);
   const Bytes yuv = run(*cam, OX::kYuv, frame, 640, 480, 320, 240);
@@ -209,7 +227,7 @@ TEST(Conversion, HalfResolutionStrides) {
 }
 
 // A destination wider than the source has step 0: every macro-pixel repeats the first one.
-TEST(Conversion, WiderDestinationRepeatsFirstMacroPixel) {
+TEST_P(Conversion, WiderDestinationRepeatsFirstMacroPixel) {
   auto cam = makeCam();
   const Bytes frame = {10, 20, 30, 40, 1, 2, 3, 4};
   Bytes repeated;
@@ -220,34 +238,109 @@ TEST(Conversion, WiderDestinationRepeatsFirstMacroPixel) {
 
 // Guards every kernel and its variant selection at steps 1, 2, 4 and 8, over awkward geometry
 // (odd widths, sources too short or too wide, a one-pixel target), byte for byte.
-TEST(Conversion, EveryKernelMatchesTheFormulasAtEveryStep) {
+TEST_P(Conversion, EveryKernelMatchesTheFormulasAtEveryStep) {
   auto cam = makeCam();
   struct Geometry {
     int dw, dh, extraWidth, sourceHeight;  // sourceHeight 0: dh * step
   };
   const Geometry geometries[] = {{6, 4, 0, 0}, {5, 3, 0, 0}, {6, 4, 1, 0},
                                  {6, 4, 0, 1}, {7, 5, 0, 2}, {1, 1, 0, 0}};
-  for (bool forced : {true, false}) {
-    OX::conversionkernels::forceReferenceKernelsForTesting(forced);
-    for (int space : kAllSpaces) {
-      for (int step : {1, 2, 4, 8}) {
-        for (const Geometry& g : geometries) {
-          const int sw = g.dw * step + g.extraWidth;
-          const int sh = g.sourceHeight != 0 ? g.sourceHeight : g.dh * step;
-          const Bytes frame = randomFrame(static_cast<size_t>(sw * sh * 2), sw * 31 + sh);
-          EXPECT_EQ(run(*cam, space, frame, sw, sh, g.dw, g.dh),
-                    expected(space, frame, sw, sh, g.dw, g.dh))
-              << "space " << space << " step " << step << " " << g.dw << "x" << g.dh << " from "
-              << sw << "x" << sh;
-        }
+  for (int space : kAllSpaces) {
+    for (int step : {1, 2, 4, 8}) {
+      for (const Geometry& g : geometries) {
+        const int sw = g.dw * step + g.extraWidth;
+        const int sh = g.sourceHeight != 0 ? g.sourceHeight : g.dh * step;
+        const Bytes frame = randomFrame(static_cast<size_t>(sw * sh * 2), sw * 31 + sh);
+        EXPECT_EQ(run(*cam, space, frame, sw, sh, g.dw, g.dh),
+                  expected(space, frame, sw, sh, g.dw, g.dh))
+            << "space " << space << " step " << step << " " << g.dw << "x" << g.dh << " from " << sw
+            << "x" << sh;
       }
     }
   }
-  OX::conversionkernels::forceReferenceKernelsForTesting(false);
+}
+
+// Guards the vector kernels' blocks and their hand-over to the scalar tail: random frames at
+// every camera size and at widths that leave many tails, at steps 1 and 2, byte for byte against
+// the reference. run()'s buffers end where their allocation does.
+TEST_P(Conversion, VariantMatchesTheReferenceOnRandomFrames) {
+  auto cam = makeCam();
+  const int sizes[][2] = {{160, 120}, {320, 240}, {640, 480}, {1280, 960}, {33, 3}, {37, 5},
+                          {39, 3},    {45, 3},    {48, 5},    {62, 3},     {63, 3}};
+  for (int space : {OX::kYuv, OX::kYUV422, OX::kYUV, OX::kRGB, OX::kBGR}) {
+    for (const auto& size : sizes) {
+      for (int step : {1, 2}) {
+        // At odd heights the last row read is the source's last: its end is the buffer's, and at
+        // 62 x 3 right after the last macro-pixel read.
+        const int sw = size[0], sh = size[1], dw = sw / step, dh = (sh + step - 1) / step;
+        const Bytes frame = randomFrame(static_cast<size_t>(sw * sh * 2), sw + sh + space);
+        ASSERT_TRUE(OX::conversionkernels::forceKernelsForTesting(OX::KernelVariant::kReference));
+        const Bytes want = run(*cam, space, frame, sw, sh, dw, dh);
+        ASSERT_TRUE(OX::conversionkernels::forceKernelsForTesting(GetParam()));
+        EXPECT_TRUE(run(*cam, space, frame, sw, sh, dw, dh) == want)
+            << "space " << space << " " << sw << "x" << sh << " step " << step;
+      }
+    }
+  }
+}
+
+// The row kernels straight, at every count up to a few blocks (so every tail is met), from a
+// source that ends at the last byte the reference reads, against the reference.
+TEST_P(Conversion, RowKernelsOnEveryCountReadNoFurtherThanTheReference) {
+  namespace kernels = OX::conversionkernels;
+  using Row = kernels::Row kernels::Kernels::*;
+  struct Case {
+    Row row;
+    int targetBytes, lastRead[2];  // the last byte read of a macro-pixel at step 1, 2
+  };
+  const Case cases[] = {{&kernels::Kernels::fYuv, 2, {2, 4}},
+                        {&kernels::Kernels::fYUV422, 4, {3, 6}},
+                        {&kernels::Kernels::fYUV, 6, {3, 3}},
+                        {&kernels::Kernels::fRGB, 6, {3, 3}},
+                        {&kernels::Kernels::fBGR, 6, {3, 3}}};
+  for (const Case& c : cases) {
+    for (int step : {1, 2}) {
+      for (int count = 1; count <= 40; ++count) {
+        const Bytes source = randomFrame(
+            static_cast<size_t>(4 * step * (count - 1) + c.lastRead[step - 1] + 1), count);
+        Bytes want(static_cast<size_t>(count * c.targetBytes)), got(want.size());
+        (kernels::referenceKernels().*c.row)(source.data(), step, want.data(), count);
+        (kernels::activeKernels().*c.row)(source.data(), step, got.data(), count);
+        ASSERT_TRUE(got == want) << c.targetBytes << " bytes step " << step << " count " << count;
+      }
+    }
+  }
+}
+
+// Every Y, U and V through kRGB and kBGR, both clamps included: one frame per U, a row per V, a
+// macro-pixel per pair of Y, against the formulas.
+TEST_P(Conversion, EveryYuvTripleMatchesTheFormulas) {
+  auto cam = makeCam();
+  Bytes frame(256 * 256 * 2);
+  for (int u = 0; u < 256; ++u) {
+    for (int v = 0; v < 256; ++v) {
+      for (int y = 0; y < 256; y += 2) {
+        unsigned char* at = &frame[(v * 256 + y) * 2];
+        at[0] = static_cast<unsigned char>(y), at[1] = static_cast<unsigned char>(u);
+        at[2] = static_cast<unsigned char>(y + 1), at[3] = static_cast<unsigned char>(v);
+      }
+    }
+    const Bytes rgb = run(*cam, OX::kRGB, frame, 256, 256, 256, 256);
+    const Bytes bgr = run(*cam, OX::kBGR, frame, 256, 256, 256, 256);
+    for (int v = 0; v < 256; ++v) {
+      for (int y = 0; y < 256; ++y) {
+        const auto want = rgbOf(y, u, v);
+        const size_t at = static_cast<size_t>(v * 256 + y) * 3;
+        ASSERT_TRUE(rgb[at] == want[0] && rgb[at + 1] == want[1] && rgb[at + 2] == want[2] &&
+                    bgr[at] == want[2] && bgr[at + 1] == want[1] && bgr[at + 2] == want[0])
+            << "y " << y << " u " << u << " v " << v;
+      }
+    }
+  }
 }
 
 // Guards the frame pass: whole 32-byte groups, but never past the frame's last byte.
-TEST(Conversion, PatchPassCopiesTheFrameAndStopsAtItsEnd) {
+TEST_P(Conversion, PatchPassCopiesTheFrameAndStopsAtItsEnd) {
   auto cam = makeCam();
   for (int width : {3, 10, 8}) {  // 6 bytes (one group cut), 80 (three cut), 64 (exact)
     Bytes frame = randomFrame(static_cast<size_t>(width * (width == 3 ? 1 : 4) * 2), width);
@@ -295,7 +388,7 @@ struct Dispatch {
 
 // Guards the dispatch: the kernel runs after the frame pass, stamp and angles follow, the write
 // hold becomes a read hold.
-TEST(Conversion, ConvertImageConvertsStampsAndHandsOverTheHold) {
+TEST_P(Conversion, ConvertImageConvertsStampsAndHandsOverTheHold) {
   Dispatch d(OX::kRGB);
   OX::OXCriticalSectionWrite lock(d.cam->fVisionModulesLock);
   EXPECT_EQ(d.cam->xConvertImage(0, d.info, &d.raw), 0);
@@ -307,7 +400,7 @@ TEST(Conversion, ConvertImageConvertsStampsAndHandsOverTheHold) {
 }
 
 // A raw frame that is not kYUV422 is not converted, yet the old pixels get the new stamp.
-TEST(Conversion, RawOfAnotherColourSpaceKeepsOldPixels) {
+TEST_P(Conversion, RawOfAnotherColourSpaceKeepsOldPixels) {
   Dispatch d(OX::kRGB);
   d.raw.fColorSpace = OX::kRGB;
   OX::OXCriticalSectionWrite lock(d.cam->fVisionModulesLock);
@@ -318,7 +411,7 @@ TEST(Conversion, RawOfAnotherColourSpaceKeepsOldPixels) {
 }
 
 // A colour space without kernel is logged and converts nothing, but the call completes.
-TEST(Conversion, UnknownColourSpaceIsLoggedAndStillStamped) {
+TEST_P(Conversion, UnknownColourSpaceIsLoggedAndStillStamped) {
   Dispatch d(3);
   vitest::LogCapture capture;
   OX::OXCriticalSectionWrite lock(d.cam->fVisionModulesLock);
@@ -330,7 +423,7 @@ TEST(Conversion, UnknownColourSpaceIsLoggedAndStillStamped) {
 }
 
 // A pool without a free buffer of the format must not be indexed: a record and -1.
-TEST(Conversion, NoFreeBufferReturnsMinusOne) {
+TEST_P(Conversion, NoFreeBufferReturnsMinusOne) {
   Dispatch d(OX::kRGB);
   d.info->fRequestedProperties[0]->fResolution = OX::kVGA;
   vitest::LogCapture capture;
@@ -339,5 +432,8 @@ TEST(Conversion, NoFreeBufferReturnsMinusOne) {
   EXPECT_EQ(capture.countLevel(2), 1);
   EXPECT_EQ(d.buffer().fImage->fTimeStamp, 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Variants, Conversion, ::testing::ValuesIn(OX::supportedKernelVariants()),
+                         [](const auto& pInfo) { return OX::kernelVariantName(pInfo.param); });
 
 }  // namespace

@@ -1,11 +1,19 @@
 // The simulator camera's resampling, byte for byte against a per-pixel computation written here
-// independently of the row kernels.
+// independently of the row kernels; each test once per kernel variant this processor runs.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
+#include "oxvisionkernelchoice.h"
 #include "simulatorsupport.h"
 #include "testsupport.h"
+
+namespace OX {
+// Names the variant in the tests' names and messages.
+void PrintTo(KernelVariant pVariant, std::ostream* pOut) {
+  *pOut << kernelVariantName(pVariant);
+}
+}  // namespace OX
 
 namespace {
 
@@ -60,6 +68,15 @@ std::vector<unsigned char> expected(const std::vector<unsigned char>& pRgb, int 
   return out;
 }
 
+// Every test runs with each kernel variant forced in turn.
+class SimulatorCamResize : public ::testing::TestWithParam<OX::KernelVariant> {
+ protected:
+  void SetUp() override { ASSERT_TRUE(OX::simulatorkernels::forceKernelsForTesting(GetParam())); }
+  void TearDown() override {
+    OX::simulatorkernels::forceKernelsForTesting(OX::KernelVariant::kAutomatic);
+  }
+};
+
 int sizeOf(int pResolution) {
   int width = 0, height = 0;
   OX::setSizeFromResolution(pResolution, width, height);
@@ -67,7 +84,7 @@ int sizeOf(int pResolution) {
 }
 
 // The hand-checked anchors: black, white and pure red.
-TEST(SimulatorCamResize, AnchorPixels) {
+TEST_P(SimulatorCamResize, AnchorPixels) {
   auto cam = vitest::makeSimulatorCam();
   std::vector<unsigned char> rgb(160 * 120 * 3, 0);
   const unsigned char pixels[3][3] = {{0, 0, 0}, {255, 255, 255}, {255, 0, 0}};
@@ -88,32 +105,69 @@ TEST(SimulatorCamResize, AnchorPixels) {
 
 // Every input size into every camera resolution: a wrong stride, row, mean or ratio shows as a
 // byte that differs; buffers of exactly the output size let an overrun trip the sanitizer.
-TEST(SimulatorCamResize, EveryInputSizeIntoEveryResolution) {
+TEST_P(SimulatorCamResize, EveryInputSizeIntoEveryResolution) {
   auto cam = vitest::makeSimulatorCam();
-  for (bool reference : {true, false}) {
-    OX::simulatorkernels::forceReferenceKernelsForTesting(reference);
-    for (int in = 0; in < 4; ++in) {
-      int width = 0, height = 0;
-      OX::setSizeFromResolution(in, width, height);
-      std::vector<unsigned char> rgb;
-      ASSERT_TRUE(cam->putImage(0, width, height, vitest::rgbFrame(in, 100 + in, &rgb)));
-      OX::OXImage& source =
-          *Hook::store(*cam, 0).fInputBuffers[Hook::store(*cam, 0).fLastInputBuffer]->fImage;
-      for (int out = 0; out < 4; ++out) {
-        Hook::camera(*cam, 0).fResolution = static_cast<int8_t>(out);
-        std::vector<unsigned char> target(sizeOf(out), 0xA5);
-        ASSERT_TRUE(Hook::reSize(*cam, 0, source, target.data())) << in << "->" << out;
-        const int ratio = in == out ? 0 : (in > out ? 1 << (in - out) : -(1 << (out - in)));
-        EXPECT_TRUE(target == expected(rgb, width, height, ratio)) << in << "->" << out;
+  for (int in = 0; in < 4; ++in) {
+    int width = 0, height = 0;
+    OX::setSizeFromResolution(in, width, height);
+    std::vector<unsigned char> rgb;
+    ASSERT_TRUE(cam->putImage(0, width, height, vitest::rgbFrame(in, 100 + in, &rgb)));
+    OX::OXImage& source =
+        *Hook::store(*cam, 0).fInputBuffers[Hook::store(*cam, 0).fLastInputBuffer]->fImage;
+    for (int out = 0; out < 4; ++out) {
+      Hook::camera(*cam, 0).fResolution = static_cast<int8_t>(out);
+      std::vector<unsigned char> target(sizeOf(out), 0xA5);
+      ASSERT_TRUE(Hook::reSize(*cam, 0, source, target.data())) << in << "->" << out;
+      const int ratio = in == out ? 0 : (in > out ? 1 << (in - out) : -(1 << (out - in)));
+      EXPECT_TRUE(target == expected(rgb, width, height, ratio)) << in << "->" << out;
+    }
+  }
+}
+
+// The pair kernel straight, in both layouts with a fast path (touching pairs, and every second
+// pixel skipped as at ratio 2) and one without: every pair count up to a few blocks, so that
+// every tail is met, from a source that ends at the last byte the reference reads.
+TEST_P(SimulatorCamResize, PairRowOnEveryCountAndLayout) {
+  const auto& kernels = OX::simulatorkernels::activeKernels();
+  const int layouts[][2] = {{6, 3}, {12, 6}, {24, 12}};  // bytes per pair, right pixel offset
+  for (const auto& layout : layouts) {
+    const int step = layout[0], right = layout[1];
+    for (int pairs = 1; pairs <= 70; ++pairs) {
+      const std::vector<unsigned char> rgb =
+          vitest::randomBytes(static_cast<size_t>(step) * (pairs - 1) + right + 3, pairs);
+      std::vector<unsigned char> target(static_cast<size_t>(pairs) * 4);
+      kernels.fPairRow(rgb.data(), rgb.data() + right, step, target.data(), pairs);
+      for (int i = 0; i < pairs; ++i) {
+        const Yuv l = oracle(&rgb[i * step]), r = oracle(&rgb[i * step + right]);
+        const unsigned char want[4] = {
+            static_cast<unsigned char>(l.y), static_cast<unsigned char>((l.u + r.u) >> 1),
+            static_cast<unsigned char>(r.y), static_cast<unsigned char>((l.v + r.v) >> 1)};
+        ASSERT_EQ(0, std::memcmp(&target[i * 4], want, 4)) << step << " " << pairs << " " << i;
       }
     }
   }
-  OX::simulatorkernels::forceReferenceKernelsForTesting(false);
+}
+
+// Every RGB colour, in a frame per red value with each pixel paired with its neighbour, through
+// the same-size resampling against the formulas.
+TEST_P(SimulatorCamResize, EveryColourMatchesTheFormulas) {
+  std::vector<unsigned char> rgb(256 * 256 * 3);
+  std::vector<unsigned char> target(256 * 256 * 2);
+  for (int red = 0; red < 256; ++red) {
+    for (size_t i = 0; i < 256 * 256; ++i) {
+      rgb[i * 3] = static_cast<unsigned char>(red);
+      rgb[i * 3 + 1] = static_cast<unsigned char>(i >> 8);
+      rgb[i * 3 + 2] = static_cast<unsigned char>(i);
+    }
+    OX::simulatorkernels::activeKernels().fPairRow(rgb.data(), rgb.data() + 3, 6, target.data(),
+                                                   256 * 128);
+    ASSERT_TRUE(target == expected(rgb, 256, 256, 0)) << "red " << red;
+  }
 }
 
 // The size asked for is that of the device's active camera: with the active camera at the
 // pushed size and pCamera elsewhere, the diagonal cell refuses.
-TEST(SimulatorCamResize, ActiveCameraDecidesTheSize) {
+TEST_P(SimulatorCamResize, ActiveCameraDecidesTheSize) {
   vitest::LogCapture capture;
   auto cam = vitest::makeSimulatorCam();
   ASSERT_TRUE(cam->putImage(1, 320, 240, vitest::rgbFrame(OX::kQVGA, 1)));
@@ -142,7 +196,7 @@ TEST(SimulatorCamResize, ActiveCameraDecidesTheSize) {
 }
 
 // Ratios other than 2, 4 and 8 refuse at once and write nothing.
-TEST(SimulatorCamResize, OtherRatiosRefuseWithoutWriting) {
+TEST_P(SimulatorCamResize, OtherRatiosRefuseWithoutWriting) {
   std::vector<unsigned char> rgb = vitest::randomBytes(24 * 24 * 3, 1);
   std::vector<unsigned char> target(24 * 24 * 2 * 9, 0xA5);
   for (int ratio : {3, 0, 1, -2, 16}) {
@@ -153,7 +207,7 @@ TEST(SimulatorCamResize, OtherRatiosRefuseWithoutWriting) {
 }
 
 // Awkward geometry straight into the plane loops: odd sizes, exact buffers, every ratio.
-TEST(SimulatorCamResize, PlaneLoopsOnAwkwardSizes) {
+TEST_P(SimulatorCamResize, PlaneLoopsOnAwkwardSizes) {
   // Widths are multiples of 16 (pairs of every ratio); heights are odd or tight.
   const int sizes[][2] = {{16, 9}, {48, 33}, {32, 17}, {64, 8}};
   for (const auto& size : sizes) {
@@ -170,5 +224,9 @@ TEST(SimulatorCamResize, PlaneLoopsOnAwkwardSizes) {
     }
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Variants, SimulatorCamResize,
+                         ::testing::ValuesIn(OX::supportedKernelVariants()),
+                         [](const auto& pInfo) { return OX::kernelVariantName(pInfo.param); });
 
 }  // namespace

@@ -1,26 +1,89 @@
 // The choice among the variants of one family of row kernels: the plain integer reference (the
-// oracle of every faster variant), the variant chosen for this processor, and a test hook that
-// forces the reference.
+// oracle of every faster variant), the vector variants the processor can run, the one chosen
+// for this processor, and a test hook that forces any of them.
 #pragma once
 
 #include <atomic>
+#include <vector>
 
 namespace OX {
+
+enum class KernelVariant { kAutomatic, kReference, kSse41, kAvx2 };
+
+// Whether this processor (and its operating system, for the wide registers) runs the variant.
+inline bool kernelVariantSupported(KernelVariant pVariant) {
+  // Read once: the library may be loaded before the compiler's own processor probe has run.
+  static const bool sSse41 = (__builtin_cpu_init(), __builtin_cpu_supports("sse4.1") != 0);
+  static const bool sAvx2 = sSse41 && __builtin_cpu_supports("avx2") != 0;
+  switch (pVariant) {
+    case KernelVariant::kSse41:
+      return sSse41;
+    case KernelVariant::kAvx2:
+      return sAvx2;
+    default:
+      return true;
+  }
+}
+
+// The explicit variants this processor runs, the reference first.
+inline std::vector<KernelVariant> supportedKernelVariants() {
+  std::vector<KernelVariant> variants;
+  for (KernelVariant variant :
+       {KernelVariant::kReference, KernelVariant::kSse41, KernelVariant::kAvx2}) {
+    if (kernelVariantSupported(variant)) variants.push_back(variant);
+  }
+  return variants;
+}
+
+inline const char* kernelVariantName(KernelVariant pVariant) {
+  switch (pVariant) {
+    case KernelVariant::kReference:
+      return "Reference";
+    case KernelVariant::kSse41:
+      return "Sse41";
+    case KernelVariant::kAvx2:
+      return "Avx2";
+    default:
+      return "Automatic";
+  }
+}
 
 template <class Kernels>
 class KernelChoice {
  public:
-  explicit KernelChoice(const Kernels& pReference) : fReference(pReference) {}
+  // constexpr: a choice at namespace scope is ready before any code of its library runs.
+  constexpr KernelChoice(const Kernels& pReference, const Kernels& pSse41, const Kernels& pAvx2)
+      : fReference(pReference), fSse41(pSse41), fAvx2(pAvx2) {}
   const Kernels& reference() const { return fReference; }
-  const Kernels& active() const { return fForceReference ? fReference : selected(); }
-  void forceReference(bool pForce) { fForceReference = pForce; }
+  const Kernels& active() const { return of(fForced.load(std::memory_order_relaxed)); }
+  // Forces a variant (kAutomatic restores the selection); refuses one this processor lacks.
+  bool force(KernelVariant pVariant) {
+    if (!kernelVariantSupported(pVariant)) return false;
+    fForced.store(pVariant, std::memory_order_relaxed);
+    return true;
+  }
 
  private:
-  // The fastest variant for this processor. Only the reference exists so far.
-  const Kernels& selected() const { return fReference; }
+  const Kernels& of(KernelVariant pVariant) const {
+    switch (pVariant) {
+      case KernelVariant::kReference:
+        return fReference;
+      case KernelVariant::kSse41:
+        return fSse41;
+      case KernelVariant::kAvx2:
+        return fAvx2;
+      default:
+        // The fastest variant for this processor.
+        if (kernelVariantSupported(KernelVariant::kAvx2)) return fAvx2;
+        if (kernelVariantSupported(KernelVariant::kSse41)) return fSse41;
+        return fReference;
+    }
+  }
 
   const Kernels& fReference;
-  std::atomic<bool> fForceReference{false};
+  const Kernels& fSse41;
+  const Kernels& fAvx2;
+  std::atomic<KernelVariant> fForced{KernelVariant::kAutomatic};
 };
 
 }  // namespace OX

@@ -12,6 +12,7 @@
 
 #include "oxbroker.h"
 #include "oxmutex.h"
+#include "oxvisionkernelchoice.h"
 #include "oxvisionvideoinput.h"
 
 namespace OX {
@@ -122,10 +123,11 @@ struct Kernels {
 
 // The plain integer kernels, the oracle of every faster variant.
 const Kernels& referenceKernels();
-// The kernels in use: the fastest for this processor, or the reference while forced.
+// The kernels in use: the fastest for this processor, or the variant forced.
 const Kernels& activeKernels();
-// Test hook: forces the reference kernels (true) or restores the selection (false).
-void forceReferenceKernelsForTesting(bool pForce);
+// Test hook: forces a variant, or kAutomatic to restore the selection; false, and no change, for
+// a variant this processor cannot run (supportedKernelVariants() lists those it can).
+bool forceKernelsForTesting(KernelVariant pVariant);
 
 }  // namespace simulatorkernels
 

@@ -1,11 +1,13 @@
 // Resampling: one pass from a pushed RGB frame to a YUV422 frame of the camera's resolution.
 // Downward by plain decimation, upward by pixel replication, no filtering. Row kernels convert;
-// the plane loops pick rows and strides. The plain integer kernels are the reference; faster
-// variants are selected through activeKernels() and must match them byte for byte.
+// the plane loops pick rows and strides. The plain integer kernels are the reference; the vector
+// variants, selected through activeKernels(), must match them byte for byte.
+#include <cstddef>
 #include <cstring>
 
 #include "oxtypes.h"
 #include "oxvisionkernelchoice.h"
+#include "oxvisionkernels.h"
 #include "oxvisionsimulatorcam.h"
 #include "oxvisionsimulatorcamtexts.h"
 
@@ -78,7 +80,23 @@ void replicateRowReference(const unsigned char* pSource, int pWidth, int pRatio,
 
 constexpr Kernels kReference = {pairRowReference, replicateRowReference};
 
-KernelChoice<Kernels> gChoice(kReference);
+// A vector kernel on the whole blocks of the row, then the reference on the pairs left. The
+// replication stays scalar.
+using FastPairs = int (*)(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
+                          unsigned char* pTarget, int pPairs);
+template <FastPairs kFast>
+void vectorPairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
+                   unsigned char* pTarget, int pPairs) {
+  const int done = kFast(pLeft, pRight, pStep, pTarget, pPairs);
+  const ptrdiff_t skipped = ptrdiff_t{pStep} * done;
+  pairRowReference(pLeft + skipped, pRight + skipped, pStep, pTarget + ptrdiff_t{4} * done,
+                   pPairs - done);
+}
+
+constexpr Kernels kSse41 = {vectorPairRow<simd::sse41::pairRow>, replicateRowReference};
+constexpr Kernels kAvx2 = {vectorPairRow<simd::avx2::pairRow>, replicateRowReference};
+
+KernelChoice<Kernels> gChoice(kReference, kSse41, kAvx2);
 
 }  // namespace
 
@@ -90,8 +108,8 @@ const Kernels& activeKernels() {
   return gChoice.active();
 }
 
-void forceReferenceKernelsForTesting(bool pForce) {
-  gChoice.forceReference(pForce);
+bool forceKernelsForTesting(KernelVariant pVariant) {
+  return gChoice.force(pVariant);
 }
 
 }  // namespace simulatorkernels

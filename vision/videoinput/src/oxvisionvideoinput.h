@@ -228,7 +228,7 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   void xApplyPatchForKernelMemcopy(const OXImage* pSource);
   // The kernels from kYUV422: the destination's width and height say what to produce (source
   // rows and macro-pixels are skipped by the ratio of the widths); its format is not looked at.
-  // The test hook conversionkernels::forceReferenceKernelsForTesting picks their variant.
+  // The test hook conversionkernels::forceKernelsForTesting picks their variant.
   void xYUV422toYuv(const OXImage* pSource, OXImage* pDestination);
   void xYUV422toHsy(const OXImage* pSource, OXImage* pDestination);
   void xYUV422toYUV422(const OXImage* pSource, OXImage* pDestination);

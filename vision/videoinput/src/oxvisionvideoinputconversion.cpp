@@ -1,16 +1,18 @@
 // Colour-space conversion: from a raw kYUV422 frame to a subscriber's colour space and size, in
 // one pass that skips source pixels (no filtering). Row kernels convert; one plane loop picks the
 // rows, applies the step rule and clips to both buffers. The plain integer kernels are the
-// reference; faster variants are selected through activeKernels() and must match byte for byte.
+// reference; the vector variants, selected through activeKernels(), must match byte for byte.
 #include "oxvisionvideoinputconversion.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 
 #include "oxtypes.h"
 #include "oxvisionkernelchoice.h"
+#include "oxvisionkernels.h"
 #include "oxvisionvideoinput.h"
 #include "oxvisionvideoinputtexts.h"
 
@@ -219,7 +221,38 @@ void yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, 
 constexpr Kernels kReference = {yuvRow,       hsyRow,       yuv422Row, yuvPackedRow, rgbRow<0, 2>,
                                 hsyPackedRow, rgbRow<2, 0>, yycbcrRow, h2rgbRow,     hsMixedRow};
 
-KernelChoice<Kernels> gChoice(kReference);
+// A vector kernel on the whole blocks of the row, then the reference on the macro-pixels left.
+using Fast = int (*)(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+template <Fast kFast, Row kScalar, int kTargetBytes>
+void vectorRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
+  const int done = kFast(pSource, pStep, pTarget, pCount);
+  kScalar(pSource + ptrdiff_t{4} * pStep * done, pStep, pTarget + ptrdiff_t{kTargetBytes} * done,
+          pCount - done);
+}
+
+// The hue kernels stay scalar in every variant.
+template <Fast kYuv, Fast kYUV422, Fast kYUV, Fast kRGB, Fast kBGR>
+constexpr Kernels vectorKernels() {
+  return {vectorRow<kYuv, yuvRow, 2>,
+          hsyRow,
+          vectorRow<kYUV422, yuv422Row, 4>,
+          vectorRow<kYUV, yuvPackedRow, 6>,
+          vectorRow<kRGB, rgbRow<0, 2>, 6>,
+          hsyPackedRow,
+          vectorRow<kBGR, rgbRow<2, 0>, 6>,
+          yycbcrRow,
+          h2rgbRow,
+          hsMixedRow};
+}
+
+namespace sse41 = simd::sse41;
+namespace avx2 = simd::avx2;
+constexpr Kernels kSse41 = vectorKernels<sse41::yuvRow, sse41::yuv422Row, sse41::yuvPackedRow,
+                                         sse41::rgbRow, sse41::bgrRow>();
+constexpr Kernels kAvx2 =
+    vectorKernels<avx2::yuvRow, avx2::yuv422Row, avx2::yuvPackedRow, avx2::rgbRow, avx2::bgrRow>();
+
+KernelChoice<Kernels> gChoice(kReference, kSse41, kAvx2);
 
 }  // namespace
 
@@ -231,8 +264,8 @@ const Kernels& activeKernels() {
   return gChoice.active();
 }
 
-void forceReferenceKernelsForTesting(bool pForce) {
-  gChoice.forceReference(pForce);
+bool forceKernelsForTesting(KernelVariant pVariant) {
+  return gChoice.force(pVariant);
 }
 
 }  // namespace conversionkernels

@@ -1,0 +1,32 @@
+// The vector row kernels, one set per instruction set, each set in a source file of its own
+// compiled for that instruction set: only code that has checked the processor may call them.
+// Each converts the whole blocks at the start of a row and returns how many macro-pixels (pairs,
+// for pairRow) it did, 0 for a step or layout it has no fast path for; the caller finishes the
+// row with the reference kernel. Their reads and writes stay within those of the reference.
+#pragma once
+
+namespace OX {
+namespace simd {
+
+namespace sse41 {
+int yuvRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int yuv422Row(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int yuvPackedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int rgbRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int bgrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
+            unsigned char* pTarget, int pPairs);
+}  // namespace sse41
+
+namespace avx2 {
+int yuvRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int yuv422Row(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int yuvPackedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int rgbRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int bgrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
+            unsigned char* pTarget, int pPairs);
+}  // namespace avx2
+
+}  // namespace simd
+}  // namespace OX
