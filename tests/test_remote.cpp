@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,8 +20,6 @@
 #include "simulatorsupport.h"
 #include "testsupport.h"
 
-extern char** environ;
-
 namespace {
 
 using OX::OXProxy;
@@ -31,20 +29,25 @@ using OX::OXValue;
 class BrokerProcess {
  public:
   explicit BrokerProcess(std::vector<std::string> pOptions = {}) {
-    int pipeFds[2];
-    EXPECT_EQ(pipe(pipeFds), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
-    posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
     std::vector<std::string> args = {std::string(VI_PROGRAM_DIR) + "/oxbroker", "--port", "0",
                                      "--log-level", "-1"};
     args.insert(args.end(), pOptions.begin(), pOptions.end());
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(arg.data());
     argv.push_back(nullptr);
-    EXPECT_EQ(posix_spawn(&fPid, argv[0], &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
+    int pipeFds[2];
+    EXPECT_EQ(pipe(pipeFds), 0);
+    const pid_t parent = getpid();
+    fPid = fork();
+    if (fPid == 0) {
+      // The broker must not outlive a test that dies: it would keep the test's output open.
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() != parent) _exit(1);
+      dup2(pipeFds[1], 1);
+      close(pipeFds[0]);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
     close(pipeFds[1]);
     fOutput = pipeFds[0];
     // The first line says where it listens.
