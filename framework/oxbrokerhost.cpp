@@ -37,8 +37,15 @@ zmq::message_t borrowedFrame(const OXValue::Binary& pBytes,
       keep);
 }
 
-OXValue okReply(int pId, const OXValue& pResult) {
-  return OXValue::array({wire::kProtocolVersion, pId, "ok", pResult});
+// Takes the result over: an image's pixels are not copied again on their way out.
+OXValue okReply(int pId, OXValue&& pResult) {
+  OXValue::Array reply;
+  reply.reserve(4);
+  reply.emplace_back(wire::kProtocolVersion);
+  reply.emplace_back(pId);
+  reply.emplace_back("ok");
+  reply.push_back(std::move(pResult));
+  return OXValue(std::move(reply));
 }
 
 OXValue errorReply(int pId, const OXError& pError) {

@@ -105,7 +105,7 @@ OXValue OXRemoteConnection::request(const std::string& pOperation, const OXValue
     } while (frames.back().more());
     std::vector<wire::FrameView> views;
     for (const zmq::message_t& frame : frames) views.push_back({frame.data(), frame.size()});
-    const OXValue reply = wire::decode(views, SIZE_MAX);
+    OXValue reply = wire::decode(views, SIZE_MAX);
     if (!reply.isArray() || reply.getSize() != 4 || !reply[1].isInt() || !reply[2].isString()) {
       throw OXError("OXProxy", pFunction, "malformed reply from " + fUrl, kRemoteFile, __LINE__);
     }
@@ -114,7 +114,7 @@ OXValue OXRemoteConnection::request(const std::string& pOperation, const OXValue
     // which can only be this one, since requests go one at a time.
     if (replyId != id && replyId != -1) continue;
     if (reply[2].asString() == "error") wire::throwErrorValue(reply[3]);
-    return reply[3];
+    return std::move(reply[3]);  // the pixels of an image are not copied once more
   }
 }
 
