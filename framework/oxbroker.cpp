@@ -170,8 +170,13 @@ boost::shared_ptr<OXModuleCore> OXProxy::module() const {
 
 OXValue OXProxy::genericCall(const std::string& pMethod, const OXValue& pArguments) {
   if (fRemote) {
-    return fRemote->request("call", {fModuleName, pMethod, pArguments}, pMethod,
-                            fRemote->getTimeout());
+    // Built by hand: a braced list would copy the arguments, an image's pixels among them, twice.
+    OXValue::Array operands;
+    operands.reserve(3);
+    operands.emplace_back(fModuleName);
+    operands.emplace_back(pMethod);
+    operands.push_back(pArguments);
+    return fRemote->request("call", std::move(operands), pMethod, fRemote->getTimeout());
   }
   OXValue result;
   module()->execute(pMethod, pArguments, result);

@@ -270,9 +270,11 @@ void OXBrokerHost::Impl::listen() {
           }
           if (!tooLarge) job.fFrames.push_back(std::move(next));
         }
+        // Connection events may end sessions: read them before holding a reference into the
+        // table.
+        if (fd >= 0) readMonitor(monitor);
         Session& session = fSessions[job.fRoutingId];
         if (session.fConnection == 0 && fd >= 0) {
-          readMonitor(monitor);
           auto known = fConnectionsByFd.find(fd);
           if (known != fConnectionsByFd.end()) session.fConnection = known->second;
         }

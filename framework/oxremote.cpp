@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <iterator>
 #include <vector>
 
 #include "oxerror.h"
@@ -51,12 +52,17 @@ OXRemoteConnection::~OXRemoteConnection() {
   }
 }
 
-OXValue OXRemoteConnection::request(const std::string& pOperation, const OXValue::Array& pOperands,
+OXValue OXRemoteConnection::request(const std::string& pOperation, OXValue::Array pOperands,
                                     const std::string& pFunction, int pTimeoutMs) {
   std::lock_guard<std::mutex> guard(fMutex);
   const int id = fNextId++;
-  OXValue::Array header = {wire::kProtocolVersion, id, pOperation};
-  header.insert(header.end(), pOperands.begin(), pOperands.end());
+  // The operands are moved in: a binary argument is not copied on its way to the socket.
+  OXValue::Array header;
+  header.reserve(3 + pOperands.size());
+  header.emplace_back(wire::kProtocolVersion);
+  header.emplace_back(id);
+  header.emplace_back(pOperation);
+  std::move(pOperands.begin(), pOperands.end(), std::back_inserter(header));
   // The encoded frames point into this value: it must live until they are sent.
   const OXValue message(std::move(header));
   wire::Encoded encoded;

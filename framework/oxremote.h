@@ -26,7 +26,7 @@ class OXRemoteConnection {
   // Sends [version, id, pOperation, operands...] and returns the result of an "ok" reply; an
   // "error" reply is raised as the OXError it carries. pFunction names the caller's operation in
   // the errors of the connection itself.
-  OXValue request(const std::string& pOperation, const OXValue::Array& pOperands,
+  OXValue request(const std::string& pOperation, OXValue::Array pOperands,
                   const std::string& pFunction, int pTimeoutMs);
 
   const std::string& getUrl() const { return fUrl; }
