@@ -12,6 +12,7 @@
 
 #include "oxbroker.h"
 #include "oxerror.h"
+#include "oxtypes.h"
 #include "oxvalue.h"
 #include "toolimage.h"
 #include "toolsupport.h"
@@ -40,17 +41,9 @@ const char* const kEpilog =
     "  oxsim --frames 100 --quiet\n"
     "  oxsim --url tcp://robot.local:7761 --camera 1 --png-dir ./frames";
 
-struct Size {
-  int fWidth;
-  int fHeight;
-};
-// The frame sizes the device's simulated camera accepts.
-constexpr Size kAcceptedSizes[] = {{160, 120}, {320, 240}, {640, 480}, {1280, 960}};
-
 void checkAccepted(int pWidth, int pHeight, const std::string& pWhat) {
-  for (const Size& size : kAcceptedSizes) {
-    if (size.fWidth == pWidth && size.fHeight == pHeight) return;
-  }
+  // The simulated camera takes exactly the sizes of the four resolutions.
+  if (OX::getResolutionFromSize(pWidth, pHeight) >= 0) return;
   throw UsageError(pWhat + " is " + std::to_string(pWidth) + "x" + std::to_string(pHeight) +
                    "; the device takes 160x120, 320x240, 640x480 or 1280x960 only");
 }
