@@ -28,7 +28,9 @@ TEST(SimulatorCamConcurrency, PushWhileTwoSubscribersTakeAndRelease) {
   std::thread pusher([&] {
     // Uniform frames: every byte of a converted frame must then be one of a few values.
     std::vector<unsigned char> rgb(160 * 120 * 3);
-    for (int i = 0; i < 300 && failures == 0; ++i) {
+    // Goes on past 300 frames until the subscribers have taken some: on a loaded machine their
+    // threads may not have started before the first 300 are pushed.
+    for (int i = 0; (i < 300 || taken < 2) && i < 1000000 && failures == 0; ++i) {
       std::fill(rgb.begin(), rgb.end(), static_cast<unsigned char>(i % 2 == 0 ? 0 : 255));
       if (!cam->putImage(0, 160, 120, OX::OXValue::binary(rgb.data(), rgb.size()))) ++failures;
       std::this_thread::yield();
