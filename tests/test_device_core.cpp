@@ -37,11 +37,6 @@ TEST(DeviceCore, ConstructionAndRecordDefaults) {
                 "  cameraProxy = OXProxy(\"OXVideoDevice\", \"127.0.0.1\", 7761)\n"),
             std::string::npos);
 
-  OX::VisionModuleInfo info;
-  EXPECT_EQ(info.fActiveCamera, -1);
-  EXPECT_FALSE(info.fIsMultiStream);
-  EXPECT_FALSE(info.fIsRecording);
-  EXPECT_EQ(info.fVideo, nullptr);
   OX::RequestedCameraProperties requested;
   EXPECT_EQ(requested.fResolution, OX::kQVGA);
   EXPECT_EQ(requested.fColorSpace, OX::kYUV422);
@@ -245,10 +240,27 @@ TEST(DeviceCore, UpdateParamRaisesAndLowersTheCamera) {
   EXPECT_TRUE(cam->setCalls().empty());
 }
 
-// Parameter operations reach the right camera with the right value, and refuse with their texts.
-TEST(DeviceCore, CameraParameterOperations) {
+// Parameter operations and queries reach the right camera with the right value, and refuse with
+// their own (sometimes borrowed) words.
+TEST(DeviceCore, ParametersQueriesAndRefusals) {
   vitest::LogCapture capture;
   auto cam = vitest::makeFakeCam();
+  EXPECT_EQ(cam->getCameraModel(1), OX::kMT9M114);
+  EXPECT_EQ(cam->getCameraModelID(), OX::kOV7670);
+  EXPECT_EQ(cam->getColorSpace(1), OX::kYUV422);
+  EXPECT_EQ(cam->getActiveCamera(), 0);
+  EXPECT_TRUE(cam->isFrameGrabberOff());
+  cam->camera(1).fGrabberState = -1;
+  EXPECT_TRUE(cam->isFrameGrabberOff(1));
+  EXPECT_TRUE(cam->startFrameGrabber(1));
+  EXPECT_FALSE(cam->isFrameGrabberOff(1));
+  cam->fStopFails[0] = true;
+  EXPECT_FALSE(cam->stopFrameGrabber());
+  EXPECT_EQ(cam->fStops[1], 0);
+  EXPECT_EQ(cam->resolutionToSizes(3), OX::OXValue(std::vector<int>{1280, 960}));
+  EXPECT_EQ(cam->sizesToResolution(640, 480), OX::kVGA);
+  EXPECT_EQ(cam->sizesToResolution(641, 480), -1);
+
   using Call = FakeCam::SetCall;
   const std::string mono = cam->subscribeCamera("mono", 1, 1, 9, 5);
   const std::string multi = cam->subscribeCameras(
@@ -275,6 +287,10 @@ TEST(DeviceCore, CameraParameterOperations) {
                                                 {0, 16, 8, false},
                                                 {1, 16, 9, false},
                                                 {0, 16, 0, true}}));
+  // What the driver raises passes through.
+  EXPECT_EQ(raised([&] { cam->getCameraParameter(mono, 3); }).getDescription(),
+            "Bad input parameter ID");
+  EXPECT_EQ(raised([&] { cam->getParam(3); }).getDescription(), "Bad input parameter ID");
 
   struct Refusal {
     std::function<void()> call;
@@ -295,48 +311,6 @@ TEST(DeviceCore, CameraParameterOperations) {
       {[&] { cam->setCamerasParameter(multi, 14, std::vector<int>{}); }, "setCamerasParameter()",
        "Could not set cameras parameter to module: multi\nInput parameters have the wrong size: "
        "0 expected size: 2"},
-  };
-  for (const Refusal& refusal : refusals) {
-    capture.clear();
-    const OX::OXError error = raised(refusal.call);
-    EXPECT_EQ(error.getDescription(), refusal.text);
-    EXPECT_EQ(error.getFunctionName(), refusal.method);
-    EXPECT_EQ(error.getModuleName(), "OXVideoDevice");
-    EXPECT_TRUE(capture.has(2, kCategory, refusal.text)) << refusal.text;
-  }
-  // What the driver raises passes through.
-  EXPECT_EQ(raised([&] { cam->getCameraParameter(mono, 3); }).getDescription(),
-            "Bad input parameter ID");
-  EXPECT_EQ(raised([&] { cam->getParam(3); }).getDescription(), "Bad input parameter ID");
-  cam->unsubscribe(mono);
-  cam->unsubscribe(multi);
-}
-
-// Queries read the camera, refuse bad indexes with their own (sometimes borrowed) words.
-TEST(DeviceCore, DeviceQueriesAndGrabber) {
-  vitest::LogCapture capture;
-  auto cam = vitest::makeFakeCam();
-  EXPECT_EQ(cam->getCameraModel(1), OX::kMT9M114);
-  EXPECT_EQ(cam->getCameraModelID(), OX::kOV7670);
-  EXPECT_EQ(cam->getResolution(), OX::kQVGA);
-  EXPECT_EQ(cam->getColorSpace(1), OX::kYUV422);
-  EXPECT_EQ(cam->getFrameRate(), 5);
-  EXPECT_EQ(cam->getActiveCamera(), 0);
-  EXPECT_TRUE(cam->isFrameGrabberOff());
-  cam->camera(1).fGrabberState = -1;
-  EXPECT_TRUE(cam->isFrameGrabberOff(1));
-  EXPECT_TRUE(cam->startFrameGrabber(1));
-  EXPECT_FALSE(cam->isFrameGrabberOff(1));
-  cam->fStopFails[0] = true;
-  EXPECT_FALSE(cam->stopFrameGrabber());
-  EXPECT_EQ(cam->fStops[1], 0);
-
-  struct Refusal {
-    std::function<void()> call;
-    std::string method;
-    std::string text;
-  };
-  const std::vector<Refusal> refusals = {
       {[&] { cam->getResolution(-1); }, "getResolution()",
        "getResolution(-1) : invalid Camera index"},
       {[&] { cam->getResolution(2); }, "getResolution()",
@@ -363,16 +337,17 @@ TEST(DeviceCore, DeviceQueriesAndGrabber) {
        "Only implemented for simulator"},
   };
   for (const Refusal& refusal : refusals) {
+    SCOPED_TRACE(refusal.text);
     capture.clear();
     const OX::OXError error = raised(refusal.call);
     EXPECT_EQ(error.getDescription(), refusal.text);
     EXPECT_EQ(error.getFunctionName(), refusal.method);
+    EXPECT_EQ(error.getModuleName(), "OXVideoDevice");
     EXPECT_EQ(error.getFileName(), "oxvisionvideoinput");
-    EXPECT_TRUE(capture.has(2, kCategory, refusal.text)) << refusal.text;
+    EXPECT_TRUE(capture.has(2, kCategory, refusal.text));
   }
-  EXPECT_EQ(cam->resolutionToSizes(3), OX::OXValue(std::vector<int>{1280, 960}));
-  EXPECT_EQ(cam->sizesToResolution(640, 480), OX::kVGA);
-  EXPECT_EQ(cam->sizesToResolution(641, 480), -1);
+  cam->unsubscribe(mono);
+  cam->unsubscribe(multi);
 }
 
 }  // namespace

@@ -15,10 +15,6 @@ const char* const kCategory = "vision.oxvisionvideoinput";
 
 using vitest::raised;
 
-int errorRecords(const vitest::LogCapture& pCapture) {
-  return pCapture.countLevel(2);
-}
-
 // Frame-rate clamps, the HD rule and what a mono-stream subscription builds.
 TEST(DeviceSubscribers, MonoStreamSubscriptionClampsAndBuilds) {
   vitest::LogCapture capture;
@@ -64,53 +60,51 @@ TEST(DeviceSubscribers, SubscribeValidationTexts) {
   auto cam = vitest::makeFakeCam();
   cam->fMaxResolution = OX::kVGA;
   using V = std::vector<int>;
+  // One camera entry goes to subscribeCamera, which does not log; lists to subscribeCameras.
   struct Refusal {
-    std::function<void()> call;
-    std::string method;
-    std::string text;
+    V cameras, resolutions, colorSpaces;
+    bool multi;
     bool logged;
+    std::string text;
   };
+  const std::string m = "Could not subscribe module: m";
   const std::vector<Refusal> refusals = {
-      {[&] { cam->subscribeCamera("m", 0, 3, 9, 5); }, "subscribeCamera",
-       "Could not subscribe module: m\n3 is an invalid Resolution; current device max resolution "
-       "is \x01",
-       false},
-      {[&] { cam->subscribeCamera("m", -1, 1, 7, 5); }, "subscribeCamera",
-       "Could not subscribe module: m\n7is not a valid color space", false},
-      {[&] { cam->subscribeCamera("m", 2, 1, 9, 5); }, "subscribeCamera",
-       "Could not subscribe module: m\n2is not a valid camera index", false},
-      {[&] { cam->subscribeCameras("m", V{}, V{1}, V{9}, 5); }, "subscribeCameras",
-       "Could not subscribe module: m\nSome input parameters are empty", true},
-      {[&] {
-         cam->subscribeCameras("m", V{0, 1}, V{1}, V{9, 9}, 5);
-       },
-       "subscribeCameras", "Could not subscribe module: m\nInput parameters have not the same size",
-       true},
-      {[&] {
-         cam->subscribeCameras("m", V{0, 0}, V{1, 1}, V{9, 9}, 5);
-       },
-       "subscribeCameras",
-       "Could not subscribe module: m\nInvalid input parameters, list contains 2 elements but "
-       "only 1 different elements (using several time the same camera is forbidden)",
-       true},
-      {[&] { cam->subscribeCameras("m", V{-1}, V{1}, V{9}, 5); }, "subscribeCameras",
-       "Unknown camera ID", false},
-      {[&] {
-         cam->subscribeCameras("m", V{0, 1}, V{1, 3}, V{9, 9}, 5);
-       },
-       "subscribeCameras", "Could not subscribe module: m1 3  is an invalid Resolution; ", true},
-      {[&] {
-         cam->subscribeCameras("m", V{0, 1}, V{1, 1}, V{9, 8}, 5);
-       },
-       "subscribeCameras", "Could not subscribe module: m9 8 is not a valid color space", true},
+      {{0},
+       {3},
+       {9},
+       false,
+       false,
+       m + "\n3 is an invalid Resolution; current device max resolution is \x01"},
+      {{-1}, {1}, {7}, false, false, m + "\n7is not a valid color space"},
+      {{2}, {1}, {9}, false, false, m + "\n2is not a valid camera index"},
+      {{}, {1}, {9}, true, true, m + "\nSome input parameters are empty"},
+      {{0, 1}, {1}, {9, 9}, true, true, m + "\nInput parameters have not the same size"},
+      {{0, 0},
+       {1, 1},
+       {9, 9},
+       true,
+       true,
+       m + "\nInvalid input parameters, list contains 2 elements but only 1 different elements "
+           "(using several time the same camera is forbidden)"},
+      {{-1}, {1}, {9}, true, false, "Unknown camera ID"},
+      {{0, 1}, {1, 3}, {9, 9}, true, true, m + "1 3  is an invalid Resolution; "},
+      {{0, 1}, {1, 1}, {9, 8}, true, true, m + "9 8 is not a valid color space"},
   };
   for (const Refusal& refusal : refusals) {
+    SCOPED_TRACE(refusal.text);
     capture.clear();
-    const OX::OXError error = raised(refusal.call);
+    const OX::OXError error = raised([&] {
+      if (refusal.multi) {
+        cam->subscribeCameras("m", refusal.cameras, refusal.resolutions, refusal.colorSpaces, 5);
+      } else {
+        cam->subscribeCamera("m", refusal.cameras[0], refusal.resolutions[0],
+                             refusal.colorSpaces[0], 5);
+      }
+    });
     EXPECT_EQ(error.getDescription(), refusal.text);
-    EXPECT_EQ(error.getFunctionName(), refusal.method);
+    EXPECT_EQ(error.getFunctionName(), refusal.multi ? "subscribeCameras" : "subscribeCamera");
     EXPECT_EQ(error.getModuleName(), "OXVideoDevice");
-    EXPECT_EQ(errorRecords(capture), refusal.logged ? 1 : 0) << refusal.text;
+    EXPECT_EQ(capture.countLevel(2), refusal.logged ? 1 : 0);
     EXPECT_TRUE(!refusal.logged || capture.has(2, kCategory, refusal.text));
   }
   EXPECT_TRUE(cam->fVisionModules.empty());
@@ -275,7 +269,7 @@ TEST(DeviceSubscribers, ConcurrentSubscribeAndUnsubscribe) {
     EXPECT_TRUE(cam->camera(i).fImageBuffers.empty());
     EXPECT_TRUE(cam->camera(i).fRawBuffers.empty());
   }
-  EXPECT_EQ(errorRecords(capture), 0);
+  EXPECT_EQ(capture.countLevel(2), 0);
 }
 
 }  // namespace

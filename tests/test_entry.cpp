@@ -34,14 +34,16 @@ class EntryTest : public ::testing::Test {
   }
 
   // Runs _createModule on a fresh broker whose preference directory holds pXml (none if empty),
-  // starting from an unread preference.
-  int create(const std::string& pXml, bool pWithPreferenceService = true) {
+  // starting from an unread preference; the broker is kept through pBroker when given.
+  int create(const std::string& pXml, bool pWithPreferenceService = true,
+             boost::shared_ptr<OX::OXBroker>* pBroker = nullptr) {
     vitest::TempDir directory;
     if (!pXml.empty()) directory.write("VideoInput.xml", pXml);
     boost::shared_ptr<OX::OXBroker> broker =
         OX::OXBroker::createBroker("entry-test", {directory.path()});
     if (!pWithPreferenceService) broker->unregisterModule("OXPreferences");
     *fPreferences = OX::OXValue();
+    if (pBroker != nullptr) *pBroker = broker;
     return fCreate(broker);
   }
 
@@ -61,27 +63,26 @@ class EntryTest : public ::testing::Test {
   OX::OXValue* fPreferences = nullptr;
 };
 
-// The broker finds the entry points and objects by their plain C names.
-TEST_F(EntryTest, ExportsTheEntryPointsAndObjectsUnmangled) {
+// The broker finds the entry points and objects by their plain C names. Each refusing branch
+// gives result 1 and exactly its own records; no exception reaches the broker, the value of the
+// first entry decides whatever the entry is called, and without a preference service the error
+// text is logged as a warning.
+TEST_F(EntryTest, RefusesEachSourceItCannotLoadWithItsRecords) {
   for (const char* name :
        {"_createModule", "_closeModule", "moduleNameMap", "fPreferences", "actualModule",
         "moduleNameId", "_videoinput_running", "_videoinput_termination"}) {
     EXPECT_NE(dlsym(fHandle, name), nullptr) << name;
   }
-  EXPECT_EQ(fClose(), 0);
-}
-
-// Each refusing branch gives result 1 and exactly its own records; no exception reaches the
-// broker, and the value of the first entry decides whatever the entry is called.
-TEST_F(EntryTest, RefusesEachSourceItCannotLoadWithItsRecords) {
   const std::string failedRead =
       "VideoInput: Failed to read VideoInput.xml preference file." + kNoModule;
   struct Case {
     std::string xml;
     std::string message;
+    bool withService = true;
   };
   const std::map<std::string, Case> cases = {
       {"no file", {"", failedRead}},
+      {"no service", {preferenceFile("USBCam"), failedRead, false}},
       {"not a string", {preferenceFile("2", "int"), failedRead}},
       {"empty", {preferenceFile(""), failedRead}},
       {"unknown",
@@ -96,7 +97,7 @@ TEST_F(EntryTest, RefusesEachSourceItCannotLoadWithItsRecords) {
   };
   for (const auto& [label, testCase] : cases) {
     vitest::LogCapture capture;
-    EXPECT_EQ(create(testCase.xml), 1) << label;
+    EXPECT_EQ(create(testCase.xml, testCase.withService), 1) << label;
     std::vector<ki::log::Record> errors;
     for (const auto& record : capture.records()) {
       if (record.level == 2) errors.push_back(record);
@@ -106,9 +107,13 @@ TEST_F(EntryTest, RefusesEachSourceItCannotLoadWithItsRecords) {
     EXPECT_EQ(errors[0].category, kCategory) << label;
     EXPECT_EQ(errors[0].function, "_createModule") << label;
     EXPECT_EQ(errors[0].line, 0) << label;
-    // Only a missing file raises in the preference service, which is then logged at level 3.
-    const bool warned = capture.records().size() == 2 && capture.records()[0].level == 3;
-    EXPECT_EQ(warned, label == "no file") << label;
+    // Only a missing file or service raises, which is then logged at level 3.
+    const auto records = capture.records();
+    const bool warned = records.size() == 2 && records[0].level == 3;
+    EXPECT_EQ(warned, label == "no file" || label == "no service") << label;
+    if (label == "no service" && warned) {
+      EXPECT_NE(records[0].message.find("OXPreferences"), std::string::npos);
+    }
   }
   auto* names = static_cast<std::map<std::string, int>*>(dlsym(fHandle, "moduleNameMap"));
   ASSERT_NE(names, nullptr);
@@ -118,19 +123,22 @@ TEST_F(EntryTest, RefusesEachSourceItCannotLoadWithItsRecords) {
   EXPECT_EQ(fClose(), 0);
 }
 
-// Without a preference service the error text is logged as a warning and nothing is loaded; a
-// preference read earlier is kept when a later read fails.
-TEST_F(EntryTest, AbsentPreferenceServiceIsLoggedAndKeepsEarlierPreference) {
-  {
+// Each camera the library builds is loaded from its preference, as the device's only module.
+TEST_F(EntryTest, LoadsTheSimulatorAndTheFileCamera) {
+  for (const auto& [name, methods] : {std::pair{"SimulatorCam", 52u + 32u}, {"FileCam", 91u}}) {
     vitest::LogCapture capture;
-    EXPECT_EQ(create(preferenceFile("USBCam"), false), 1);
-    const auto records = capture.records();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].level, 3);
-    EXPECT_NE(records[0].message.find("OXPreferences"), std::string::npos);
-    EXPECT_EQ(records[1].message,
-              "VideoInput: Failed to read VideoInput.xml preference file." + kNoModule);
+    boost::shared_ptr<OX::OXBroker> broker;
+    EXPECT_EQ(create(preferenceFile(name), true, &broker), 0) << name;
+    EXPECT_TRUE(capture.has(5, kCategory, std::string("VideoInput: loading ") + name));
+    const auto module = broker->getModuleByName("OXVideoDevice");
+    ASSERT_TRUE(module) << name;
+    EXPECT_EQ(module->getMethodTable().size(), methods) << name;
   }
+  EXPECT_EQ(fClose(), 0);
+}
+
+// A preference read earlier is kept when a later read fails.
+TEST_F(EntryTest, FailedReadKeepsTheEarlierPreference) {
   vitest::TempDir empty;
   vitest::TempDir withFile;
   withFile.write("VideoInput.xml", preferenceFile("USBCam"));

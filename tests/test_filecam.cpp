@@ -6,7 +6,6 @@
 
 #include "filecamsupport.h"
 #include "testsupport.h"
-#include "videoinput.h"
 
 namespace {
 
@@ -40,62 +39,51 @@ struct Replay {
   std::string id;
 };
 
-std::string preferenceFile(const std::string& pValue) {
-  return "<?xml version=\"1.0\"?>\n<ModulePreference name=\"VideoInput\">\n"
-         "  <Preference name=\"Source\" description=\"source\" value=\"" +
-         pValue + "\" type=\"string\"/>\n</ModulePreference>\n";
-}
-
-}  // namespace
-
-// A missing file is logged and leaves every earlier setting as it was.
-TEST(FileCamSetVideo, MissingFileLogsAndChangesNothing) {
-  vitest::TempDir directory;
-  auto cam = vitest::makeFileCam();
-  vitest::LogCapture capture;
-  const std::string missing = directory.file("none.oxv");
-  cam->setVideo(missing, OX::OXValue(), true, 0, 0);
-  EXPECT_TRUE(capture.has(2, kCategory, missing + " file doesn't exist. Return!"));
-  EXPECT_EQ(FileHook::filePath(*cam), "");
-  EXPECT_EQ(FileHook::camera(*cam).fResolution, 1);
-  EXPECT_EQ(FileHook::camera(*cam).fColorSpace, 9);
-  EXPECT_EQ(FileHook::camera(*cam).fFrameRate, 5);
-  EXPECT_EQ(FileHook::defaultResolution(*cam), -1);
+// Resolution, colour space and frame rate of the camera, and the default resolution.
+std::vector<int> settings(OX::OXVisionFileCam& pCam) {
+  const OX::RealCameraProperties& camera = FileHook::camera(pCam);
+  return {camera.fResolution, camera.fColorSpace, camera.fFrameRate,
+          FileHook::defaultResolution(pCam)};
 }
 
 // A range that is not a pair plays the whole file, cut to its last image at the opening.
 TEST(FileCamSetVideo, RangeOfThreeElementsPlaysTheWholeFile) {
   Replay replay(4, false, 0, OX::OXValue(std::vector<int>{1, 2, 3}));
-  EXPECT_EQ(FileHook::firstImage(*replay.cam), 0);
-  EXPECT_EQ(FileHook::lastImage(*replay.cam), 3);
+  auto range = [&] {
+    return std::pair{FileHook::firstImage(*replay.cam), FileHook::lastImage(*replay.cam)};
+  };
+  EXPECT_EQ(range(), std::pair(0, 3));
   replay.cam->setVideo(replay.path, OX::OXValue(std::vector<int>{1, 2}), false, 0, 0);
-  EXPECT_EQ(FileHook::firstImage(*replay.cam), 1);
-  EXPECT_EQ(FileHook::lastImage(*replay.cam), 2);
+  EXPECT_EQ(range(), std::pair(1, 2));
   replay.cam->setVideo(replay.path, OX::OXValue(5), false, 0, 0);
-  EXPECT_EQ(FileHook::firstImage(*replay.cam), 0);
-  EXPECT_EQ(FileHook::lastImage(*replay.cam), 2147483647);
+  EXPECT_EQ(range(), std::pair(0, 2147483647));
 }
 
-// A VGA kYUV422 stream sets the camera to VGA at 30 images a second, and bounds the validity.
-TEST(FileCamSetVideo, VgaStreamSetsTheCamera) {
+// A VGA kYUV422 stream sets the camera to VGA at 30 images a second, and bounds the validity; a
+// missing file is logged and leaves every earlier setting as it was.
+TEST(FileCamSetVideo, VgaStreamSetsTheCameraAndMissingFileChangesNothing) {
   vitest::TempDir directory;
   const std::string path = directory.file("vga.oxv");
   ASSERT_TRUE(vitest::writeRecording(path, 2, OX::kVGA));
   auto cam = vitest::makeFileCam();
+  EXPECT_EQ(settings(*cam), (std::vector<int>{1, OX::kYUV422, 5, -1}));
   vitest::LogCapture capture;
   cam->setVideo(path, OX::OXValue(), false, 0, 0);
   EXPECT_TRUE(capture.has(4, kCategory, "Setting " + path + " video file."));
-  EXPECT_EQ(FileHook::camera(*cam).fResolution, 2);
-  EXPECT_EQ(FileHook::defaultResolution(*cam), 2);
-  EXPECT_EQ(FileHook::camera(*cam).fFrameRate, 30);
-  EXPECT_FALSE(FileHook::isResolutionValid(*cam, 3, 0));
-  EXPECT_TRUE(FileHook::isResolutionValid(*cam, 0, 0));
-  EXPECT_TRUE(FileHook::isResolutionValid(*cam, 2, 0));
+  EXPECT_EQ(settings(*cam), (std::vector<int>{2, OX::kYUV422, 30, 2}));
+  const std::string missing = directory.file("none.oxv");
+  cam->setVideo(missing, OX::OXValue(), true, 0, 0);
+  EXPECT_TRUE(capture.has(2, kCategory, missing + " file doesn't exist. Return!"));
+  EXPECT_EQ(FileHook::filePath(*cam), path);
+  EXPECT_EQ(settings(*cam), (std::vector<int>{2, OX::kYUV422, 30, 2}));
+  for (const auto& [value, valid] : {std::pair{3, false}, {0, true}, {2, true}}) {
+    EXPECT_EQ(FileHook::isResolutionValid(*cam, value, 0), valid) << value;
+  }
   EXPECT_TRUE(FileHook::isFrameRateValid(*cam, 30));
   EXPECT_FALSE(FileHook::isFrameRateValid(*cam, 31));
-  EXPECT_TRUE(FileHook::isColorSpaceValid(*cam, 16));
-  EXPECT_FALSE(FileHook::isColorSpaceValid(*cam, 17));
-  EXPECT_FALSE(FileHook::isColorSpaceValid(*cam, -1));
+  for (const auto& [value, valid] : {std::pair{16, true}, {17, false}, {-1, false}}) {
+    EXPECT_EQ(FileHook::isColorSpaceValid(*cam, value), valid) << value;
+  }
   // A stream the file does not have leaves no format.
   cam->setVideo(path, OX::OXValue(), false, 0, 3);
   EXPECT_EQ(FileHook::camera(*cam).fColorSpace, 255);
@@ -105,8 +93,7 @@ TEST(FileCamSetVideo, VgaStreamSetsTheCamera) {
 // Mode 0 serves the image read ahead first, then the same image until nextImage or a period.
 TEST(FileCamReplay, ModeZeroStepsOnRequest) {
   Replay replay(4, false, 0);
-  int64_t first = 0;
-  int64_t again = 0;
+  int64_t first = 0, again = 0;
   EXPECT_EQ(replay.take(&first), 2);
   EXPECT_EQ(replay.take(&again), 2);
   EXPECT_EQ(first, again);
@@ -172,19 +159,8 @@ TEST(FileCamReplay, ModeOneFollowsTheClockAndLoops) {
   EXPECT_EQ(stamp, 1000000 + FileHook::loopDuration(*replay.cam));
 }
 
-// Mode 1 without loop stays on the last image, dated anew at each request.
-TEST(FileCamReplay, ModeOneRepeatsTheLastImage) {
-  Replay replay(3, false, 1);
-  int64_t first = 0;
-  int64_t again = 0;
-  replay.clock.advance(10000000);
-  EXPECT_EQ(replay.take(&first), 3);
-  replay.clock.advance(1000000);
-  EXPECT_EQ(replay.take(&again), 3);
-  EXPECT_GT(again, first);
-}
-
-// Modes 2 and 3 turn into mode 1 at their first request; mode 7 fails at every request.
+// Modes 2 and 3 turn into mode 1 at their first request, which without loop stays on the last
+// image, dated anew at each request; mode 7 fails at every request.
 TEST(FileCamReplay, ModesTwoThreeAndUnknown) {
   for (const int mode : {2, 3}) {
     Replay replay(3, false, mode);
@@ -196,6 +172,12 @@ TEST(FileCamReplay, ModesTwoThreeAndUnknown) {
                                 " not yet implemented. Launch replay mode 1 (synchronized with "
                                 "the inner clock)..."));
     EXPECT_EQ(FileHook::replayMode(*replay.cam), 1);
+    int64_t first = 0, again = 0;
+    replay.clock.advance(10000000);
+    EXPECT_EQ(replay.take(&first), 3);
+    replay.clock.advance(1000000);
+    EXPECT_EQ(replay.take(&again), 3);
+    EXPECT_GT(again, first);
   }
   Replay replay(3, false, 7);
   vitest::LogCapture capture;
@@ -235,30 +217,14 @@ TEST(FileCamRelease, ParametersAndSeveralStreams) {
   EXPECT_EQ(capture.count("xGetDirectRawImages(" + replay.id +
                           ") : FileCam doesn't provide MultiStream Management yet"),
             1);
-  EXPECT_EQ(FileHook::getParam(*replay.cam, 14), 0);
-  EXPECT_EQ(FileHook::getParam(*replay.cam, 15), 30);
-  EXPECT_EQ(FileHook::getParam(*replay.cam, 18), 0);
-  EXPECT_EQ(FileHook::getParam(*replay.cam, 20), 9);
+  for (const auto& [id, value] : {std::pair{14, 0}, {15, 30}, {18, 0}, {20, 9}}) {
+    EXPECT_EQ(FileHook::getParam(*replay.cam, id), value) << id;
+  }
   const OX::OXError error = vitest::raised([&] { FileHook::getParam(*replay.cam, 16); });
   EXPECT_NE(error.toString().find("pId not handled in fileCam"), std::string::npos);
   EXPECT_TRUE(FileHook::setParam(*replay.cam, 14, 3));
   EXPECT_EQ(FileHook::getParam(*replay.cam, 14), 0);
 }
-
-// The preference "FileCam" makes the module entry build the file camera.
-TEST(FileCamEntry, LoadsThroughTheModuleEntry) {
-  vitest::TempDir directory;
-  directory.write("VideoInput.xml", preferenceFile("FileCam"));
-  boost::shared_ptr<OX::OXBroker> broker =
-      OX::OXBroker::createBroker("file-entry", {directory.path()});
-  vitest::LogCapture capture;
-  ASSERT_EQ(_createModule(broker), 0);
-  EXPECT_TRUE(capture.has(5, "vision.videoinput", "VideoInput: loading FileCam"));
-  EXPECT_TRUE(
-      boost::dynamic_pointer_cast<OX::OXVisionFileCam>(broker->getModuleByName("OXVideoDevice")));
-}
-
-namespace {
 
 // Guards against the file camera's own publications losing a text or their binding: they follow
 // the device's, in order, and getParam(int, int) reaches the driver without the device's checks.

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <vector>
 
 #include "simulatorsupport.h"
@@ -15,7 +14,7 @@ namespace {
 using vitest::Hook;
 using Cam = boost::shared_ptr<OX::OXVisionSimulatorCam>;
 using Floats = std::vector<float>;
-const char* const kCategory = "vision.oxvisionvideoinput";
+using Input = OX::OXVisionVideoInput;
 
 float fromBits(uint32_t pBits) {
   float value;
@@ -29,20 +28,17 @@ const float kMtH = fromBits(0x3F87FBA2);
 const float kMtV = fromBits(0x3F54922E);
 
 // Guards against apertures taken from decimal literals or the wrong model: the camera's model
-// alone picks them, OV7670 or any other.
+// alone picks them, OV7670 or any other; half of them from the top left corner, positive to the
+// left, negative upwards.
 TEST(Geometry, AperturesFollowTheCameraModelBitForBit) {
   Cam cam = vitest::makeSimulatorCam();
   EXPECT_EQ(cam->getAngularSizeFromImageSize(0, {1.0f, 1.0f}), (Floats{kMtH, kMtV}));
-  Hook::camera(*cam, 0).fCameraModel = OX::kOV7670;
-  EXPECT_EQ(cam->getAngularSizeFromImageSize(0, {1.0f, 1.0f}), (Floats{kOvH, kOvV}));
   Hook::camera(*cam, 0).fCameraModel = 7;  // any other model: the second pair
   EXPECT_EQ(cam->getAngularSizeFromImageSize(0, {1.0f, 0.0f}), (Floats{kMtH, 0.0f}));
-  // Half the OV7670 apertures from the top left corner, positive to the left, negative upwards.
   Hook::camera(*cam, 0).fCameraModel = OX::kOV7670;
-  const Floats corner = cam->getAngularPositionFromImagePosition(0, {0.0f, 0.0f});
-  EXPECT_EQ(corner, (Floats{0.5f * kOvH, -0.5f * kOvV}));
-  EXPECT_FLOAT_EQ(corner[0], 0.41692221f);
-  EXPECT_FLOAT_EQ(corner[1], -0.32097778f);
+  EXPECT_EQ(cam->getAngularSizeFromImageSize(0, {1.0f, 1.0f}), (Floats{kOvH, kOvV}));
+  EXPECT_EQ(cam->getAngularPositionFromImagePosition(0, {0.0f, 0.0f}),
+            (Floats{0.5f * kOvH, -0.5f * kOvV}));
 }
 
 // Guards against a wrong sign or order in one of the directions: the centre maps to the axis on
@@ -51,6 +47,7 @@ TEST(Geometry, CentreAndRoundTrips) {
   Cam cam = vitest::makeSimulatorCam();
   Hook::camera(*cam, 1).fCameraModel = OX::kOV7670;
   for (int camera = 0; camera < 2; ++camera) {
+    SCOPED_TRACE(camera);
     EXPECT_EQ(cam->getAngularPositionFromImagePosition(camera, {0.5f, 0.5f}),
               (Floats{-0.0f, 0.0f}));
     EXPECT_EQ(cam->getImagePositionFromAngularPosition(camera, {0.0f, 0.0f}), (Floats{0.5f, 0.5f}));
@@ -58,19 +55,17 @@ TEST(Geometry, CentreAndRoundTrips) {
     EXPECT_GT(angles[0], 0.0f);  // left of the centre: positive
     EXPECT_GT(angles[1], 0.0f);  // below the centre: positive
     const Floats back = cam->getImagePositionFromAngularPosition(camera, angles);
-    EXPECT_FLOAT_EQ(back[0], 0.25f);
-    EXPECT_FLOAT_EQ(back[1], 0.75f);
     const Floats size = cam->getAngularSizeFromImageSize(camera, {0.3f, 0.6f});
     const Floats sizeBack = cam->getImageSizeFromAngularSize(camera, size);
+    EXPECT_FLOAT_EQ(back[0], 0.25f);
+    EXPECT_FLOAT_EQ(back[1], 0.75f);
     EXPECT_FLOAT_EQ(sizeBack[0], 0.3f);
     EXPECT_FLOAT_EQ(sizeBack[1], 0.6f);
     // Out of the aperture extrapolates; no bound on the reverse size.
     EXPECT_EQ(cam->getImageSizeFromAngularSize(camera, {-8.0f, 8.0f}).size(), 2u);
     const Floats info =
         cam->getImageInfoFromAngularInfo(camera, {angles[0], angles[1], size[0], size[1]});
-    ASSERT_EQ(info.size(), 4u);
-    EXPECT_EQ(info[0], back[0]);
-    EXPECT_EQ(info[3], sizeBack[1]);
+    EXPECT_EQ(info, (Floats{back[0], back[1], sizeBack[0], sizeBack[1]}));
   }
 }
 
@@ -92,87 +87,73 @@ TEST(Geometry, PixelsAndShortForms) {
   EXPECT_EQ(cam->getImgSizeFromAngSize({kOvH, kOvV}), (Floats{1.0f, 1.0f}));
   vitest::LogCapture capture;
   Hook::activeCamera(*cam) = 2;  // one past the last camera: refused, not read
-  EXPECT_EQ(vitest::raised([&] {
-              cam->getAngPosFromImgPos({0.5f, 0.5f});
-            }).getDescription(),
+  const OX::OXError error = vitest::raised([&] { cam->getAngPosFromImgPos({0.5f, 0.5f}); });
+  EXPECT_EQ(error.getDescription(),
             "getAngularPositionFromImagePosition(2,...) : invalid Camera index");
 }
 
-struct Failure {
-  std::function<void()> call;
-  const char* text;
-  const char* method;
-};
-
 // Guards against a check in the wrong order or a text that clients no longer match: the camera
-// first, then the list, the range last; the resolution before the list's length.
+// first, then the list, the range last; the resolution before the list's length. The method
+// named is the text's prefix, with "()" where marked.
 TEST(Geometry, FailureTextsAndOrderOfChecks) {
   Cam cam = vitest::makeSimulatorCam();
   vitest::LogCapture capture;
-  const Failure failures[] = {
-      {[&] {
-         cam->getAngularPositionFromImagePosition(9, {0.5f, 0.5f});
-       },
-       "getAngularPositionFromImagePosition(9,...) : invalid Camera index",
-       "getAngularPositionFromImagePosition"},
-      {[&] { cam->getAngularPositionFromImagePosition(0, {0.5f}); },
-       "getAngularPositionFromImagePosition(0,...) : invalid parameter size",
-       "getAngularPositionFromImagePosition"},
-      {[&] { cam->getImagePositionFromAngularPosition(-1, {}); },
-       "getImagePositionFromAngularPosition(-1,...) : invalid Camera index",
-       "getImagePositionFromAngularPosition"},
-      {[&] {
-         cam->getImagePositionFromAngularPosition(1, {0.f, 0.f, 0.f});
-       },
+  using Fn = Floats (Input::*)(const int&, const Floats&);
+  const struct {
+    Fn fn;  // nullptr: getImageInfoFromAngularInfoWithResolution at fResolution
+    int camera, resolution;
+    bool parens;
+    const char* text;
+    Floats args = {};
+  } rows[] = {
+      {&Input::getAngularPositionFromImagePosition, 9, 0, false,
+       "getAngularPositionFromImagePosition(9,...) : invalid Camera index", Floats{0.5f, 0.5f}},
+      {&Input::getAngularPositionFromImagePosition, 0, 0, false,
+       "getAngularPositionFromImagePosition(0,...) : invalid parameter size", Floats{0.5f}},
+      {&Input::getImagePositionFromAngularPosition, -1, 0, false,
+       "getImagePositionFromAngularPosition(-1,...) : invalid Camera index"},
+      {&Input::getImagePositionFromAngularPosition, 1, 0, true,
        "getImagePositionFromAngularPosition(1,...) : invalid parameter size",
-       "getImagePositionFromAngularPosition()"},
-      {[&] { cam->getAngularSizeFromImageSize(2, {2.0f}); },
-       "getAngularSizeFromImageSize(2) : invalid Camera index", "getAngularSizeFromImageSize"},
-      {[&] { cam->getAngularSizeFromImageSize(0, {1.0f}); },
-       "getAngularSizeFromImageSize(0,...) : invalid parameter size",
-       "getAngularSizeFromImageSize()"},
-      {[&] {
-         cam->getAngularSizeFromImageSize(0, {1.0000001f, 0.5f});
-       },
-       "getAngularSizeFromImageSize(0,...) : invalid parameter size",
-       "getAngularSizeFromImageSize()"},
-      {[&] {
-         cam->getAngularSizeFromImageSize(0, {0.5f, -0.001f});
-       },
-       "getAngularSizeFromImageSize(0,...) : invalid parameter size",
-       "getAngularSizeFromImageSize()"},
-      {[&] { cam->getImageSizeFromAngularSize(5, {}); },
-       "getImageSizeFromAngularSize(5) : invalid Camera index", "getImageSizeFromAngularSize"},
-      {[&] { cam->getImageSizeFromAngularSize(0, {1.0f}); },
-       "getImageSizeFromAngularSize(0,...) : invalid parameter size",
-       "getImageSizeFromAngularSize()"},
-      {[&] { cam->getImageInfoFromAngularInfo(3, {}); },
-       "getImageInfoFromAngularInfo(3) : invalid Camera index", "getImageInfoFromAngularInfo"},
-      {[&] {
-         cam->getImageInfoFromAngularInfo(0, {0.f, 0.f, 0.f});
-       },
-       "getImageInfoFromAngularInfo(0,...) : invalid parameter size",
-       "getImageInfoFromAngularInfo()"},
-      {[&] { cam->getImageInfoFromAngularInfoWithResolution(4, {}, 99); },
-       "getImageInfoFromAngularInfoWithResolution(4) : invalid Camera index",
-       "getImageInfoFromAngularInfoWithResolution"},
-      {[&] { cam->getImageInfoFromAngularInfoWithResolution(1, {}, 99); },
-       "getImageInfoFromAngularInfoWithResolution(1) : invalid resolution index",
-       "getImageInfoFromAngularInfoWithResolution"},
-      {[&] { cam->getImageInfoFromAngularInfoWithResolution(1, {0.f}, OX::kVGA); },
-       "getImageInfoFromAngularInfo(1,...) : invalid parameter size",
-       "getImageInfoFromAngularInfo()"},
+       Floats{0.f, 0.f, 0.f}},
+      {&Input::getAngularSizeFromImageSize, 2, 0, false,
+       "getAngularSizeFromImageSize(2) : invalid Camera index", Floats{2.0f}},
+      {&Input::getAngularSizeFromImageSize, 0, 0, true,
+       "getAngularSizeFromImageSize(0,...) : invalid parameter size", Floats{1.0f}},
+      {&Input::getAngularSizeFromImageSize, 0, 0, true,
+       "getAngularSizeFromImageSize(0,...) : invalid parameter size", Floats{1.0000001f, 0.5f}},
+      {&Input::getAngularSizeFromImageSize, 0, 0, true,
+       "getAngularSizeFromImageSize(0,...) : invalid parameter size", Floats{0.5f, -0.001f}},
+      {&Input::getImageSizeFromAngularSize, 5, 0, false,
+       "getImageSizeFromAngularSize(5) : invalid Camera index"},
+      {&Input::getImageSizeFromAngularSize, 0, 0, true,
+       "getImageSizeFromAngularSize(0,...) : invalid parameter size", Floats{1.0f}},
+      {&Input::getImageInfoFromAngularInfo, 3, 0, false,
+       "getImageInfoFromAngularInfo(3) : invalid Camera index"},
+      {&Input::getImageInfoFromAngularInfo, 0, 0, true,
+       "getImageInfoFromAngularInfo(0,...) : invalid parameter size", Floats{0.f, 0.f, 0.f}},
+      {nullptr, 4, 99, false,
+       "getImageInfoFromAngularInfoWithResolution(4) : invalid Camera index"},
+      {nullptr, 1, 99, false,
+       "getImageInfoFromAngularInfoWithResolution(1) : invalid resolution index"},
+      {nullptr, 1, OX::kVGA, true, "getImageInfoFromAngularInfo(1,...) : invalid parameter size",
+       Floats{0.f}},
   };
-  for (const Failure& failure : failures) {
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
     capture.clear();
-    const OX::OXError error = vitest::raised(failure.call);
-    EXPECT_EQ(error.getDescription(), failure.text);
-    EXPECT_EQ(error.getFunctionName(), failure.method) << failure.text;
+    const OX::OXError error = vitest::raised([&] {
+      if (row.fn != nullptr) {
+        (cam.get()->*row.fn)(row.camera, row.args);
+      } else {
+        cam->getImageInfoFromAngularInfoWithResolution(row.camera, row.args, row.resolution);
+      }
+    });
+    const std::string text = row.text;
+    EXPECT_EQ(error.getDescription(), text);
+    EXPECT_EQ(error.getFunctionName(), text.substr(0, text.find('(')) + (row.parens ? "()" : ""));
     EXPECT_EQ(error.getFileName(), "oxvisionvideoinput");
-    EXPECT_TRUE(capture.has(2, kCategory, failure.text)) << failure.text;
+    EXPECT_TRUE(capture.has(2, "vision.oxvisionvideoinput", text));
   }
-  // The bounds themselves are accepted: width 1 gives the aperture exactly.
-  EXPECT_EQ(cam->getAngularSizeFromImageSize(0, {1.0f, 0.0f}), (Floats{kMtH, 0.0f}));
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-// The re-entrant reader-writer lock and the scoped holders.
-//
-// Lock operations that may block run on detached threads watched through futures, so that a
-// deadlock fails the test instead of hanging it.
+// The re-entrant reader-writer lock and scoped holders. Blocking lock operations run on detached
+// threads watched through futures, so that a deadlock fails the test instead of hanging it.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,6 +9,7 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "oxmutex.h"
@@ -56,19 +55,15 @@ bool waitFor(const std::atomic<bool>& pFlag) {
   return true;
 }
 
-// A write holder that re-enters must not deadlock on itself, and must give the lock up only at
-// its last unlock.
+// A re-entering write holder must not deadlock on itself, and must release at its last unlock.
 TEST(OXMutexRWTest, WriteHolderTakesWriteAndReadAgain) {
   Lock lock = OX::OXMutexRW::createOXMutexRW();
   auto partly = std::make_shared<std::atomic<bool>>(false);
   auto release = std::make_shared<std::atomic<bool>>(false);
   Attempt holder([lock, partly, release] {
-    lock->lockWrite();
-    lock->lockWrite();
-    lock->lockRead();
-    lock->lockRead();
-    lock->unlockRead();
-    lock->unlockRead();
+    for (int i = 0; i < 2; ++i) lock->lockWrite();
+    for (int i = 0; i < 2; ++i) lock->lockRead();
+    for (int i = 0; i < 2; ++i) lock->unlockRead();
     lock->unlockWrite();
     partly->store(true);
     waitFor(*release);
@@ -156,8 +151,8 @@ TEST(OXMutexRWTest, WritersExcludeReadersAndWriters) {
   }
   for (auto& attempt : attempts) ASSERT_TRUE(attempt->finishes());
   lock->lockRead();
-  EXPECT_EQ(state->first, kWriters * kIterations);
-  EXPECT_EQ(state->second, kWriters * kIterations);
+  EXPECT_EQ(std::make_pair(state->first, state->second),
+            std::make_pair(kWriters * kIterations, kWriters * kIterations));
   lock->unlockRead();
   EXPECT_EQ(state->torn.load(), 0);
 }

@@ -2,7 +2,8 @@
 // independently of the row kernels; each test once per kernel variant this processor runs.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
+#include <cstdlib>
 
 #include "oxvisionkernelchoice.h"
 #include "simulatorsupport.h"
@@ -18,6 +19,7 @@ void PrintTo(KernelVariant pVariant, std::ostream* pOut) {
 namespace {
 
 using vitest::Hook;
+using Bytes = std::vector<unsigned char>;
 
 struct Yuv {
   int y, u, v;
@@ -31,38 +33,29 @@ Yuv oracle(const unsigned char* pRgb) {
           (((112 * r - 94 * g - 18 * b + 128) >> 8) + 128) & 0xFF};
 }
 
-// The expected YUV422 frame for a source of w x h at ratio n: n > 0 decimates, n < 0 replicates,
-// n == 0 keeps the size. Each output pixel is computed from the source pixels it comes from.
-std::vector<unsigned char> expected(const std::vector<unsigned char>& pRgb, int pWidth, int pHeight,
-                                    int pRatio) {
-  int outWidth = pWidth, outHeight = pHeight;
-  if (pRatio > 0) outWidth /= pRatio, outHeight /= pRatio;
-  if (pRatio < 0) outWidth *= -pRatio, outHeight *= -pRatio;
-  std::vector<unsigned char> out(static_cast<size_t>(outWidth) * outHeight * 2);
-  for (int y = 0; y < outHeight; ++y) {
-    for (int x = 0; x < outWidth; ++x) {
-      const size_t at = (static_cast<size_t>(y) * outWidth + x) * 2;
-      if (pRatio < 0) {
-        const int n = -pRatio;
-        const Yuv p = oracle(&pRgb[((y / n) * pWidth + x / n) * 3]);
-        out[at] = static_cast<unsigned char>(p.y);
-        out[at + 1] = static_cast<unsigned char>(x % 2 == 0 ? p.u : p.v);
-        continue;
-      }
-      // The two source pixels of this output pair, as linear pixel indexes.
-      size_t left, right;
-      if (pRatio == 0) {
-        left = static_cast<size_t>(y) * pWidth + (x & ~1);
-        right = left + 1;
-      } else {
-        const int n = pRatio;
-        left = static_cast<size_t>(y) * n * pWidth + static_cast<size_t>(x / 2) * 2 * n;
-        right = left + static_cast<size_t>(n / 2) * n;
-      }
-      const Yuv l = oracle(&pRgb[left * 3]);
-      const Yuv r = oracle(&pRgb[right * 3]);
-      out[at] = static_cast<unsigned char>(x % 2 == 0 ? l.y : r.y);
-      out[at + 1] = static_cast<unsigned char>(x % 2 == 0 ? (l.u + r.u) >> 1 : (l.v + r.v) >> 1);
+// One output pair: the Y of each pixel, the means of their U and of their V.
+void putPair(unsigned char* pOut, const unsigned char* pLeft, const unsigned char* pRight) {
+  const Yuv l = oracle(pLeft), r = oracle(pRight);
+  pOut[0] = static_cast<unsigned char>(l.y);
+  pOut[1] = static_cast<unsigned char>((l.u + r.u) >> 1);
+  pOut[2] = static_cast<unsigned char>(r.y);
+  pOut[3] = static_cast<unsigned char>((l.v + r.v) >> 1);
+}
+
+// The expected YUV422 frame for a source of w x h at ratio n: n > 0 decimates, n < 0 replicates
+// (both pixels of a pair come from one source pixel), n == 0 keeps the size. Each output pair is
+// computed from the source pixels it comes from.
+Bytes expected(const Bytes& pRgb, int pWidth, int pHeight, int pRatio) {
+  const int n = std::abs(pRatio);
+  const int outWidth = pRatio > 0 ? pWidth / n : pRatio < 0 ? pWidth * n : pWidth;
+  const int outHeight = pRatio > 0 ? pHeight / n : pRatio < 0 ? pHeight * n : pHeight;
+  Bytes out(static_cast<size_t>(outWidth) * outHeight * 2);
+  for (size_t y = 0; y < static_cast<size_t>(outHeight); ++y) {
+    for (size_t x = 0; x < static_cast<size_t>(outWidth); x += 2) {
+      size_t left = y * pWidth + x, right = left + 1;  // linear pixel indexes
+      if (pRatio < 0) left = right = (y / n) * pWidth + x / n;
+      if (pRatio > 0) left = y * n * pWidth + x * n, right = left + (n / 2) * n;
+      putPair(&out[(y * outWidth + x) * 2], &pRgb[left * 3], &pRgb[right * 3]);
     }
   }
   return out;
@@ -83,24 +76,13 @@ int sizeOf(int pResolution) {
   return width * height * 2;
 }
 
-// The hand-checked anchors: black, white and pure red.
+// The hand-checked anchors: black, white and pure red, each in a pair of identical pixels so
+// that the means are the pixel's own U and V.
 TEST_P(SimulatorCamResize, AnchorPixels) {
-  auto cam = vitest::makeSimulatorCam();
-  std::vector<unsigned char> rgb(160 * 120 * 3, 0);
-  const unsigned char pixels[3][3] = {{0, 0, 0}, {255, 255, 255}, {255, 0, 0}};
-  // Pairs of identical pixels, so that the means are the pixel's own U and V.
-  for (int p = 0; p < 3; ++p) {
-    std::memcpy(&rgb[p * 6], pixels[p], 3);
-    std::memcpy(&rgb[p * 6 + 3], pixels[p], 3);
-  }
-  ASSERT_TRUE(cam->putImage(0, 160, 120, OX::OXValue::binary(rgb.data(), rgb.size())));
-  Hook::camera(*cam, 0).fResolution = OX::kQQVGA;
-  std::vector<unsigned char> out(sizeOf(OX::kQQVGA));
-  ASSERT_TRUE(Hook::reSize(*cam, 0, *Hook::store(*cam, 0).fInputBuffers[0]->fImage, out.data()));
-  const unsigned char anchors[3][4] = {{16, 128, 16, 128}, {235, 128, 235, 128}, {82, 90, 82, 240}};
-  for (int p = 0; p < 3; ++p) {
-    EXPECT_EQ(0, std::memcmp(&out[p * 4], anchors[p], 4)) << p;
-  }
+  const Bytes rgb = {0, 0, 0, 0, 0, 0, 255, 255, 255, 255, 255, 255, 255, 0, 0, 255, 0, 0};
+  Bytes out(12);
+  OX::simulatorkernels::activeKernels().fPairRow(rgb.data(), rgb.data() + 3, 6, out.data(), 3);
+  EXPECT_EQ(out, (Bytes{16, 128, 16, 128, 235, 128, 235, 128, 82, 90, 82, 240}));
 }
 
 // Every input size into every camera resolution: a wrong stride, row, mean or ratio shows as a
@@ -110,13 +92,13 @@ TEST_P(SimulatorCamResize, EveryInputSizeIntoEveryResolution) {
   for (int in = 0; in < 4; ++in) {
     int width = 0, height = 0;
     OX::setSizeFromResolution(in, width, height);
-    std::vector<unsigned char> rgb;
+    Bytes rgb;
     ASSERT_TRUE(cam->putImage(0, width, height, vitest::rgbFrame(in, 100 + in, &rgb)));
     OX::OXImage& source =
         *Hook::store(*cam, 0).fInputBuffers[Hook::store(*cam, 0).fLastInputBuffer]->fImage;
     for (int out = 0; out < 4; ++out) {
       Hook::camera(*cam, 0).fResolution = static_cast<int8_t>(out);
-      std::vector<unsigned char> target(sizeOf(out), 0xA5);
+      Bytes target(sizeOf(out), 0xA5);
       ASSERT_TRUE(Hook::reSize(*cam, 0, source, target.data())) << in << "->" << out;
       const int ratio = in == out ? 0 : (in > out ? 1 << (in - out) : -(1 << (out - in)));
       EXPECT_TRUE(target == expected(rgb, width, height, ratio)) << in << "->" << out;
@@ -133,17 +115,12 @@ TEST_P(SimulatorCamResize, PairRowOnEveryCountAndLayout) {
   for (const auto& layout : layouts) {
     const int step = layout[0], right = layout[1];
     for (int pairs = 1; pairs <= 70; ++pairs) {
-      const std::vector<unsigned char> rgb =
+      const Bytes rgb =
           vitest::randomBytes(static_cast<size_t>(step) * (pairs - 1) + right + 3, pairs);
-      std::vector<unsigned char> target(static_cast<size_t>(pairs) * 4);
+      Bytes target(static_cast<size_t>(pairs) * 4), want(target.size());
       kernels.fPairRow(rgb.data(), rgb.data() + right, step, target.data(), pairs);
-      for (int i = 0; i < pairs; ++i) {
-        const Yuv l = oracle(&rgb[i * step]), r = oracle(&rgb[i * step + right]);
-        const unsigned char want[4] = {
-            static_cast<unsigned char>(l.y), static_cast<unsigned char>((l.u + r.u) >> 1),
-            static_cast<unsigned char>(r.y), static_cast<unsigned char>((l.v + r.v) >> 1)};
-        ASSERT_EQ(0, std::memcmp(&target[i * 4], want, 4)) << step << " " << pairs << " " << i;
-      }
+      for (int i = 0; i < pairs; ++i) putPair(&want[i * 4], &rgb[i * step], &rgb[i * step + right]);
+      ASSERT_TRUE(target == want) << "step " << step << " pairs " << pairs;
     }
   }
 }
@@ -151,8 +128,8 @@ TEST_P(SimulatorCamResize, PairRowOnEveryCountAndLayout) {
 // Every RGB colour, in a frame per red value with each pixel paired with its neighbour, through
 // the same-size resampling against the formulas.
 TEST_P(SimulatorCamResize, EveryColourMatchesTheFormulas) {
-  std::vector<unsigned char> rgb(256 * 256 * 3);
-  std::vector<unsigned char> target(256 * 256 * 2);
+  Bytes rgb(256 * 256 * 3);
+  Bytes target(256 * 256 * 2);
   for (int red = 0; red < 256; ++red) {
     for (size_t i = 0; i < 256 * 256; ++i) {
       rgb[i * 3] = static_cast<unsigned char>(red);
@@ -173,15 +150,15 @@ TEST_P(SimulatorCamResize, ActiveCameraDecidesTheSize) {
   ASSERT_TRUE(cam->putImage(1, 320, 240, vitest::rgbFrame(OX::kQVGA, 1)));
   OX::OXImage& source = *Hook::store(*cam, 1).fInputBuffers[0]->fImage;
   Hook::camera(*cam, 1).fResolution = OX::kVGA;
-  std::vector<unsigned char> target(sizeOf(OX::k4VGA), 0xA5);
+  Bytes target(sizeOf(OX::k4VGA), 0xA5);
   EXPECT_FALSE(Hook::reSize(*cam, 1, source, target.data()));
   EXPECT_EQ(target[0], 0xA5);
   // The active camera at resolution 0: camera 1 gets a frame of 160 x 120 although it is at 2.
   Hook::camera(*cam, 0).fResolution = OX::kQQVGA;
   EXPECT_TRUE(Hook::reSize(*cam, 1, source, target.data()));
-  std::vector<unsigned char> rgb;
+  Bytes rgb;
   vitest::rgbFrame(OX::kQVGA, 1, &rgb);
-  const std::vector<unsigned char> half = expected(rgb, 320, 240, 2);
+  const Bytes half = expected(rgb, 320, 240, 2);
   EXPECT_TRUE(std::equal(half.begin(), half.end(), target.begin()));
   EXPECT_EQ(target[half.size()], 0xA5);
   // An unknown pushed resolution is logged; an active camera outside the table refuses.
@@ -195,30 +172,27 @@ TEST_P(SimulatorCamResize, ActiveCameraDecidesTheSize) {
   Hook::activeCamera(*cam) = 0;
 }
 
-// Ratios other than 2, 4 and 8 refuse at once and write nothing.
-TEST_P(SimulatorCamResize, OtherRatiosRefuseWithoutWriting) {
-  std::vector<unsigned char> rgb = vitest::randomBytes(24 * 24 * 3, 1);
-  std::vector<unsigned char> target(24 * 24 * 2 * 9, 0xA5);
+// Awkward geometry straight into the plane loops: odd sizes, exact buffers, every ratio; ratios
+// other than 2, 4 and 8 refuse at once and write nothing.
+TEST_P(SimulatorCamResize, PlaneLoopsOnAwkwardSizesAndOtherRatios) {
+  const Bytes square = vitest::randomBytes(24 * 24 * 3, 1);
+  Bytes untouched(24 * 24 * 2 * 9, 0xA5);
   for (int ratio : {3, 0, 1, -2, 16}) {
-    EXPECT_FALSE(Hook::subSample(ratio, 24, 24, rgb.data(), target.data()));
-    EXPECT_FALSE(Hook::overSample(ratio, 24, 24, rgb.data(), target.data()));
+    EXPECT_FALSE(Hook::subSample(ratio, 24, 24, square.data(), untouched.data()));
+    EXPECT_FALSE(Hook::overSample(ratio, 24, 24, square.data(), untouched.data()));
   }
-  EXPECT_TRUE(std::all_of(target.begin(), target.end(), [](unsigned char b) { return b == 0xA5; }));
-}
-
-// Awkward geometry straight into the plane loops: odd sizes, exact buffers, every ratio.
-TEST_P(SimulatorCamResize, PlaneLoopsOnAwkwardSizes) {
+  EXPECT_EQ(untouched, Bytes(untouched.size(), 0xA5));
   // Widths are multiples of 16 (pairs of every ratio); heights are odd or tight.
   const int sizes[][2] = {{16, 9}, {48, 33}, {32, 17}, {64, 8}};
   for (const auto& size : sizes) {
     const int width = size[0], height = size[1];
-    const std::vector<unsigned char> rgb = vitest::randomBytes(width * height * 3, width + height);
+    const Bytes rgb = vitest::randomBytes(width * height * 3, width + height);
     for (int n : {2, 4, 8}) {
       const int rows = height / n, cols = width / n;
-      std::vector<unsigned char> sub(static_cast<size_t>(rows) * cols * 2, 0xA5);
+      Bytes sub(static_cast<size_t>(rows) * cols * 2, 0xA5);
       EXPECT_TRUE(Hook::subSample(n, width, height, rgb.data(), sub.data()));
       EXPECT_TRUE(sub == expected(rgb, width, height, n)) << width << "x" << height << "/" << n;
-      std::vector<unsigned char> over(static_cast<size_t>(width) * n * height * n * 2);
+      Bytes over(static_cast<size_t>(width) * n * height * n * 2);
       EXPECT_TRUE(Hook::overSample(n, width, height, rgb.data(), over.data()));
       EXPECT_TRUE(over == expected(rgb, width, height, -n)) << width << "x" << height << "*" << n;
     }
