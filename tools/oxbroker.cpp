@@ -46,13 +46,18 @@ fs::path programDirectory() {
   return fs::path(path).parent_path();
 }
 
-// The source tree's preference files, wherever the build directory is.
-std::string defaultPreferences(const fs::path&) {
+// An installed oxbroker finds the preference files installed beside it; one in a build tree
+// falls back to the source tree's, wherever the build directory is.
+std::string defaultPreferences(const fs::path& pHere) {
+  const fs::path installed = pHere / VI_PREFERENCES_FROM_BIN;
+  if (fs::is_directory(installed)) return fs::canonical(installed).string();
   return std::string(VI_SOURCE_DIR) + "/share/preferences";
 }
 
-// libvideoinput.so in the build tree's lib/ beside bin/.
+// libvideoinput.so where it is installed, else in the build tree's lib/ beside bin/.
 std::string defaultModule(const fs::path& pHere) {
+  const fs::path installed = pHere / VI_MODULES_FROM_BIN / "libvideoinput.so";
+  if (fs::exists(installed)) return fs::canonical(installed).string();
   return (pHere / ".." / "lib" / "libvideoinput.so").string();
 }
 
