@@ -73,29 +73,17 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
       ->type_name("LIB")
       ->default_str(defaultModule(pHere))
       ->allow_extra_args(false);
-  pLine.add_option("--port", host.fPort, "TCP port; 0 picks a free one")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(0, 65535).description(""));
+  pLine.addNumber("--port", host.fPort, "N", "TCP port; 0 picks a free one", 0, 65535);
   pLine
       .add_option("--bind", host.fBindAddress,
                   "address to listen on: loopback only by default, 0.0.0.0 for every interface")
       ->type_name("ADDRESS")
       ->capture_default_str();
-  pLine.add_option("--threads", host.fThreads, "worker threads serving calls")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 1024).description(""));
-  pLine
-      .add_option("--heartbeat-timeout", host.fHeartbeatTimeoutMs,
-                  "a client that answers no heartbeat for this long is disconnected")
-      ->type_name("MS")
-      ->capture_default_str()
-      ->check(CLI::Range(50, 3600000).description(""));
-  pLine.add_option("--max-message", host.fMaxMessageBytes, "largest request accepted")
-      ->type_name("BYTES")
-      ->capture_default_str()
-      ->check(CLI::Range(std::size_t{1024}, std::size_t{1} << 30).description(""));
+  pLine.addNumber("--threads", host.fThreads, "N", "worker threads serving calls", 1, 1024);
+  pLine.addNumber("--heartbeat-timeout", host.fHeartbeatTimeoutMs, "MS",
+                  "a client that answers no heartbeat for this long is disconnected", 50, 3600000);
+  pLine.addNumber("--max-message", host.fMaxMessageBytes, "BYTES", "largest request accepted",
+                  std::size_t{1024}, std::size_t{1} << 30);
   pLine.addClientName(pOptions.name, "the broker's name");
   pLine.addLogOptions();
 }

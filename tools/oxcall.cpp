@@ -203,10 +203,8 @@ struct Options {
 void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   pLine.addUrl(pOptions.url);
   pLine.addClientName(pOptions.name, "client name given to the broker");
-  pLine.add_option("--timeout", pOptions.timeoutMs, "reply timeout in milliseconds")
-      ->type_name("MS")
-      ->capture_default_str()
-      ->check(CLI::Range(1, std::numeric_limits<int>::max()).description(""));
+  pLine.addNumber("--timeout", pOptions.timeoutMs, "MS", "reply timeout in milliseconds", 1,
+                  std::numeric_limits<int>::max());
   CLI::Option* list =
       pLine.add_flag("--list", pOptions.list, "print the method names of MODULE, one per line");
   pLine

@@ -103,10 +103,7 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   constexpr int kMax = std::numeric_limits<int>::max();
   pLine.addUrl(pOptions.url);
   pLine.addClientName(pOptions.name, "subscriber name");
-  pLine.add_option("--camera", pOptions.camera, "camera index")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(0, 127).description(""));
+  pLine.addNumber("--camera", pOptions.camera, "N", "camera index", 0, 127);
   pLine.add_option("--resolution", pOptions.resolution, "qqvga, qvga, vga, 4vga or 0..3")
       ->type_name("RES")
       ->default_str("qvga")
@@ -116,14 +113,8 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions) {
       ->type_name("CS")
       ->default_str("rgb = 11")
       ->transform(byName(oxtools::parseColorSpace, oxtools::colorSpaceNames()));
-  pLine.add_option("--fps", pOptions.fps, "frames per second asked and paced")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(1, 1000).description(""));
-  pLine.add_option("--count", pOptions.count, "images to take")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(1, kMax).description(""));
+  pLine.addNumber("--fps", pOptions.fps, "N", "frames per second asked and paced", 1, 1000);
+  pLine.addNumber("--count", pOptions.count, "N", "images to take", 1, kMax);
   pLine.add_option("--out", pOptions.out, "folder of the PNG files, made if needed")
       ->type_name("DIR")
       ->capture_default_str()
@@ -131,10 +122,8 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   pLine.add_option("--prefix", pOptions.prefix, "file name prefix")
       ->type_name("P")
       ->default_str("NAME, made file-safe");
-  pLine.add_option("--timeout", pOptions.timeoutMs, "longest wait for one image, in milliseconds")
-      ->type_name("MS")
-      ->capture_default_str()
-      ->check(CLI::Range(1, kMax).description(""));
+  pLine.addNumber("--timeout", pOptions.timeoutMs, "MS",
+                  "longest wait for one image, in milliseconds", 1, kMax);
   pLine.addLogOptions();
 }
 

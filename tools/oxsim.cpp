@@ -182,10 +182,7 @@ struct Options {
 
 void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   pLine.addUrl(pOptions.url);
-  pLine.add_option("--camera", pOptions.camera, "camera index")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(0, 127).description(""));
+  pLine.addNumber("--camera", pOptions.camera, "N", "camera index", 0, 127);
   pLine.add_option("--size", pOptions.size, "frame size of the drawn scene")
       ->type_name("WxH")
       ->capture_default_str()
@@ -202,10 +199,10 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions) {
                        : "expected a positive number, got '" + pText + "'";
           },
           ""));
-  pLine.add_option("--frames", pOptions.frames, "stop after N frames")
-      ->type_name("N")
-      ->default_str("run until stopped")
-      ->check(CLI::Range(1, std::numeric_limits<int>::max()).description(""));
+  pLine
+      .addNumber("--frames", pOptions.frames, "N", "stop after N frames", 1,
+                 std::numeric_limits<int>::max())
+      ->default_str("run until stopped");
   pLine.add_option("--png-dir", pOptions.pngDir, "send the PNG files of DIR instead of the scene")
       ->type_name("DIR")
       ->check(oxtools::kNonEmpty);

@@ -118,12 +118,10 @@ CLI::Option* CommandLine::addClientName(std::string& pName, const std::string& p
 }
 
 void CommandLine::addLogOptions() {
-  add_option("--log-level", fLogLevel,
-             "log records of level N or more important to stderr (-1 none, 2 error, 3 warning, "
-             "4 information, 5 verbose, 6 debug)")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(static_cast<int>(kLogSilent), 6).description(""));
+  addNumber("--log-level", fLogLevel, "N",
+            "log records of level N or more important to stderr (-1 none, 2 error, 3 warning, "
+            "4 information, 5 verbose, 6 debug)",
+            static_cast<int>(kLogSilent), 6);
   add_flag("--log-json", fLogJson, "log records as JSON lines: level, category, function, message");
 }
 

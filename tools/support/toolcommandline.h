@@ -35,6 +35,15 @@ class CommandLine : public CLI::App {
   CLI::Option* addUrl(std::string& pUrl);
   // --name NAME: the name this process gives the broker; not empty.
   CLI::Option* addClientName(std::string& pName, const std::string& pHelp);
+  // pName pMetavar: a number from pMin to pMax; its default, shown in --help, is pValue's value.
+  template <class T>
+  CLI::Option* addNumber(const std::string& pName, T& pValue, const std::string& pMetavar,
+                         const std::string& pHelp, T pMin, T pMax) {
+    return add_option(pName, pValue, pHelp)
+        ->type_name(pMetavar)
+        ->capture_default_str()
+        ->check(CLI::Range(pMin, pMax).description(""));
+  }
   // --log-level N and --log-json, applied to ki::log's stderr output once the line is parsed.
   void addLogOptions();
 
