@@ -7,7 +7,7 @@
 set -euo pipefail
 build=$(cd "$1" && pwd)
 here=$(cd "$(dirname "$0")" && pwd)
-work=$(mktemp -d)
+work=$(realpath "$(mktemp -d)")
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
@@ -34,7 +34,9 @@ import subprocess, sys
 import oxclient
 prefix = sys.argv[1]
 assert oxclient.__file__.startswith(prefix), oxclient.__file__
-# The installed broker host, started from anywhere, finds its installed preferences and module.
+# The installed broker host, started from anywhere, takes its installed preferences and module.
+defaults = subprocess.run([prefix + "/bin/oxbroker", "--help"], capture_output=True, text=True)
+assert prefix + "/share/libvideoinput/preferences)" in defaults.stdout, defaults.stdout
 broker = subprocess.Popen([prefix + "/bin/oxbroker", "--port", "0"], stdout=subprocess.PIPE,
                           text=True, cwd="/")
 try:

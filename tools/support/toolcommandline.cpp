@@ -92,6 +92,8 @@ CommandLine::CommandLine(const std::string& pProgram, const std::string& pUsage,
   formatter(std::make_shared<HelpFormatter>(pUsage));
   footer(pEpilog);
   set_help_flag("-h,--help", "show this help and exit");
+  // An option given twice takes its last value, so that a script may append an override.
+  option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
 }
 
 CLI::Option* CommandLine::addUrl(std::string& pUrl) {
