@@ -193,8 +193,7 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions) {
       ->check(CLI::Validator(
           [](const std::string& pText) -> std::string {
             double value = 0;
-            const bool number = CLI::detail::lexical_cast(pText, value);
-            return number && value > 0.0 && value <= 1e6
+            return oxtools::readNumber(pText, value) && value > 0.0 && value <= 1e6
                        ? ""
                        : "expected a positive number, got '" + pText + "'";
           },

@@ -35,7 +35,7 @@ class HelpFormatter : public CLI::Formatter {
 
   // The description and the default, wrapped to the width of a terminal.
   std::string make_option_desc(const CLI::Option* pOption) const override {
-    const std::string& defaults = pOption->get_default_str();
+    const std::string defaults = pOption->get_default_str();
     return wrap(pOption->get_description() +
                 (defaults.empty() ? "" : " (default " + defaults + ")"));
   }
@@ -72,7 +72,7 @@ const CLI::Validator kFrameSize(
       const size_t x = pText.find_first_of("xX");
       int value = 0;
       auto positive = [&value](const std::string& pPart) {
-        return CLI::detail::lexical_cast(pPart, value) && value >= 1 && value <= 100000;
+        return readNumber(pPart, value) && value >= 1 && value <= 100000;
       };
       if (x == std::string::npos || !positive(pText.substr(0, x)) || !positive(pText.substr(x + 1)))
         return "expected WIDTHxHEIGHT, got '" + pText + "'";

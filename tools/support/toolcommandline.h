@@ -4,6 +4,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <functional>
 #include <string>
 
@@ -60,6 +61,14 @@ class CommandLine : public CLI::App {
   int fLogLevel = kLogWarning;
   bool fLogJson = false;
 };
+
+// True when the whole of pText is a number, which is then in pValue.
+template <class T>
+bool readNumber(const std::string& pText, T& pValue) {
+  const char* end = pText.data() + pText.size();
+  const std::from_chars_result result = std::from_chars(pText.data(), end, pValue);
+  return result.ec == std::errc() && result.ptr == end;
+}
 
 // Checks for option values, each giving a clear message naming what was expected.
 extern const CLI::Validator kNonEmpty;
