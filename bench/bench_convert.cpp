@@ -16,8 +16,8 @@
 
 #include "oxbroker.h"
 #include "oxtypes.h"
-#include "oxvisionsimulatorcam.h"
-#include "oxvisionvideoinputconversion.h"
+#include "cameras/simulator/oxvisionsimulatorcam.h"
+#include "kernels/conversion.h"
 
 namespace {
 

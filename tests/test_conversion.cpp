@@ -14,8 +14,8 @@
 
 #include "fakecamera.h"
 #include "oxtypes.h"
-#include "oxvisionkernelchoice.h"
-#include "oxvisionvideoinputconversion.h"
+#include "kernels/kernelchoice.h"
+#include "kernels/conversion.h"
 #include "testsupport.h"
 
 namespace OX {

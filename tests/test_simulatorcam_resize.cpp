@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "oxvisionkernelchoice.h"
+#include "kernels/kernelchoice.h"
 #include "simulatorsupport.h"
 #include "testsupport.h"
 

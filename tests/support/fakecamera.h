@@ -12,7 +12,7 @@
 
 #include "oxbroker.h"
 #include "oxvalue/detail/oxfunctor.h"
-#include "oxvisionvideoinput.h"
+#include "device/oxvisionvideoinput.h"
 
 namespace vitest {
 

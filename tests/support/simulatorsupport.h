@@ -13,7 +13,7 @@
 #include "oxbroker.h"
 #include "oxerror.h"
 #include "oxtypes.h"
-#include "oxvisionsimulatorcam.h"
+#include "cameras/simulator/oxvisionsimulatorcam.h"
 
 namespace OX {
 

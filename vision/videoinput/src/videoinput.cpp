@@ -4,8 +4,8 @@
 
 #include "kilog.h"
 #include "oxproxies.h"
-#include "oxvisionfilecam.h"
-#include "oxvisionsimulatorcam.h"
+#include "cameras/file/oxvisionfilecam.h"
+#include "cameras/simulator/oxvisionsimulatorcam.h"
 
 namespace {
 const std::string moduleVideoInputName = "VideoInput";

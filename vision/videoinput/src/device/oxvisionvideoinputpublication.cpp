@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "oxvalue/detail/oxfunctor.h"
-#include "oxvisionvideoinput.h"
-#include "oxvisionvideoinputtexts.h"
+#include "device/oxvisionvideoinput.h"
+#include "device/oxvisionvideoinputtexts.h"
 
 namespace OX {
 

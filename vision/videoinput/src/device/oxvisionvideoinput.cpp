@@ -1,9 +1,9 @@
 // The video device: construction, destruction and the helpers that every part of it shares.
-#include "oxvisionvideoinput.h"
+#include "device/oxvisionvideoinput.h"
 
 #include "kilog.h"
 #include "oxproxies.h"
-#include "oxvisionvideoinputtexts.h"
+#include "device/oxvisionvideoinputtexts.h"
 
 namespace OX {
 

@@ -3,8 +3,8 @@
 // for an image, so the end of a recording is noticed at the first request after its last frame.
 #include <new>
 
-#include "oxvisionvideoinput.h"
-#include "oxvisionvideoinputtexts.h"
+#include "device/oxvisionvideoinput.h"
+#include "device/oxvisionvideoinputtexts.h"
 
 namespace OX {
 

@@ -1,8 +1,8 @@
 // The body of the vector kernels, shared by the instruction sets: each of
-// oxvisionkernels<set>.cpp includes it inside its own namespace, after defining on its vector
+// vector<set>.cpp includes it inside its own namespace, after defining on its vector
 // type V (kLanes lanes of 16 bytes) the operations used here. Every lane converts a block of its
 // own and no operation crosses lanes, so the code is the same for any number of lanes. Nothing
-// here has external linkage but the kernels declared in oxvisionkernels.h, and no header is
+// here has external linkage but the kernels declared in vector.h, and no header is
 // included: no code built for one instruction set can be picked by the linker for another file.
 //
 // The arithmetic is that of the reference kernels, exactly: sums in 16-bit lanes, split where

@@ -7,8 +7,8 @@
 #include "kilog.h"
 #include "kios.h"
 #include "oxtypes.h"
-#include "oxvisionvideoinput.h"
-#include "oxvisionvideoinputtexts.h"
+#include "device/oxvisionvideoinput.h"
+#include "device/oxvisionvideoinputtexts.h"
 
 namespace OX {
 

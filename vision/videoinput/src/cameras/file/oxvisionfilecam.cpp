@@ -1,6 +1,6 @@
 // The file camera object: construction and publication of its own methods, setVideo, the opening
 // and closing of the file, the replay clock and the three validity checks.
-#include "oxvisionfilecam.h"
+#include "cameras/file/oxvisionfilecam.h"
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/filesystem.hpp>

@@ -6,8 +6,8 @@
 // busy with it). They are plain ints, safe because the callers hold fVisionModulesLock for
 // writing; fMutex of the camera covers only the conversion and its bookkeeping.
 #include "kios.h"
-#include "oxvisionsimulatorcam.h"
-#include "oxvisionsimulatorcamtexts.h"
+#include "cameras/simulator/oxvisionsimulatorcam.h"
+#include "cameras/simulator/oxvisionsimulatorcamtexts.h"
 
 namespace OX {
 

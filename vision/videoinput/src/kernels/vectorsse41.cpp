@@ -2,7 +2,7 @@
 // code that has checked the processor calls them.
 #include <immintrin.h>
 
-#include "oxvisionkernels.h"
+#include "kernels/vector.h"
 
 namespace OX {
 namespace simd {
@@ -97,7 +97,7 @@ inline V unpacklo64(V pA, V pB) {
 
 }  // namespace
 
-#include "oxvisionkernelsimpl.h"
+#include "kernels/vectorimpl.h"
 
 }  // namespace sse41
 }  // namespace simd

@@ -1,7 +1,7 @@
 // The file camera's remaining driver operations: the return of a held frame, the refusal of
 // several streams, and the parameters, of which a recorded video has almost none.
 #include "oxerror.h"
-#include "oxvisionfilecam.h"
+#include "cameras/file/oxvisionfilecam.h"
 
 namespace OX {
 

@@ -19,7 +19,7 @@
 
 #include "oxbroker.h"
 #include "oxvideo.h"
-#include "oxvisionvideoinput.h"
+#include "device/oxvisionvideoinput.h"
 
 namespace OX {
 

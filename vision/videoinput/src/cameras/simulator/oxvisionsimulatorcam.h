@@ -12,8 +12,8 @@
 
 #include "oxbroker.h"
 #include "oxmutex.h"
-#include "oxvisionkernelchoice.h"
-#include "oxvisionvideoinput.h"
+#include "kernels/kernelchoice.h"
+#include "device/oxvisionvideoinput.h"
 
 namespace OX {
 

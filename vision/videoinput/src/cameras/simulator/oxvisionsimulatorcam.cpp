@@ -1,9 +1,9 @@
 // The simulator camera object: its frame store, construction and destruction, the opening and
 // closing of a camera and the three validity checks.
-#include "oxvisionsimulatorcam.h"
+#include "cameras/simulator/oxvisionsimulatorcam.h"
 
 #include "oxtypes.h"
-#include "oxvisionsimulatorcamtexts.h"
+#include "cameras/simulator/oxvisionsimulatorcamtexts.h"
 
 namespace OX {
 

@@ -1,8 +1,8 @@
 // Device queries: what a camera runs at now, its frame grabber, resolution codes and sizes, and
 // the operations that only the simulator implements.
 #include "oxtypes.h"
-#include "oxvisionvideoinput.h"
-#include "oxvisionvideoinputtexts.h"
+#include "device/oxvisionvideoinput.h"
+#include "device/oxvisionvideoinputtexts.h"
 
 namespace OX {
 

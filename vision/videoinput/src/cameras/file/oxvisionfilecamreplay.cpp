@@ -6,7 +6,7 @@
 
 #include "kios.h"
 #include "oxerror.h"
-#include "oxvisionfilecam.h"
+#include "cameras/file/oxvisionfilecam.h"
 
 namespace OX {
 

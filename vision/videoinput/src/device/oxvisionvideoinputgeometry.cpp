@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "oxtypes.h"
-#include "oxvisionvideoinput.h"
-#include "oxvisionvideoinputtexts.h"
+#include "device/oxvisionvideoinput.h"
+#include "device/oxvisionvideoinputtexts.h"
 
 namespace OX {
 

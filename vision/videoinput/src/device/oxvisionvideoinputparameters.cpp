@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "kios.h"
-#include "oxvisionvideoinput.h"
-#include "oxvisionvideoinputtexts.h"
+#include "device/oxvisionvideoinput.h"
+#include "device/oxvisionvideoinputtexts.h"
 
 namespace OX {
 

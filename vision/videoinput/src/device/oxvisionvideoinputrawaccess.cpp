@@ -1,8 +1,8 @@
 // Raw image access, one stream and several: a subscriber borrows the camera's raw frame without
 // conversion and without a copy in the device, and gives it back. The holding is the camera's
 // business: nothing here touches fLockedImage or the device's pools.
-#include "oxvisionvideoinput.h"
-#include "oxvisionvideoinputtexts.h"
+#include "device/oxvisionvideoinput.h"
+#include "device/oxvisionvideoinputtexts.h"
 
 namespace OX {
 

@@ -2,7 +2,7 @@
 // examples, and the message pieces of the checks that several operations share.
 #pragma once
 
-#include "oxvisionvideoinput.h"
+#include "device/oxvisionvideoinput.h"
 
 namespace OX {
 namespace videoinputtexts {

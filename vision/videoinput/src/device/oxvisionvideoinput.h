@@ -14,10 +14,10 @@
 #include <utility>
 #include <vector>
 
-#include "ivideoinput.h"
+#include "device/ivideoinput.h"
 #include "oxbroker.h"
 #include "oxmutex.h"
-#include "oxvisionvideoinputrecords.h"
+#include "device/oxvisionvideoinputrecords.h"
 
 namespace OX {
 

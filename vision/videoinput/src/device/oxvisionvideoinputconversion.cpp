@@ -2,7 +2,7 @@
 // one pass that skips source pixels (no filtering). Row kernels convert; one plane loop picks the
 // rows, applies the step rule and clips to both buffers. The plain integer kernels are the
 // reference; the vector variants, selected through activeKernels(), must match byte for byte.
-#include "oxvisionvideoinputconversion.h"
+#include "kernels/conversion.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -11,10 +11,10 @@
 #include <limits>
 
 #include "oxtypes.h"
-#include "oxvisionkernelchoice.h"
-#include "oxvisionkernels.h"
-#include "oxvisionvideoinput.h"
-#include "oxvisionvideoinputtexts.h"
+#include "kernels/kernelchoice.h"
+#include "kernels/vector.h"
+#include "device/oxvisionvideoinput.h"
+#include "device/oxvisionvideoinputtexts.h"
 
 namespace OX {
 

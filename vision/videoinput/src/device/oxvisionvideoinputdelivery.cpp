@@ -9,8 +9,8 @@
 
 #include "kios.h"
 #include "oxtypes.h"
-#include "oxvisionvideoinput.h"
-#include "oxvisionvideoinputtexts.h"
+#include "device/oxvisionvideoinput.h"
+#include "device/oxvisionvideoinputtexts.h"
 
 namespace OX {
 

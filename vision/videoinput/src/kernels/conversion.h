@@ -3,7 +3,7 @@
 // macro-pixels that it is given.
 #pragma once
 
-#include "oxvisionkernelchoice.h"
+#include "kernels/kernelchoice.h"
 
 namespace OX {
 namespace conversionkernels {

@@ -4,8 +4,8 @@
 
 #include "kios.h"
 #include "oxtypes.h"
-#include "oxvisionsimulatorcam.h"
-#include "oxvisionsimulatorcamtexts.h"
+#include "cameras/simulator/oxvisionsimulatorcam.h"
+#include "cameras/simulator/oxvisionsimulatorcamtexts.h"
 
 namespace OX {
 

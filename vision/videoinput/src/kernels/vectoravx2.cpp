@@ -2,7 +2,7 @@
 // Built with -mavx2; only code that has checked the processor calls them.
 #include <immintrin.h>
 
-#include "oxvisionkernels.h"
+#include "kernels/vector.h"
 
 namespace OX {
 namespace simd {
@@ -109,7 +109,7 @@ inline V unpacklo64(V pA, V pB) {
 
 }  // namespace
 
-#include "oxvisionkernelsimpl.h"
+#include "kernels/vectorimpl.h"
 
 }  // namespace avx2
 }  // namespace simd

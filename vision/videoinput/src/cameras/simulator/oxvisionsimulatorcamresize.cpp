@@ -6,10 +6,10 @@
 #include <cstring>
 
 #include "oxtypes.h"
-#include "oxvisionkernelchoice.h"
-#include "oxvisionkernels.h"
-#include "oxvisionsimulatorcam.h"
-#include "oxvisionsimulatorcamtexts.h"
+#include "kernels/kernelchoice.h"
+#include "kernels/vector.h"
+#include "cameras/simulator/oxvisionsimulatorcam.h"
+#include "cameras/simulator/oxvisionsimulatorcamtexts.h"
 
 namespace OX {
 
