@@ -12,7 +12,6 @@
 
 #include "oxbroker.h"
 #include "oxmutex.h"
-#include "kernels/kernelchoice.h"
 #include "device/oxvisionvideoinput.h"
 
 namespace OX {
@@ -104,31 +103,5 @@ class OXVisionSimulatorCam : public OXSingleton<OXVisionSimulatorCam>, public OX
 
   std::vector<boost::shared_ptr<CameraDriverBuffer>> fCameraDriverBuffers;
 };
-
-namespace simulatorkernels {
-
-// A row kernel that converts pPairs pixel pairs to YUV422: the left pixel of each pair at
-// pLeft, the right at pRight, both advancing pStep bytes per pair; 4 bytes written per pair.
-using PairRow = void (*)(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
-                         unsigned char* pTarget, int pPairs);
-// A row kernel that converts pWidth RGB pixels to YUV422, each repeated pRatio times (pRatio
-// even): 2 x pRatio x pWidth bytes written.
-using ReplicateRow = void (*)(const unsigned char* pSource, int pWidth, int pRatio,
-                              unsigned char* pTarget);
-
-struct Kernels {
-  PairRow fPairRow;
-  ReplicateRow fReplicateRow;
-};
-
-// The plain integer kernels, the oracle of every faster variant.
-const Kernels& referenceKernels();
-// The kernels in use: the fastest for this processor, or the variant forced.
-const Kernels& activeKernels();
-// Test hook: forces a variant, or kAutomatic to restore the selection; false, and no change, for
-// a variant this processor cannot run (supportedKernelVariants() lists those it can).
-bool forceKernelsForTesting(KernelVariant pVariant);
-
-}  // namespace simulatorkernels
 
 }  // namespace OX
