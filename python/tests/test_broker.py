@@ -56,7 +56,7 @@ class TestCalls:
     def test_device_error_arrives_with_its_exact_text(self, device):
         with pytest.raises(OXError) as caught:
             device.getImageRemote("nobody")
-        line = throw_line(SOURCES / "device" / "oxvisionvideoinput.cpp", "pCheck.fUnknownPiece + pName")
+        line = throw_line(SOURCES / "device" / "oxvisionvideoinput.cpp", "pCheck.fUnknownPiece")
         error = caught.value
         assert error.description == "getDirectRawImageRemote(nobody) : module nobody unknown!"
         assert str(error) == ("OXVideoDevice::getImageRemote(): getDirectRawImageRemote(nobody) "

@@ -92,21 +92,32 @@ void OXVisionVideoInput::xRaise(const std::string& pMethod, const std::string& p
   throw OXError(getName(), pMethod, pMessage, texts::kSourceFile, pLine);
 }
 
+boost::shared_ptr<VisionModuleInfo> OXVisionVideoInput::xLookUpSubscriber(
+    const std::string& pName, const UnknownSubscriber& pUnknown, int pLine) const {
+  auto found = fVisionModules.find(pName);
+  if (found != fVisionModules.end() && found->second) return found->second;
+  std::string text = pUnknown.fHead + pName;
+  if (pUnknown.fMiddle != nullptr) text += pUnknown.fMiddle + pName;
+  text += pUnknown.fTail;
+  if (pUnknown.fRaises) xThrow(pUnknown.fFunction, text, pLine);
+  xLog(2, pUnknown.fFunction, text, pUnknown.fCategory);
+  return nullptr;
+}
+
 boost::shared_ptr<VisionModuleInfo> OXVisionVideoInput::xFindSubscriber(
     const std::string& pName, const SubscriberCheck& pCheck) const {
-  auto found = fVisionModules.find(pName);
-  if (found == fVisionModules.end()) {
-    xThrow(pCheck.fMethod, pCheck.fUnknownPiece + pName + ") : module " + pName + " unknown!",
-           __LINE__);
-  }
-  if (found->second->fIsMultiStream != pCheck.fMultiStream) {
+  const boost::shared_ptr<VisionModuleInfo> info = xLookUpSubscriber(
+      pName,
+      {true, pCheck.fMethod, pCheck.fUnknownPiece, texts::kModuleMiddle, texts::kUnknownTail},
+      __LINE__);
+  if (info->fIsMultiStream != pCheck.fMultiStream) {
     xThrow(
         pCheck.fMethod,
         std::string(pCheck.fMultiStream ? texts::kMonoStreamRefused : texts::kMultiStreamRefused) +
             pCheck.fWrongFamilyTail,
         __LINE__);
   }
-  return found->second;
+  return info;
 }
 
 void OXVisionVideoInput::xCheckCameraIndex(const int& pCameraIndex, const CameraCheck& pCheck,

@@ -31,6 +31,19 @@ struct SettingCheck;
 // of the delivery compare these parts.
 std::pair<int64_t, int64_t> getTimeStamp(const OXImage& pImage);
 
+// What a lookup says of a subscriber that it does not know, at level 2: the text
+// "<head><name><tail>", or "<head><name><middle><name><tail>" when fMiddle is set. A raising
+// lookup logs it for fFunction without "()" in the device's category, then raises it as OXError
+// with the method fFunction; any other logs it for fFunction in fCategory (null: the device's).
+struct UnknownSubscriber {
+  bool fRaises;
+  const char* fFunction;
+  const char* fHead;
+  const char* fMiddle;
+  const char* fTail;
+  const char* fCategory = nullptr;
+};
+
 // Parameter identifiers that the core knows by number; all others pass through to the driver.
 enum : int {
   kCameraResolutionID = 14,
@@ -245,6 +258,25 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
 
   // The camera a subscriber works on: its own, or the device's when its own is negative.
   int xCurrentCamera(const VisionModuleInfo& pInfo) const;  // R or W held
+  // The subscriber's record; for a name it does not know, what pUnknown says and null, or the
+  // raised error, reported from pLine. R or W held.
+  boost::shared_ptr<VisionModuleInfo> xLookUpSubscriber(const std::string& pName,
+                                                        const UnknownSubscriber& pUnknown,
+                                                        int pLine = 0) const;
+
+  // --- Raw frames lent to subscribers (oxvisionvideoinputrawframes.cpp); W held ---
+  // Lends pFrame's pixels and stamp, without a copy, through the first free output buffer of
+  // pCamera's fRawBuffers, which remembers pSource, the camera's own record of the frame. The
+  // buffer becomes pRequested's fLockedImage and its image is returned; null when every output
+  // buffer is busy (the caller logs; the camera's count of pSource is its own business).
+  OXImage* xLendRawFrame(int pCamera, const OXImage& pFrame, void* pSource,
+                         RequestedCameraProperties& pRequested);
+  // What the return of its last user does to an output buffer's stamp.
+  enum class ReleasedStamp { kKeep, kForget };
+  // Takes back what pRequested holds, if anything. Returns the camera's record of the frame
+  // (the pSource of the lend) when this subscriber was the output buffer's last user, so that the
+  // camera lowers its own count of the frame; null otherwise.
+  void* xTakeBackRawFrame(RequestedCameraProperties& pRequested, ReleasedStamp pStamp);
 
   // Logs pMessage at level 2 and raises OXError(getName(), pMethod, pMessage, file, pLine).
   [[noreturn]] void xThrow(const std::string& pMethod, const std::string& pMessage,
@@ -301,8 +333,9 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   void xLeaveStreamCamera(const boost::shared_ptr<VisionModuleInfo>& pInfo, int pCamera);
   bool xCloseVideo(const boost::shared_ptr<VisionModuleInfo>& pInfo);  // W held
   // A mono-stream subscriber for recordVideo/stopVideo; raises (logged) otherwise.
-  boost::shared_ptr<VisionModuleInfo> xFindRecorder(const std::string& pName, const char* pMethod,
-                                                    const char* pUnknownTail, int pLine) const;
+  boost::shared_ptr<VisionModuleInfo> xFindRecorder(const std::string& pName,
+                                                    const UnknownSubscriber& pUnknown,
+                                                    int pLine) const;
   // One request of a recording subscriber: close after the last image, else count down and
   // write the raw frame when its turn comes (patch pass first when pPatch). Null and
   // non-recording subscribers are skipped. W held.

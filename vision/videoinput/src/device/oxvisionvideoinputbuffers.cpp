@@ -221,13 +221,11 @@ void OXVisionVideoInput::xFindAndEraseTheOldestBuffer(
 }
 
 void OXVisionVideoInput::xForceReleaseBuffer(const std::string& pName) {
-  auto found = fVisionModules.find(pName);
-  if (found == fVisionModules.end()) {
-    xLog(2, "xForceReleaseBuffer",
-         "xForceReleaseBuffer(" + pName + ") : module " + pName + " unknown!");
-    return;
-  }
-  VisionModuleInfo& info = *found->second;
+  const boost::shared_ptr<VisionModuleInfo> found =
+      xLookUpSubscriber(pName, {false, "xForceReleaseBuffer", "xForceReleaseBuffer(",
+                                texts::kModuleMiddle, texts::kUnknownTail});
+  if (!found) return;
+  VisionModuleInfo& info = *found;
   for (int i = 0; i < fNbCameras && i < static_cast<int>(info.fRequestedProperties.size()); ++i) {
     RequestedCameraProperties& requested = *info.fRequestedProperties[i];
     OXVisionBuffer* held = requested.fLockedImage;

@@ -103,13 +103,10 @@ bool OXVisionVideoInput::releaseImage(const std::string& pName) {
 }
 
 OXImage* OXVisionVideoInput::xGetImage(const std::string& pName) {
-  auto found = fVisionModules.find(pName);
-  if (found == fVisionModules.end() || !found->second) {
-    xLog(2, "xGetImage", "xGetImage(" + pName + ") : module " + pName + " unknown!");
-    return nullptr;
-  }
   // Held for the whole call, whatever happens to the map meanwhile.
-  boost::shared_ptr<VisionModuleInfo> subscriber = found->second;
+  boost::shared_ptr<VisionModuleInfo> subscriber = xLookUpSubscriber(
+      pName, {false, "xGetImage", "xGetImage(", texts::kModuleMiddle, texts::kUnknownTail});
+  if (!subscriber) return nullptr;
   const int camera = xCurrentCamera(*subscriber);
   xCheckDeliveryCamera(pName, camera, "xGetImage", *subscriber, __LINE__);
   RequestedCameraProperties& wanted = *subscriber->fRequestedProperties[camera];
@@ -193,12 +190,9 @@ OXImage* OXVisionVideoInput::xGetImage(const std::string& pName) {
 
 std::vector<OXImage*> OXVisionVideoInput::xGetImages(const std::string& pName) {
   std::vector<OXImage*> images;
-  auto found = fVisionModules.find(pName);
-  if (found == fVisionModules.end() || !found->second) {
-    xLog(2, "xGetImages", "xGetImages(" + pName + ") : module " + pName + " unknown!");
-    return images;
-  }
-  boost::shared_ptr<VisionModuleInfo> subscriber = found->second;
+  boost::shared_ptr<VisionModuleInfo> subscriber = xLookUpSubscriber(
+      pName, {false, "xGetImages", "xGetImages(", texts::kModuleMiddle, texts::kUnknownTail});
+  if (!subscriber) return images;
   for (int camera : subscriber->fActiveCameras) {
     xCheckDeliveryCamera(pName, camera, "xGetImages()", *subscriber, __LINE__);
     if (subscriber->fRequestedProperties[camera]->fLockedImage != nullptr) {
@@ -260,12 +254,9 @@ OXValue OXVisionVideoInput::getImagesRemote(const std::string& pName) {
 
 OXValue OXVisionVideoInput::releaseImages(const std::string& pName) {
   OXCriticalSectionWrite lock(fVisionModulesLock);
-  auto found = fVisionModules.find(pName);
-  if (found == fVisionModules.end() || !found->second) {
-    xThrow(texts::kReleaseImagesMethod,
-           std::string(texts::kReleaseImagesUnknown) + "\"" + pName + "\"", __LINE__);
-  }
-  VisionModuleInfo& info = *found->second;
+  VisionModuleInfo& info = *xLookUpSubscriber(
+      pName, {true, texts::kReleaseImagesMethod, texts::kReleaseImagesUnknown, nullptr, "\""},
+      __LINE__);
   if (!info.fIsMultiStream) {
     xThrow(texts::kReleaseImagesMethod,
            std::string(texts::kMonoStreamRefused) + texts::kReleaseImagesWrongFamily, __LINE__);

@@ -32,12 +32,10 @@ OXImage* OXVisionVideoInput::getDirectRawImageLocal(const std::string& pName) {
 
 bool OXVisionVideoInput::releaseDirectRawImage(const std::string& pName) {
   OXCriticalSectionWrite lock(fVisionModulesLock);
-  auto found = fVisionModules.find(pName);
-  if (found == fVisionModules.end()) {
-    xThrow(kReleaseMethod, "releaseDirectRawImage(" + pName + ") : module " + pName + " unknown!",
-           __LINE__);
-  }
-  const VisionModuleInfo& info = *found->second;
+  const VisionModuleInfo& info = *xLookUpSubscriber(
+      pName,
+      {true, kReleaseMethod, "releaseDirectRawImage(", texts::kModuleMiddle, texts::kUnknownTail},
+      __LINE__);
   if (info.fIsMultiStream) xThrow(kReleaseMethod, kReleaseWrongFamily, __LINE__);
   if (info.fActiveCamera != -1) return xReleaseDirectRawImageDeep(pName, info.fActiveCamera);
   // Following the device: every camera, up to the first that refuses.
@@ -86,10 +84,10 @@ OXValue OXVisionVideoInput::getDirectRawImagesRemote(const std::string& pName) {
   if (images.empty()) return OXValue();
   OXValue reply = xJoinedReply(images, "getDirectRawImagesRemote");
   OXCriticalSectionWrite lock(fVisionModulesLock);
-  if (fVisionModules.find(pName) == fVisionModules.end()) {
-    xThrow("getDirectRawImagesRemote()",
-           "getDirectRawImagesRemote(" + pName + ") : module " + pName + " unknown!", __LINE__);
-  }
+  xLookUpSubscriber(pName,
+                    {true, "getDirectRawImagesRemote()", "getDirectRawImagesRemote(",
+                     texts::kModuleMiddle, texts::kUnknownTail},
+                    __LINE__);
   // Every camera of the device, not only the subscriber's: what it holds nowhere stays held.
   for (int camera = 0; camera < fNbCameras; ++camera) xReleaseDirectRawImageDeep(pName, camera);
   return reply;
@@ -110,9 +108,9 @@ OXValue OXVisionVideoInput::releaseDirectRawImages(const std::string& pName) {
 std::string OXVisionVideoInput::getDirectRawImageInterprocess(const std::string& pName) {
   // releaseDirectRawImage below takes this lock again on this thread: its writer may re-enter.
   OXCriticalSectionWrite lock(fVisionModulesLock);
-  if (fVisionModules.find(pName) == fVisionModules.end()) {
-    xLog(2, "getDirectRawImageInterprocess",
-         "getDirectRawImageInterprocess(" + pName + ") : module " + pName + " unknown!\n");
+  if (!xLookUpSubscriber(pName,
+                         {false, "getDirectRawImageInterprocess", "getDirectRawImageInterprocess(",
+                          texts::kModuleMiddle, " unknown!\n"})) {
     return std::string();
   }
   xGetDirectRawImage(pName, false);

@@ -15,19 +15,18 @@ namespace {
 // The refusal of the other family has no advice here: the other family cannot record at all.
 constexpr const char* kMultiStreamOnly = "Multi stream module can't call this method";
 
+constexpr UnknownSubscriber kUnknownRecorder = {true, "recordVideo()", "recordVideo(",
+                                                texts::kModuleMiddle, texts::kUnknownTail};
+constexpr UnknownSubscriber kUnknownStopper = {true, "stopVideo()", "stopVideo(",
+                                               texts::kModuleListMiddle, texts::kUnknownTail};
+
 }  // namespace
 
-boost::shared_ptr<VisionModuleInfo> OXVisionVideoInput::xFindRecorder(const std::string& pName,
-                                                                      const char* pMethod,
-                                                                      const char* pUnknownTail,
-                                                                      int pLine) const {
-  auto found = fVisionModules.find(pName);
-  if (found == fVisionModules.end()) {
-    const std::string function(pMethod, std::string(pMethod).size() - 2);
-    xThrow(pMethod, function + "(" + pName + pUnknownTail + pName + " unknown!", pLine);
-  }
-  if (found->second->fIsMultiStream) xThrow(pMethod, kMultiStreamOnly, pLine);
-  return found->second;
+boost::shared_ptr<VisionModuleInfo> OXVisionVideoInput::xFindRecorder(
+    const std::string& pName, const UnknownSubscriber& pUnknown, int pLine) const {
+  const boost::shared_ptr<VisionModuleInfo> info = xLookUpSubscriber(pName, pUnknown, pLine);
+  if (info->fIsMultiStream) xThrow(pUnknown.fFunction, kMultiStreamOnly, pLine);
+  return info;
 }
 
 bool OXVisionVideoInput::recordVideo(const std::string& pName, const std::string& pPath,
@@ -35,8 +34,7 @@ bool OXVisionVideoInput::recordVideo(const std::string& pName, const std::string
   // The write side: the fields of the subscriber change, and two calls on one subscriber must
   // not interleave.
   OXCriticalSectionWrite lock(fVisionModulesLock);
-  const boost::shared_ptr<VisionModuleInfo> info =
-      xFindRecorder(pName, "recordVideo()", ") : module ", __LINE__);
+  const boost::shared_ptr<VisionModuleInfo> info = xFindRecorder(pName, kUnknownRecorder, __LINE__);
   const int camera = xCurrentCamera(*info);
   if (camera < 0 || camera >= fNbCameras) {
     xLog(2, "recordVideo",
@@ -72,8 +70,7 @@ bool OXVisionVideoInput::recordVideo(const std::string& pName, const std::string
 
 bool OXVisionVideoInput::stopVideo(const std::string& pName) {
   OXCriticalSectionWrite lock(fVisionModulesLock);
-  const boost::shared_ptr<VisionModuleInfo> info =
-      xFindRecorder(pName, "stopVideo()", ", ...) : module ", __LINE__);
+  const boost::shared_ptr<VisionModuleInfo> info = xFindRecorder(pName, kUnknownStopper, __LINE__);
   return xCloseVideo(info);
 }
 

@@ -58,18 +58,16 @@ bool reachesCamera(int pNew, int pOld, int pReal) {
 
 boost::shared_ptr<VisionModuleInfo> OXVisionVideoInput::xFindForSetting(
     const std::string& pName, const texts::SettingCheck& pCheck, int pLine) const {
-  auto found = fVisionModules.find(pName);
-  if (found == fVisionModules.end()) {
-    xThrow(pCheck.fMethod,
-           pCheck.fUnknownHead + pName + pCheck.fUnknownMiddle + pName + pCheck.fUnknownTail,
-           pLine);
-  }
-  const bool multi = found->second->fIsMultiStream;
+  const boost::shared_ptr<VisionModuleInfo> info = xLookUpSubscriber(
+      pName,
+      {true, pCheck.fMethod, pCheck.fUnknownHead, pCheck.fUnknownMiddle, pCheck.fUnknownTail},
+      pLine);
+  const bool multi = info->fIsMultiStream;
   if ((pCheck.fFamily == texts::kMonoOnly && multi) ||
       (pCheck.fFamily == texts::kMultiOnly && !multi)) {
     xThrow(pCheck.fMethod, std::string(pCheck.fWrongFamilyHead) + pCheck.fWrongFamilyTail, pLine);
   }
-  return found->second;
+  return info;
 }
 
 int OXVisionVideoInput::xSettingCamera(const VisionModuleInfo& pInfo, const char* pFunction) const {

@@ -112,7 +112,7 @@ constexpr Subscriber kGetImagesRemote = {"getImagesRemote()", "getImagesRemote("
                                          "use getImageRemote instead"};
 // releaseImages has a text of its own for an unknown name; only its wrong-family text is here.
 constexpr const char* kReleaseImagesMethod = "releaseImages()";
-constexpr const char* kReleaseImagesUnknown = ": Could not release image for unknown subscriber ";
+constexpr const char* kReleaseImagesUnknown = ": Could not release image for unknown subscriber \"";
 constexpr const char* kReleaseImagesWrongFamily = "use releaseImage instead";
 constexpr Subscriber kGetDirectRawImageRemote = {"getDirectRawImageRemote()",
                                                  "getDirectRawImageRemote(", false,

@@ -93,6 +93,10 @@ class OXVisionFileCam : public OXSingleton<OXVisionFileCam>, public OXVisionVide
   // false when a loop back to the start did not move time forward (mode 1 then stops catching
   // up, or it would never end).
   bool xReadAhead(bool pModeZero);
+  // One step of the replay for a request of pId, by the replay mode: the slot to serve, with its
+  // count raised for the caller; null (logged) when the ring is stuck or the mode is unknown.
+  // Takes fParametersLock.
+  CamBuffer* xServeFrame(const std::string& pId);
   // Adopts the camera identifier of a frame as the device's active camera, when the device has it.
   void xAdoptCamera(const OXImage& pImage, const char* pFunction);
   OXImage& xSlot(uint32_t pIndex) { return *fFrames[pIndex].fImage; }

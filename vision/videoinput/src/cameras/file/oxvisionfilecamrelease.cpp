@@ -10,29 +10,22 @@ const char* const kCategory = "vision.oxvisionfilecam";
 }  // namespace
 
 bool OXVisionFileCam::xReleaseDirectRawImageDeep(const std::string& pId, const int& pCameraIndex) {
-  auto found = fVisionModules.find(pId);
-  if (found == fVisionModules.end() || !found->second) {
-    xLog(2, "xReleaseDirectRawImageDeep",
-         "ReleaseDirectRawImage(" + pId + ") : module " + pId + " unknown!", kCategory);
-    return false;
-  }
-  if (pCameraIndex < 0 ||
-      pCameraIndex >= static_cast<int>(found->second->fRequestedProperties.size())) {
+  const boost::shared_ptr<VisionModuleInfo> info =
+      xLookUpSubscriber(pId, {false, "xReleaseDirectRawImageDeep", "ReleaseDirectRawImage(",
+                              ") : module ", " unknown!", kCategory});
+  if (!info) return false;
+  if (pCameraIndex < 0 || pCameraIndex >= static_cast<int>(info->fRequestedProperties.size())) {
     return true;  // no such camera: nothing can be held on it
   }
-  RequestedCameraProperties& requested = *found->second->fRequestedProperties[pCameraIndex];
-  OXVisionBuffer* output = requested.fLockedImage;
-  if (output == nullptr) return true;
-  ++output->fWriteLockCount;
-  if (output->fReadLockCount <= 1 && output->fWriteLockCount <= 1) {
-    // The last user: the slot may be read into again.
-    CamBuffer* slot = static_cast<CamBuffer*>(output->fRawSource);
-    if (slot != nullptr) --slot->fLockCount;
-    output->fRawSource = nullptr;
-  }
-  requested.fLockedImage = nullptr;
-  --output->fWriteLockCount;
-  --output->fReadLockCount;
+  // The released output buffer keeps its stamp, unlike the simulator's: a subscriber asking within
+  // its period may be served from it by the delivery, without a replay step, and so gets the
+  // slot's pixels again (or, once the ring has read another image into the slot, that image
+  // under the old stamp). Which image a replay serves is what its users compare against the
+  // recording, so the file camera keeps serving as it always has.
+  auto* slot = static_cast<CamBuffer*>(
+      xTakeBackRawFrame(*info->fRequestedProperties[pCameraIndex], ReleasedStamp::kKeep));
+  // The last user gone, the slot may be read into again.
+  if (slot != nullptr) --slot->fLockCount;
   return true;
 }
 

@@ -95,86 +95,74 @@ bool OXVisionFileCam::xReadAhead(bool pModeZero) {
   return true;
 }
 
+CamBuffer* OXVisionFileCam::xServeFrame(const std::string& pId) {
+  OXCriticalSection lock(fParametersLock);
+  switch (fReplayMode) {
+    case 1:
+      fNow = replayClock();
+      while (xSlot(fNextFrame).fTimeStamp - fFirstTimestamp < fNow - fStartTime) {
+        if (!xMoveRing("xGetDirectRawImage")) return nullptr;
+        if (!xReadAhead(false)) break;
+      }
+      break;
+    case 0:
+      fNow = replayClock();
+      if (!(fReplayPeriod > fNow - fStartTime)) fImageServed = false;
+      if (!fImageServed) {
+        fStartTime = replayClock();
+        if (!xMoveRing("xGetDirectRawImage")) return nullptr;
+        xReadAhead(true);
+        fImageServed = true;
+      }
+      break;
+    case 2:
+    case 3:
+      xLog(1, "xGetDirectRawImage",
+           "GetDirectRawImage(" + pId + ") : replay mode " + std::to_string(fReplayMode) +
+               " not yet implemented. Launch replay mode 1 (synchronized with the inner "
+               "clock)...",
+           kCategory);
+      fReplayMode = 1;
+      break;
+    default:
+      xLog(2, "xGetDirectRawImage",
+           "GetDirectRawImage(" + pId + ") : replay mode " + std::to_string(fReplayMode) +
+               " unknown!",
+           kCategory);
+      return nullptr;
+  }
+  CamBuffer* slot = &fFrames[fCurrentFrame];
+  ++slot->fLockCount;
+  return slot;
+}
+
 OXImage* OXVisionFileCam::xGetDirectRawImage(const std::string& pId, bool) {
   // pDeepCopy is not looked at: the image always borrows a frame of the ring.
-  auto found = fVisionModules.find(pId);
-  if (found == fVisionModules.end() || !found->second) {
-    xLog(2, "xGetDirectRawImage", "xGetDirectRawImage(" + pId + ") : module " + pId + " unknown!",
-         kCategory);
-    return nullptr;
-  }
-  VisionModuleInfo& info = *found->second;
-  const int camera = xCurrentCamera(info);
-  if (camera < 0 || camera >= static_cast<int>(info.fRequestedProperties.size())) {
+  const boost::shared_ptr<VisionModuleInfo> info = xLookUpSubscriber(
+      pId,
+      {false, "xGetDirectRawImage", "xGetDirectRawImage(", ") : module ", " unknown!", kCategory});
+  if (!info) return nullptr;
+  const int camera = xCurrentCamera(*info);
+  if (camera < 0 || camera >= static_cast<int>(info->fRequestedProperties.size())) {
     xLog(2, "xGetDirectRawImage",
          "xGetDirectRawImage(" + pId + ") : camera " + std::to_string(camera) + " unknown!",
          kCategory);
     return nullptr;
   }
-  RequestedCameraProperties& requested = *info.fRequestedProperties[camera];
+  RequestedCameraProperties& requested = *info->fRequestedProperties[camera];
   if (requested.fLockedImage != nullptr) {
     xLog(2, "xGetDirectRawImage", "Previous image not released", kCategory);
     return nullptr;
   }
-
-  CamBuffer* slot = nullptr;
-  {
-    OXCriticalSection lock(fParametersLock);
-    switch (fReplayMode) {
-      case 1:
-        fNow = replayClock();
-        while (xSlot(fNextFrame).fTimeStamp - fFirstTimestamp < fNow - fStartTime) {
-          if (!xMoveRing("xGetDirectRawImage")) return nullptr;
-          if (!xReadAhead(false)) break;
-        }
-        break;
-      case 0:
-        fNow = replayClock();
-        if (!(fReplayPeriod > fNow - fStartTime)) fImageServed = false;
-        if (!fImageServed) {
-          fStartTime = replayClock();
-          if (!xMoveRing("xGetDirectRawImage")) return nullptr;
-          xReadAhead(true);
-          fImageServed = true;
-        }
-        break;
-      case 2:
-      case 3:
-        xLog(1, "xGetDirectRawImage",
-             "GetDirectRawImage(" + pId + ") : replay mode " + std::to_string(fReplayMode) +
-                 " not yet implemented. Launch replay mode 1 (synchronized with the inner "
-                 "clock)...",
-             kCategory);
-        fReplayMode = 1;
-        break;
-      default:
-        xLog(2, "xGetDirectRawImage",
-             "GetDirectRawImage(" + pId + ") : replay mode " + std::to_string(fReplayMode) +
-                 " unknown!",
-             kCategory);
-        return nullptr;
-    }
-    slot = &fFrames[fCurrentFrame];
-    ++slot->fLockCount;
-  }
-
+  CamBuffer* slot = xServeFrame(pId);
+  if (slot == nullptr) return nullptr;
   // The camera identifier comes from the file: a video may switch cameras image by image.
   xAdoptCamera(*slot->fImage, "xGetDirectRawImage");
-  for (OXVisionBuffer* output : fCameraProperties[fActiveCamera]->fRawBuffers) {
-    ++output->fWriteLockCount;
-    if (output->fReadLockCount != 0 || output->fWriteLockCount >= 2) {
-      --output->fWriteLockCount;
-      continue;
-    }
-    output->fImage->fData = slot->fImage->fData;
-    output->fRawSource = slot;
-    output->fImage->fTimeStamp = slot->fImage->fTimeStamp;
-    ++output->fReadLockCount;
-    --output->fWriteLockCount;
-    requested.fLockedImage = output;
-    return output->fImage;
-  }
-  // The slot's count stays raised on this path: kept as it is.
+  OXImage* lent = xLendRawFrame(fActiveCamera, *slot->fImage, slot, requested);
+  if (lent != nullptr) return lent;
+  // The slot's count stays raised: nobody gives it back, so the slot leaves the ring, and once
+  // every slot is out each request logs that all the frames of the replay are held. A replay
+  // stands in for the live camera, whose frames are lost the same way on this path.
   xLog(2, "xGetDirectRawImage",
        "xGetDirectRawImage(" + pId + ") : error trying to find available buffer.", kCategory);
   return nullptr;

@@ -95,11 +95,16 @@ class OXVisionSimulatorCam : public OXSingleton<OXVisionSimulatorCam>, public OX
   static bool xOverSample(int pRatio, int pWidth, int pHeight, const unsigned char* pSource,
                           unsigned char* pTarget);
 
-  // The shared body of the two get operations for one camera (steps from the wait to the lend).
-  // pOperation names the operation in the records. On failure sets pEndsLoop for the failures
-  // that end the plural form, and returns null.
-  OXImage* xTakeRawImage(const std::string& pId, int pCamera, const char* pOperation,
-                         bool pMultiStream, bool& pEndsLoop);
+  // The shared body of the two get operations for one camera of subscriber pInfo (steps from
+  // the wait to the lend). pOperation names the operation in the records. On failure sets
+  // pEndsLoop for the failures that end the plural form, and returns null.
+  OXImage* xTakeRawImage(const std::string& pId, VisionModuleInfo& pInfo, int pCamera,
+                         const char* pOperation, bool pMultiStream, bool& pEndsLoop);
+  // The newest pushed frame converted for pCamera, once however many subscribers ask, with its
+  // count raised for the caller; null (logged with pHead for pOperation) when no entry is free
+  // or the conversion fails. Takes fMutex of pStore.
+  OXVisionBuffer* xNewestFrame(CameraDriverBuffer& pStore, int pCamera, const std::string& pHead,
+                               const char* pOperation);
 
   std::vector<boost::shared_ptr<CameraDriverBuffer>> fCameraDriverBuffers;
 };

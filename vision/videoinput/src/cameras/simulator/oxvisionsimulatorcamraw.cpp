@@ -2,9 +2,9 @@
 // lent, without a copy, through the camera's output buffers to every subscriber that asks.
 //
 // Counters: fReadLockCount of a driver frame counts the subscribers holding it (rewritable at 0
-// or less); an output buffer's fWriteLockCount works as a try-lock (2 or more: someone else is
-// busy with it). They are plain ints, safe because the callers hold fVisionModulesLock for
-// writing; fMutex of the camera covers only the conversion and its bookkeeping.
+// or less). It is a plain int, safe because the callers hold fVisionModulesLock for writing;
+// fMutex of the camera covers only the conversion and its bookkeeping. The lending through the
+// output buffers and their return are the device's (xLendRawFrame, xTakeBackRawFrame).
 #include "kios.h"
 #include "cameras/simulator/oxvisionsimulatorcam.h"
 #include "cameras/simulator/oxvisionsimulatorcamtexts.h"
@@ -23,10 +23,51 @@ std::string quoted(const std::string& pText) {
   return "\"" + pText + "\"";
 }
 
+// The record of a lookup of a name that is not subscribed.
+constexpr UnknownSubscriber unknownTo(const char* pFunction) {
+  return {false, pFunction, "Module ", nullptr, " unknown!", texts::kCategory};
+}
+
 }  // namespace
 
-OXImage* OXVisionSimulatorCam::xTakeRawImage(const std::string& pId, int pCamera,
-                                             const char* pOperation, bool pMultiStream,
+OXVisionBuffer* OXVisionSimulatorCam::xNewestFrame(CameraDriverBuffer& pStore, int pCamera,
+                                                   const std::string& pHead,
+                                                   const char* pOperation) {
+  OXCriticalSection lock(pStore.fMutex);
+  OXImage& input = *pStore.fInputBuffers[pStore.fLastInputBuffer]->fImage;
+  std::vector<boost::shared_ptr<OXVisionBuffer>>& frames = pStore.fDriverBuffers;
+  int index = pStore.fLastDriverBuffer;
+  if (index >= 0 && frames[index]->fImage->fTimeStamp == input.fTimeStamp) {
+    // Converted already for another subscriber: share it.
+    ++frames[index]->fReadLockCount;
+    return frames[index].get();
+  }
+  // First use takes entry 0; later frames the lowest entry that nobody holds.
+  index = -1;
+  if (pStore.fLastDriverBuffer == -1) {
+    index = 0;
+  } else {
+    for (size_t i = 0; i < frames.size() && index < 0; ++i) {
+      if (frames[i]->fReadLockCount <= 0) index = static_cast<int>(i);
+    }
+    if (index < 0) {
+      xLog(2, pOperation, pHead + texts::kNoRawBuffer, texts::kCategory);
+      return nullptr;
+    }
+  }
+  OXImage& frame = *frames[index]->fImage;
+  if (!xReSize(pCamera, input, frame.fData)) {
+    xLog(2, pOperation, pHead + texts::kResizingError, texts::kCategory);
+    return nullptr;
+  }
+  frame.fTimeStamp = input.fTimeStamp;
+  pStore.fLastDriverBuffer = index;
+  ++frames[index]->fReadLockCount;
+  return frames[index].get();
+}
+
+OXImage* OXVisionSimulatorCam::xTakeRawImage(const std::string& pId, VisionModuleInfo& pInfo,
+                                             int pCamera, const char* pOperation, bool pMultiStream,
                                              bool& pEndsLoop) {
   pEndsLoop = true;
   const std::string head = std::string(pOperation) + "(" + pId;
@@ -44,59 +85,16 @@ OXImage* OXVisionSimulatorCam::xTakeRawImage(const std::string& pId, int pCamera
       return nullptr;
     }
   }
-
-  OXVisionBuffer* raw = nullptr;
-  {
-    OXCriticalSection lock(store->fMutex);
-    OXImage& input = *store->fInputBuffers[store->fLastInputBuffer]->fImage;
-    std::vector<boost::shared_ptr<OXVisionBuffer>>& frames = store->fDriverBuffers;
-    int index = store->fLastDriverBuffer;
-    if (index >= 0 && frames[index]->fImage->fTimeStamp == input.fTimeStamp) {
-      // Converted already for another subscriber: share it.
-      ++frames[index]->fReadLockCount;
-    } else {
-      // First use takes entry 0; later frames the lowest entry that nobody holds.
-      index = -1;
-      if (store->fLastDriverBuffer == -1) {
-        index = 0;
-      } else {
-        for (size_t i = 0; i < frames.size() && index < 0; ++i) {
-          if (frames[i]->fReadLockCount <= 0) index = static_cast<int>(i);
-        }
-        if (index < 0) {
-          xLog(2, pOperation, head + texts::kNoRawBuffer, texts::kCategory);
-          return nullptr;
-        }
-      }
-      OXImage& frame = *frames[index]->fImage;
-      if (!xReSize(pCamera, input, frame.fData)) {
-        xLog(2, pOperation, head + texts::kResizingError, texts::kCategory);
-        return nullptr;
-      }
-      frame.fTimeStamp = input.fTimeStamp;
-      store->fLastDriverBuffer = index;
-      ++frames[index]->fReadLockCount;
-    }
-    raw = frames[index].get();
-  }
+  OXVisionBuffer* raw = xNewestFrame(*store, pCamera, head, pOperation);
+  if (raw == nullptr) return nullptr;
 
   pEndsLoop = false;
-  // Lend: the first output buffer that is free takes the frame's pixels by pointer.
-  for (OXVisionBuffer* output : fCameraProperties[pCamera]->fRawBuffers) {
-    ++output->fWriteLockCount;
-    if (output->fReadLockCount != 0 || output->fWriteLockCount >= 2) {
-      --output->fWriteLockCount;
-      continue;
-    }
-    output->fImage->fData = raw->fImage->fData;
-    output->fImage->fTimeStamp = raw->fImage->fTimeStamp;
-    output->fRawSource = raw;
-    ++output->fReadLockCount;
-    --output->fWriteLockCount;
-    fVisionModules[pId]->fRequestedProperties[pCamera]->fLockedImage = output;
-    return output->fImage;
-  }
-  // The driver frame's count stays raised on this path: kept as it is.
+  OXImage* lent = xLendRawFrame(pCamera, *raw->fImage, raw, *pInfo.fRequestedProperties[pCamera]);
+  if (lent != nullptr) return lent;
+  // The frame's count stays raised: nobody gives it back, so the entry leaves the rotation, and
+  // after four such failures every request logs "no available raw buffer". The simulator stands
+  // in for the robot's camera driver, which loses the frame the same way: a client meets the
+  // same failures here as on the robot.
   if (pMultiStream) {
     xLog(2, pOperation, texts::kNoOutputBufferPluralHead + pId + texts::kNoOutputBufferPlural,
          texts::kSimulatorCategory);
@@ -108,43 +106,38 @@ OXImage* OXVisionSimulatorCam::xTakeRawImage(const std::string& pId, int pCamera
 
 OXImage* OXVisionSimulatorCam::xGetDirectRawImage(const std::string& pId, bool) {
   // pDeepCopy is not looked at: the image always borrows the driver frame.
-  auto found = fVisionModules.find(pId);
-  if (found == fVisionModules.end() || !found->second) {
-    xLog(2, "xGetDirectRawImage", "Module " + pId + " unknown!", texts::kCategory);
-    return nullptr;
-  }
-  const int camera = xCurrentCamera(*found->second);
+  const boost::shared_ptr<VisionModuleInfo> info =
+      xLookUpSubscriber(pId, unknownTo("xGetDirectRawImage"));
+  if (!info) return nullptr;
+  const int camera = xCurrentCamera(*info);
   if (xDriverBuffer(camera, "xGetDirectRawImage") == nullptr) return nullptr;
-  if (found->second->fRequestedProperties[camera]->fLockedImage != nullptr) {
+  if (info->fRequestedProperties[camera]->fLockedImage != nullptr) {
     xLog(2, "xGetDirectRawImage",
          getName() + texts::kNotReleasedHead + quoted(pId) + texts::kNotReleasedTail,
          texts::kCategory);
     return nullptr;
   }
   bool endsLoop = false;
-  return xTakeRawImage(pId, camera, "xGetDirectRawImage", false, endsLoop);
+  return xTakeRawImage(pId, *info, camera, "xGetDirectRawImage", false, endsLoop);
 }
 
 std::vector<OXImage*> OXVisionSimulatorCam::xGetDirectRawImages(const std::string& pId) {
   std::vector<OXImage*> images;
-  auto found = fVisionModules.find(pId);
-  if (found == fVisionModules.end() || !found->second) {
-    xLog(2, "xGetDirectRawImages", "Module " + pId + " unknown!", texts::kCategory);
-    return images;
-  }
-  const VisionModuleInfo& info = *found->second;
-  for (int camera : info.fActiveCameras) {
+  const boost::shared_ptr<VisionModuleInfo> info =
+      xLookUpSubscriber(pId, unknownTo("xGetDirectRawImages"));
+  if (!info) return images;
+  for (int camera : info->fActiveCameras) {
     if (xDriverBuffer(camera, "xGetDirectRawImages") == nullptr) return images;
-    if (info.fRequestedProperties[camera]->fLockedImage != nullptr) {
+    if (info->fRequestedProperties[camera]->fLockedImage != nullptr) {
       xLog(2, "xGetDirectRawImages",
            texts::kPreviousImage + std::to_string(camera) + texts::kPreviousImageTail,
            texts::kAtomCategory);
       return images;
     }
   }
-  for (int camera : info.fActiveCameras) {
+  for (int camera : info->fActiveCameras) {
     bool endsLoop = false;
-    OXImage* image = xTakeRawImage(pId, camera, "xGetDirectRawImages", true, endsLoop);
+    OXImage* image = xTakeRawImage(pId, *info, camera, "xGetDirectRawImages", true, endsLoop);
     if (image == nullptr && endsLoop) break;
     images.push_back(image);
   }
@@ -153,28 +146,18 @@ std::vector<OXImage*> OXVisionSimulatorCam::xGetDirectRawImages(const std::strin
 
 bool OXVisionSimulatorCam::xReleaseDirectRawImageDeep(const std::string& pId,
                                                       const int& pCameraIndex) {
-  auto found = fVisionModules.find(pId);
-  if (found == fVisionModules.end()) {
-    xLog(2, "xReleaseDirectRawImageDeep", "Module " + pId + " unknown!", texts::kCategory);
-    return false;
-  }
+  const boost::shared_ptr<VisionModuleInfo> info =
+      xLookUpSubscriber(pId, unknownTo("xReleaseDirectRawImageDeep"));
+  if (!info) return false;
   CameraDriverBuffer* store = xDriverBuffer(pCameraIndex, "xReleaseDirectRawImageDeep");
   if (store == nullptr) return false;
-  RequestedCameraProperties& requested = *found->second->fRequestedProperties[pCameraIndex];
-  OXVisionBuffer* output = requested.fLockedImage;
-  if (output == nullptr) return true;
-  ++output->fWriteLockCount;
-  if (output->fReadLockCount < 2 && output->fWriteLockCount < 2) {
-    // The last user: the driver frame may be rewritten once every borrower has given it back.
-    output->fImage->fTimeStamp = -1;
-    for (const auto& frame : store->fDriverBuffers) {
-      if (frame.get() == output->fRawSource) --frame->fReadLockCount;
-    }
-    output->fRawSource = nullptr;
+  // The released output buffer forgets its stamp: the delivery never takes it for a recent raw
+  // image, since the simulator may rewrite the frame as soon as its last borrower is gone.
+  const void* frame =
+      xTakeBackRawFrame(*info->fRequestedProperties[pCameraIndex], ReleasedStamp::kForget);
+  for (const auto& entry : store->fDriverBuffers) {
+    if (entry.get() == frame) --entry->fReadLockCount;
   }
-  --output->fWriteLockCount;
-  requested.fLockedImage = nullptr;
-  --output->fReadLockCount;
   return true;
 }
 
