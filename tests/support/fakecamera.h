@@ -125,12 +125,12 @@ class FakeCam : public OX::OXVisionVideoInput {
   }
   bool xStartFrameGrabber(const int& pCameraIndex) override {
     ++fStarts[pCameraIndex];
-    camera(pCameraIndex).fGrabberState = 3;
+    camera(pCameraIndex).fGrabberState = OX::GrabberState::kRunning;
     return !fStartFails[pCameraIndex];
   }
   bool xStopFrameGrabber(const int& pCameraIndex) override {
     ++fStops[pCameraIndex];
-    camera(pCameraIndex).fGrabberState = 0;
+    camera(pCameraIndex).fGrabberState = OX::GrabberState::kStopped;
     return !fStopFails[pCameraIndex];
   }
 

@@ -22,9 +22,10 @@ int OXVisionVideoInput::getCameraModel(const int& pCameraIndex) {
 }
 
 bool OXVisionVideoInput::isFrameGrabberOff(const int& pCameraIndex) {
-  return xReadCamera(
-      pCameraIndex, texts::kIsFrameGrabberOff, __LINE__,
-      [](const RealCameraProperties& pCamera) { return pCamera.fGrabberState.load() <= 0; });
+  return xReadCamera(pCameraIndex, texts::kIsFrameGrabberOff, __LINE__,
+                     [](const RealCameraProperties& pCamera) {
+                       return pCamera.fGrabberState.load() <= GrabberState::kStopped;
+                     });
 }
 
 int OXVisionVideoInput::getFrameRate(const int& pCameraIndex) {

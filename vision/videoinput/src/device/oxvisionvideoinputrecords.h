@@ -54,6 +54,19 @@ struct VisionModuleInfo {
   OXVideo* fVideo = nullptr;  // owned; closed and freed by xCloseVideo
 };
 
+// The state of a camera's frame grabber, the same machine for every camera:
+//   kStopped or kFailed --start--> kOpening --opened--> kRunning  (--fails--> kFailed, OXError)
+//   kRunning --stop--> kClosing --closed--> kStopped               (--fails--> kFailed)
+// A start leaves kOpening, kClosing and kRunning alone; a stop waits while kOpening and leaves
+// kStopped, kClosing and kFailed alone.
+enum class GrabberState : int {
+  kFailed = -1,
+  kStopped = 0,
+  kOpening = 1,
+  kClosing = 2,
+  kRunning = 3
+};
+
 // What one camera really does, and its two pools of buffers. The pools hold their buffers by raw
 // pointer and do not free them: a buffer is freed when a subscriber leaves (or at the device's
 // destruction).
@@ -67,9 +80,8 @@ struct RealCameraProperties {
   uint8_t fColorSpace = 0;
   uint8_t fFrameRate = 0;
   int fReserved3 = 0;  // nothing reads it
-  // -1 failed, 0 stopped, 1 opening, 2 closing, 3 running. Atomic because cameras may poll it
-  // outside the device lock.
-  std::atomic<int> fGrabberState{0};
+  // Atomic because cameras may poll it outside the device lock.
+  std::atomic<GrabberState> fGrabberState{GrabberState::kStopped};
   int fBufferCount = 0;
   int fReserved4 = 0;                          // nothing reads it
   void* fReserved5 = nullptr;                  // nothing reads it

@@ -261,7 +261,7 @@ bool OXVisionFileCam::xOpenDevice() {
 bool OXVisionFileCam::xCloseDevice() {
   fVideo.closeVideo();
   fDefaultResolution = -1;
-  fCameraProperties.at(fActiveCamera)->fGrabberState = 0;
+  fCameraProperties.at(fActiveCamera)->fGrabberState = GrabberState::kStopped;
   return true;
 }
 

@@ -1,7 +1,7 @@
 // The replay engine: which recorded image a subscriber gets when it asks, the ring of frames read
 // one ahead, the rewritten timestamps, the stepping methods and the grabber.
 //
-// Grabber states (fGrabberState): -1 failed, 0 stopped, 1 opening, 2 closing, 3 running.
+// The grabber's states and moves are those of GrabberState (device/oxvisionvideoinputrecords.h).
 #include <limits>
 
 #include "kios.h"
@@ -13,8 +13,6 @@ namespace OX {
 namespace {
 
 const char* const kCategory = "vision.oxvisionfilecam";
-
-enum GrabberState : int { kFailed = -1, kStopped = 0, kOpening = 1, kClosing = 2, kRunning = 3 };
 
 // The wait for a free slot lasts as long as the device's other image waits: one second.
 constexpr int kRingWaitPasses = 2000;
@@ -215,40 +213,40 @@ int OXVisionFileCam::getCurrentImageNumber() {
 }
 
 bool OXVisionFileCam::xStartFrameGrabber(const int& pCameraIndex) {
-  std::atomic<int>& state = fCameraProperties.at(pCameraIndex)->fGrabberState;
-  if (state > kStopped) return true;
-  state = kOpening;
+  std::atomic<GrabberState>& state = fCameraProperties.at(pCameraIndex)->fGrabberState;
+  if (state > GrabberState::kStopped) return true;
+  state = GrabberState::kOpening;
   bool opened = false;
   try {
     opened = xOpenDevice();
   } catch (...) {
     // Left at "opening", every later stop would poll for ever.
-    state = kFailed;
+    state = GrabberState::kFailed;
     throw;
   }
   if (!opened) {
-    state = kFailed;
+    state = GrabberState::kFailed;
     xLog(2, "xStartFrameGrabber", "Can't open video file.", kCategory);
     throw OXError(getName(), "startFrameGrabber", "Can't open video file.",
                   "vision/videoinput/src/oxvisionfilecam", kGrabberLine);
   }
-  state = kRunning;
+  state = GrabberState::kRunning;
   ki::os::usleep(kAfterStartMicroseconds);
   xLog(4, "xStartFrameGrabber", "Done", kCategory);
   return true;
 }
 
 bool OXVisionFileCam::xStopFrameGrabber(const int& pCameraIndex) {
-  std::atomic<int>& state = fCameraProperties.at(pCameraIndex)->fGrabberState;
-  while (state == kOpening) ki::os::usleep(kOpeningPollMicroseconds);
-  if (state <= kClosing) return true;
-  state = kClosing;
+  std::atomic<GrabberState>& state = fCameraProperties.at(pCameraIndex)->fGrabberState;
+  while (state == GrabberState::kOpening) ki::os::usleep(kOpeningPollMicroseconds);
+  if (state <= GrabberState::kClosing) return true;
+  state = GrabberState::kClosing;
   if (!xCloseDevice()) {
     xLog(2, "xStopFrameGrabber", "Error clothing file", kCategory);
-    state = kFailed;
+    state = GrabberState::kFailed;
     return false;
   }
-  state = kStopped;
+  state = GrabberState::kStopped;
   xLog(4, "xStopFrameGrabber", "File closed", kCategory);
   ki::os::usleep(kAfterStopMicroseconds);
   return true;

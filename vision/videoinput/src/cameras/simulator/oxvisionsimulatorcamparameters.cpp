@@ -1,10 +1,7 @@
 // The simulator camera's parameters (resolution, frame rate, buffer count, active camera, colour
 // space) and its grabber, a small state machine: nothing grabs, frames are pushed.
 //
-// Grabber states (fGrabberState):  -1 failed, 0 stopped, 1 opening, 2 closing, 3 running.
-//   0 or -1 --start--> 1 --open ok--> 3        1 --open fails--> -1 and OXError
-//   3 --stop--> 2 --close ok--> 0              2 --close fails--> -1
-//   start leaves 1, 2, 3 alone; stop waits while 1, and leaves 0, 2, -1 alone.
+// The grabber's states and moves are those of GrabberState (device/oxvisionvideoinputrecords.h).
 #include "kios.h"
 #include "oxerror.h"
 #include "oxtypes.h"
@@ -16,8 +13,6 @@ namespace OX {
 namespace texts = simulatortexts;
 
 namespace {
-
-enum GrabberState : int { kFailed = -1, kStopped = 0, kOpening = 1, kClosing = 2, kRunning = 3 };
 
 constexpr int kDefaultFrameRate = 5;
 constexpr int kDefaultCamera = 0;
@@ -106,31 +101,31 @@ bool OXVisionSimulatorCam::xSetParam(int pCameraIndex, int pParam, int pValue, b
 }
 
 bool OXVisionSimulatorCam::xStartFrameGrabber(const int& pCameraIndex) {
-  std::atomic<int>& state = fCameraProperties[pCameraIndex]->fGrabberState;
-  if (state > kStopped) return true;
-  state = kOpening;
+  std::atomic<GrabberState>& state = fCameraProperties[pCameraIndex]->fGrabberState;
+  if (state > GrabberState::kStopped) return true;
+  state = GrabberState::kOpening;
   if (!xOpenDevice(pCameraIndex)) {
-    state = kFailed;
+    state = GrabberState::kFailed;
     xLog(2, "xStartFrameGrabber", getName() + ": " + texts::kCantOpen, texts::kCategory);
     throw OXError(getName(), "startFrameGrabber", texts::kCantOpen, texts::kGrabberSource,
                   texts::kGrabberLine);
   }
-  state = kRunning;
+  state = GrabberState::kRunning;
   ki::os::usleep(kAfterStartMicroseconds);
   return true;
 }
 
 bool OXVisionSimulatorCam::xStopFrameGrabber(const int& pCameraIndex) {
-  std::atomic<int>& state = fCameraProperties[pCameraIndex]->fGrabberState;
-  while (state == kOpening) ki::os::usleep(kOpeningPollMicroseconds);
-  if (state <= kClosing) return true;
-  state = kClosing;
+  std::atomic<GrabberState>& state = fCameraProperties[pCameraIndex]->fGrabberState;
+  while (state == GrabberState::kOpening) ki::os::usleep(kOpeningPollMicroseconds);
+  if (state <= GrabberState::kClosing) return true;
+  state = GrabberState::kClosing;
   if (!xCloseDevice(pCameraIndex)) {
     xLog(2, "xStopFrameGrabber", getName() + ": " + texts::kErrorClosing, texts::kCategory);
-    state = kFailed;
+    state = GrabberState::kFailed;
     return false;
   }
-  state = kStopped;
+  state = GrabberState::kStopped;
   ki::os::usleep(kAfterStopMicroseconds);
   return true;
 }
