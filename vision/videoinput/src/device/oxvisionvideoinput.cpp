@@ -42,7 +42,7 @@ OXVisionVideoInput::OXVisionVideoInput(boost::shared_ptr<OXBroker> pBroker, std:
         getParentBroker()->getSpecialisedProxy<OXMemoryProxy>("OXMemory");
     if (memory) memory->subscribeToEvent("ClientDisconnected", pName, "onClientDisconnected");
   } catch (const OXError&) {
-    xLog(2, "OXVisionVideoInput", getName() + ": Could not connect to Memory.");
+    xLog(kLogError, "OXVisionVideoInput", getName() + ": Could not connect to Memory.");
   }
   setModuleDescription(texts::kModuleDescription);
   addModuleExample("C++", joinLines(texts::kCppExample));
@@ -83,7 +83,7 @@ void OXVisionVideoInput::xLog(int pLevel, const std::string& pFunction, const st
 
 void OXVisionVideoInput::xThrow(const std::string& pMethod, const std::string& pMessage,
                                 int pLine) const {
-  xLog(2, functionOf(pMethod), pMessage);
+  xLog(kLogError, functionOf(pMethod), pMessage);
   xRaise(pMethod, pMessage, pLine);
 }
 
@@ -100,7 +100,7 @@ boost::shared_ptr<VisionModuleInfo> OXVisionVideoInput::xLookUpSubscriber(
   if (pUnknown.fMiddle != nullptr) text += pUnknown.fMiddle + pName;
   text += pUnknown.fTail;
   if (pUnknown.fRaises) xThrow(pUnknown.fFunction, text, pLine);
-  xLog(2, pUnknown.fFunction, text, pUnknown.fCategory);
+  xLog(kLogError, pUnknown.fFunction, text, pUnknown.fCategory);
   return nullptr;
 }
 

@@ -18,8 +18,16 @@
 #include "oxbroker.h"
 #include "oxmutex.h"
 #include "device/oxvisionvideoinputrecords.h"
+#include "kilog.h"
 
 namespace OX {
+
+// The log levels, by name, for the device and its cameras.
+using ki::log::kLogError;
+using ki::log::kLogFatal;
+using ki::log::kLogInfo;
+using ki::log::kLogVerbose;
+using ki::log::kLogWarning;
 
 namespace videoinputtexts {
 struct SubscriberCheck;
@@ -325,6 +333,15 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   auto xReadCamera(const int& pCameraIndex, const CameraCheck& pCheck, int pLine, Read pRead);
   // Finds the unique id for pName in fVisionModules; W held.
   std::string xUniqueId(const std::string& pName, bool pMultiStream);
+  // The frame rate a new subscriber gets: at least kLowestFrameRate, and that in HD (k4VGA),
+  // with a record for each raise, for pFunction. No lock.
+  int xSubscribedFrameRate(const char* pFunction, int pFps,
+                           const std::vector<int>& pResolutions) const;
+  // The checks of each stream of subscribeCameras: a camera of the device, a resolution and a
+  // colour space that it takes; raises (logged but for the camera) at the first that fails.
+  void xCheckStreams(const std::string& pHead, const std::vector<int>& pCameras,
+                     const std::vector<int>& pResolutions,
+                     const std::vector<int>& pColorSpaces) const;
   // The two subscribing operations end here; W held.
   [[noreturn]] void xSubscribeFailed(bool pMultiStream, const std::string& pMessage,
                                      int pLine) const;
@@ -347,6 +364,16 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   // Raises (logged) when a delivery would index a camera that the device does not have.
   void xCheckDeliveryCamera(const std::string& pName, int pCameraIndex, const char* pMethod,
                             const VisionModuleInfo& pInfo, int pLine) const;
+  // The first two choices of xGetImage: a converted image of the subscriber's format, then a raw
+  // image, recent enough for its frame rate. True when one served the request, with pImage the
+  // image held, or null when the raw image's conversion found no free buffer (the request ends
+  // there); false when nothing was recent. W held.
+  bool xServeRecentImage(boost::shared_ptr<VisionModuleInfo>& pSubscriber, int pCamera,
+                         OXImage*& pImage);
+  // Gives back the raw frames a subscriber of one stream holds after a conversion on pCamera: on
+  // its own camera, or, following the device, on every camera up to the first refusal. W held.
+  bool xGiveRawFramesBack(const std::string& pName, const VisionModuleInfo& pSubscriber,
+                          int pCamera);
   // Whether the subscriber's hold on that camera is a converted image of the device's pool.
   bool xHoldsConvertedImage(const VisionModuleInfo& pInfo, int pCameraIndex) const;
   // The reply of the plural remote forms: one array per image, element 6 emptied, and all pixels

@@ -20,7 +20,7 @@ OXVisionBuffer::OXVisionBuffer(int pResolution, int pColorSpace, bool pDataAreEx
   // image has time stamp 0, older than any real frame: a new buffer is written first.
   fImage = new (std::nothrow) OXImage(k4VGA, kYUV, pDataAreExternal, 0.0f, 0.0f, 0.0f, 0.0f);
   if (fImage == nullptr) {
-    ki::log::LogStream(2, texts::kBufferCategory, "", "OXVisionCameraBuffer()", 0)
+    ki::log::LogStream(ki::log::kLogError, texts::kBufferCategory, "", "OXVisionCameraBuffer()", 0)
         << "Image buffer not created : fImage = NULL";
     return;
   }
@@ -95,7 +95,7 @@ bool OXVisionVideoInput::xCreateBuffersForStoringImages(const int& pCameraIndex,
   OXVisionBuffer* converted = new (std::nothrow) OXVisionBuffer(pResolution, pColorSpace, false);
   if (converted == nullptr || converted->fImage == nullptr) {
     delete converted;
-    xLog(2, "xCreateBuffersForStoringImages",
+    xLog(kLogError, "xCreateBuffersForStoringImages",
          "xCreateBuffersForStoringImages(): Could not allocate memory for OXVisionBuffer.");
     return false;
   }
@@ -104,7 +104,7 @@ bool OXVisionVideoInput::xCreateBuffersForStoringImages(const int& pCameraIndex,
       new (std::nothrow) OXVisionBuffer(camera.fResolution, camera.fColorSpace, true);
   if (raw == nullptr || raw->fImage == nullptr) {
     delete raw;
-    xLog(2, "xCreateBuffersForStoringImages",
+    xLog(kLogError, "xCreateBuffersForStoringImages",
          "xCreateBuffersForStoringImages(): Could not allocate memory for OXVisionBuffer.");
     return false;
   }
@@ -132,7 +132,7 @@ int OXVisionVideoInput::xLockTheOldestBufferForEditing(const int8_t& pCameraInde
         lockBest(pool, pool.size(), &OXVisionBuffer::fWriteLockCount, Age::kOldest, freeForEditing);
   }
   if (best < 0) {
-    xLog(2, "xLockTheOldestBufferForEditing",
+    xLog(kLogError, "xLockTheOldestBufferForEditing",
          getName() + ": error searching for the oldest" +
              " buffer to edit, please verify that release method has been call.");
   }
@@ -185,12 +185,12 @@ bool eraseOldest(std::vector<OXVisionBuffer*>& pPool, Fits pFits) {
 
 void OXVisionVideoInput::xFindAndEraseTheOldestBuffer(std::vector<OXVisionBuffer*>& pPool) {
   if (pPool.empty()) {
-    xLog(2, "xFindAndEraseTheOldestBuffer",
+    xLog(kLogError, "xFindAndEraseTheOldestBuffer",
          getName() + ": xFindAndEraseTheOldestBuffer(): no buffer to erase, the pool is empty.");
     return;
   }
   if (!eraseOldest(pPool, [](const OXVisionBuffer&) { return true; })) {
-    xLog(2, "xFindAndEraseTheOldestBuffer",
+    xLog(kLogError, "xFindAndEraseTheOldestBuffer",
          getName() + ": xFindAndEraseTheOldestBuffer(): every buffer is held, none erased.");
   }
 }
@@ -198,7 +198,7 @@ void OXVisionVideoInput::xFindAndEraseTheOldestBuffer(std::vector<OXVisionBuffer
 void OXVisionVideoInput::xFindAndEraseTheOldestBuffer(
     std::vector<OXVisionBuffer*>& pPool, const boost::shared_ptr<VisionModuleInfo>& pInfo) {
   if (pPool.empty()) {
-    xLog(2, "xFindAndEraseTheOldestBuffer",
+    xLog(kLogError, "xFindAndEraseTheOldestBuffer",
          getName() + ": xFindAndEraseTheOldestBuffer(): no buffer to erase, the pool is empty.");
     return;
   }
@@ -214,7 +214,7 @@ void OXVisionVideoInput::xFindAndEraseTheOldestBuffer(
   if (!eraseOldest(pPool, [&](const OXVisionBuffer& pBuffer) {
         return hasFormat(pBuffer, width, height, colorSpace);
       })) {
-    xLog(2, "xFindAndEraseTheOldestBuffer",
+    xLog(kLogError, "xFindAndEraseTheOldestBuffer",
          getName() + ": xFindAndEraseTheOldestBuffer(): no free buffer of the format of " +
              pInfo->fName + ", none erased.");
   }

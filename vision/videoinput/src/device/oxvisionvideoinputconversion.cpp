@@ -123,7 +123,7 @@ int OXVisionVideoInput::xConvertImage(int pCameraIndex,
   const int8_t camera = static_cast<int8_t>(pCameraIndex);
   const int index = xLockTheOldestBufferForEditing(camera, width, height, colorSpace);
   if (index < 0) {
-    xLog(2, "xConvertImage", getName() + kNoBufferTail);
+    xLog(kLogError, "xConvertImage", getName() + kNoBufferTail);
     return -1;
   }
   OXVisionBuffer& buffer = *fCameraProperties[pCameraIndex]->fImageBuffers[index];
@@ -137,7 +137,7 @@ int OXVisionVideoInput::xConvertImage(int pCameraIndex,
         std::begin(kConversions), std::end(kConversions),
         [&](const Conversion& pConversion) { return pConversion.fColorSpace == colorSpace; });
     if (conversion == std::end(kConversions)) {
-      xLog(2, "xConvertImage", kUnknownColorSpace, texts::kCategory);
+      xLog(kLogError, "xConvertImage", kUnknownColorSpace, texts::kCategory);
     } else {
       if (conversion->fPatchFirst) xApplyPatchForKernelMemcopy(pRawImage);
       (this->*conversion->fKernel)(pRawImage, target);

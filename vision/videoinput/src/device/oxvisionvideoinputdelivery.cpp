@@ -84,7 +84,7 @@ bool OXVisionVideoInput::releaseImage(const std::string& pName) {
   const boost::shared_ptr<VisionModuleInfo> info = xFindSubscriber(pName, texts::kReleaseImage);
   auto releaseOn = [&](int pCamera) {
     if (pCamera < 0 || pCamera >= static_cast<int>(info->fRequestedProperties.size())) {
-      xLog(2, "releaseImage",
+      xLog(kLogError, "releaseImage",
            "releaseImage(" + pName + ") : no camera " + std::to_string(pCamera) + " to release");
       return;
     }
@@ -102,6 +102,70 @@ bool OXVisionVideoInput::releaseImage(const std::string& pName) {
   return true;
 }
 
+bool OXVisionVideoInput::xServeRecentImage(boost::shared_ptr<VisionModuleInfo>& pSubscriber,
+                                           int pCamera, OXImage*& pImage) {
+  RequestedCameraProperties& wanted = *pSubscriber->fRequestedProperties[pCamera];
+  ki::os::timeval now;
+  ki::os::gettimeofday(&now);
+  const int64_t nowSeconds = now.tv_sec;
+  const int64_t nowMilliseconds = now.tv_usec / 1000;
+  const int64_t period = periodMilliseconds(pSubscriber->fFrameRate);
+  RealCameraProperties& real = *fCameraProperties[pCamera];
+  const int8_t cameraIndex = static_cast<int8_t>(pCamera);
+
+  // First choice: a converted image of this format, no older than one period.
+  int width = 0;
+  int height = 0;
+  setSizeFromResolution(wanted.fResolution, width, height);
+  int index = xLockTheNewestBufferForReading(cameraIndex, width, height, wanted.fColorSpace);
+  if (index >= 0) {
+    OXVisionBuffer* buffer = real.fImageBuffers[index];
+    const std::pair<int64_t, int64_t> stamp = getTimeStamp(*buffer->fImage);
+    if (stamp.first * 1000 - nowSeconds * 1000 + stamp.second / 1000 - nowMilliseconds + period >=
+        0) {
+      wanted.fLockedImage = buffer;  // the raised read count is the subscriber's hold
+      pImage = buffer->fImage;
+      return true;
+    }
+    --buffer->fReadLockCount;
+  }
+
+  // Second choice: a raw image of this very second, no older than one period. Unlike the first
+  // choice, a raw image of the end of the previous second never counts as recent.
+  index = xLockTheNewestBufferForReading(cameraIndex);
+  if (index >= 0) {
+    OXVisionBuffer* raw = real.fRawBuffers[index];
+    const std::pair<int64_t, int64_t> stamp = getTimeStamp(*raw->fImage);
+    if (raw->fImage->fData != nullptr && stamp.first == nowSeconds &&
+        stamp.second / 1000 - nowMilliseconds + period >= 0) {
+      const int converted = xConvertCounted(pCamera, pSubscriber, raw->fImage);
+      --raw->fReadLockCount;
+      if (converted >= 0) {
+        wanted.fLockedImage = real.fImageBuffers[converted];
+        pImage = wanted.fLockedImage->fImage;
+      }
+      return true;  // no image when xConvertImage found no free buffer: it has said why
+    }
+    --raw->fReadLockCount;
+  }
+  return false;
+}
+
+bool OXVisionVideoInput::xGiveRawFramesBack(const std::string& pName,
+                                            const VisionModuleInfo& pSubscriber, int pCamera) {
+  if (pSubscriber.fActiveCamera != -1) {
+    return xReleaseDirectRawImageDeep(pName, pSubscriber.fActiveCamera);
+  }
+  bool released = true;
+  for (int i = 0; i < fNbCameras && released; ++i) {
+    // The camera would take a converted image still held on another camera for its own raw
+    // frame and end that hold: such a camera has no raw frame out and is left alone.
+    if (i != pCamera && xHoldsConvertedImage(pSubscriber, i)) continue;
+    released = xReleaseDirectRawImageDeep(pName, i);
+  }
+  return released;
+}
+
 OXImage* OXVisionVideoInput::xGetImage(const std::string& pName) {
   // Held for the whole call, whatever happens to the map meanwhile.
   boost::shared_ptr<VisionModuleInfo> subscriber = xLookUpSubscriber(
@@ -116,75 +180,27 @@ OXImage* OXVisionVideoInput::xGetImage(const std::string& pName) {
            __LINE__);
   }
   xStartFrameGrabber(camera);
-
-  ki::os::timeval now;
-  ki::os::gettimeofday(&now);
-  const int64_t nowSeconds = now.tv_sec;
-  const int64_t nowMilliseconds = now.tv_usec / 1000;
-  const int64_t period = periodMilliseconds(subscriber->fFrameRate);
-  RealCameraProperties& real = *fCameraProperties[camera];
-  const int8_t cameraIndex = static_cast<int8_t>(camera);
-
-  // First choice: a converted image of this format, no older than one period.
-  int width = 0;
-  int height = 0;
-  setSizeFromResolution(wanted.fResolution, width, height);
-  int index = xLockTheNewestBufferForReading(cameraIndex, width, height, wanted.fColorSpace);
-  if (index >= 0) {
-    OXVisionBuffer* buffer = real.fImageBuffers[index];
-    const std::pair<int64_t, int64_t> stamp = getTimeStamp(*buffer->fImage);
-    if (stamp.first * 1000 - nowSeconds * 1000 + stamp.second / 1000 - nowMilliseconds + period >=
-        0) {
-      wanted.fLockedImage = buffer;  // the raised read count is the subscriber's hold
-      return buffer->fImage;
-    }
-    --buffer->fReadLockCount;
-  }
-
-  // Second choice: a raw image of this very second, no older than one period. Unlike the first
-  // choice, a raw image of the end of the previous second never counts as recent.
-  index = xLockTheNewestBufferForReading(cameraIndex);
-  if (index >= 0) {
-    OXVisionBuffer* raw = real.fRawBuffers[index];
-    const std::pair<int64_t, int64_t> stamp = getTimeStamp(*raw->fImage);
-    if (raw->fImage->fData != nullptr && stamp.first == nowSeconds &&
-        stamp.second / 1000 - nowMilliseconds + period >= 0) {
-      const int converted = xConvertCounted(camera, subscriber, raw->fImage);
-      --raw->fReadLockCount;
-      if (converted < 0) return nullptr;  // xConvertImage has said why
-      wanted.fLockedImage = real.fImageBuffers[converted];
-      return wanted.fLockedImage->fImage;
-    }
-    --raw->fReadLockCount;
-  }
+  OXImage* recent = nullptr;
+  if (xServeRecentImage(subscriber, camera, recent)) return recent;
 
   // Third choice: a new frame from the camera.
   OXImage* rawImage = xGetDirectRawImage(pName, true);
   if (rawImage == nullptr) {
     xLog(
-        4, "xGetImage",
+        kLogInfo, "xGetImage",
         "xGetImage(" + pName + "): Failed to get a new raw image for subscriber \"" + pName + "\"");
     return nullptr;
   }
   const int converted = xConvertCounted(camera, subscriber, rawImage);
   if (xCurrentCamera(*subscriber) != camera) {
-    xLog(2, "xGetImage", "xGetImage(" + pName + "): Module active camera change!");
+    xLog(kLogError, "xGetImage", "xGetImage(" + pName + "): Module active camera change!");
   }
   // The raw frame goes back either way: the converted image no longer needs it.
-  bool released = true;
-  if (subscriber->fActiveCamera != -1) {
-    released = xReleaseDirectRawImageDeep(pName, subscriber->fActiveCamera);
-  } else {
-    for (int i = 0; i < fNbCameras && released; ++i) {
-      // The camera would take a converted image still held on another camera for its own raw
-      // frame and end that hold: such a camera has no raw frame out and is left alone.
-      if (i != camera && xHoldsConvertedImage(*subscriber, i)) continue;
-      released = xReleaseDirectRawImageDeep(pName, i);
-    }
+  if (!xGiveRawFramesBack(pName, *subscriber, camera)) {
+    xLog(kLogError, "xGetImage", "xGetImage(" + pName + "): Unable to release raw image(s).");
   }
-  if (!released) xLog(2, "xGetImage", "xGetImage(" + pName + "): Unable to release raw image(s).");
   if (converted < 0) return nullptr;  // xConvertImage has said why
-  wanted.fLockedImage = real.fImageBuffers[converted];
+  wanted.fLockedImage = fCameraProperties[camera]->fImageBuffers[converted];
   return wanted.fLockedImage->fImage;
 }
 
@@ -196,7 +212,8 @@ std::vector<OXImage*> OXVisionVideoInput::xGetImages(const std::string& pName) {
   for (int camera : subscriber->fActiveCameras) {
     xCheckDeliveryCamera(pName, camera, "xGetImages()", *subscriber, __LINE__);
     if (subscriber->fRequestedProperties[camera]->fLockedImage != nullptr) {
-      xLog(2, "xGetImages", "Previous image " + std::to_string(camera) + " was not released");
+      xLog(kLogError, "xGetImages",
+           "Previous image " + std::to_string(camera) + " was not released");
       return images;
     }
     xStartFrameGrabber(camera);
@@ -214,7 +231,7 @@ std::vector<OXImage*> OXVisionVideoInput::xGetImages(const std::string& pName) {
     const int converted =
         images[i] != nullptr ? xConvertCounted(camera, subscriber, images[i]) : -1;
     if (!xReleaseDirectRawImageDeep(pName, camera)) {
-      xLog(2, "xGetImages", "xGetImage(" + pName + "): Unable to release raw image.");
+      xLog(kLogError, "xGetImages", "xGetImage(" + pName + "): Unable to release raw image.");
     }
     RequestedCameraProperties& wanted = *subscriber->fRequestedProperties[camera];
     if (converted < 0) {
@@ -288,7 +305,7 @@ OXValue OXVisionVideoInput::xJoinedReply(const std::vector<OXImage*>& pImages,
     if (image != nullptr) total += int64_t{image->fWidth} * image->fNbLayers * image->fHeight;
   }
   if (total > kBinaryBufferSize) {
-    xLog(2, pFunction,
+    xLog(kLogError, pFunction,
          std::string(pFunction) + ": " + std::to_string(total) + " bytes of images exceed the " +
              std::to_string(kBinaryBufferSize) + " bytes of the reply buffer");
     return OXValue();

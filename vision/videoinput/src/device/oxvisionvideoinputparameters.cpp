@@ -45,7 +45,7 @@ bool OXVisionVideoInput::xUpdateParam(const int& pCameraIndex) {
   }
 
   if (resolution != camera.fResolution) {
-    xLog(4, "xUpdateParam",
+    xLog(kLogInfo, "xUpdateParam",
          getName() + ": New resolution changed to " + std::to_string(resolution));
     xSetParam(pCameraIndex, kCameraResolutionID, resolution, false);
     camera.fResolution = static_cast<int8_t>(resolution);
@@ -59,7 +59,7 @@ bool OXVisionVideoInput::xUpdateParam(const int& pCameraIndex) {
         ++passes;
       }
       if (buffer.fReadLockCount != 0 && buffer.fWriteLockCount > 1) {
-        xLog(2, "xUpdateParam",
+        xLog(kLogError, "xUpdateParam",
              getName() + ": raw buffer " + std::to_string(i) +
                  " is still being written, its resolution is left unchanged.");
       } else if (buffer.fImage != nullptr) {
@@ -70,7 +70,7 @@ bool OXVisionVideoInput::xUpdateParam(const int& pCameraIndex) {
   }
 
   if (frameRate != camera.fFrameRate) {
-    xLog(4, "xUpdateParam", getName() + ": New framerate: " + std::to_string(frameRate));
+    xLog(kLogInfo, "xUpdateParam", getName() + ": New framerate: " + std::to_string(frameRate));
     xSetParam(pCameraIndex, kCameraFrameRateID, frameRate, false);
     camera.fFrameRate = static_cast<uint8_t>(frameRate);
   }

@@ -491,7 +491,7 @@ void OXVisionVideoInput::xBindDeprecatedMethods() {
 
 bool OXVisionVideoInput::setActiveCamera(const int& pCameraIndex) {
   OXCriticalSectionWrite lock(fVisionModulesLock);
-  xLog(4, "setActiveCamera",
+  xLog(kLogInfo, "setActiveCamera",
        "setActiveCamera(pCamID) is deprecated, use setActiveCamera(subscriber_name, pCamID) in "
        "order to change camera only for the specified subscriber.\n");
   if (pCameraIndex >= 0 && pCameraIndex < fNbCameras) {

@@ -37,7 +37,7 @@ bool OXVisionVideoInput::recordVideo(const std::string& pName, const std::string
   const boost::shared_ptr<VisionModuleInfo> info = xFindRecorder(pName, kUnknownRecorder, __LINE__);
   const int camera = xCurrentCamera(*info);
   if (camera < 0 || camera >= fNbCameras) {
-    xLog(2, "recordVideo",
+    xLog(kLogError, "recordVideo",
          getName() + ": recordVideo(" + pName + "): no camera " + std::to_string(camera));
     return false;
   }

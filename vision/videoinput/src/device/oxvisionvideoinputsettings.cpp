@@ -76,7 +76,7 @@ int OXVisionVideoInput::xSettingCamera(const VisionModuleInfo& pInfo, const char
       camera < static_cast<int>(pInfo.fRequestedProperties.size())) {
     return camera;
   }
-  xLog(2, pFunction,
+  xLog(kLogError, pFunction,
        getName() + ": " + pFunction + "(" + pInfo.fName + "): no camera " + std::to_string(camera));
   return -1;
 }
@@ -110,7 +110,7 @@ bool OXVisionVideoInput::xChangeSetting(const std::string& pName, int pValue, Se
     // Without the lock, so that the subscriber's releaseImage can come in.
     ki::os::usleep(kHeldImageMicroseconds);
   }
-  xLog(2, words.fFunction,
+  xLog(kLogError, words.fFunction,
        words.fGiveUpHead + pName + "), video module didn't release the image for 5s" +
            words.fGiveUpTail);
   return false;
@@ -128,7 +128,7 @@ bool OXVisionVideoInput::xApplySetting(const std::string& pName,
                   : pSetting == Setting::kColorSpace ? wanted.fColorSpace
                                                      : pInfo->fFrameRate;
   // Written before the comparison: a change to the same value stands in the log too.
-  xLog(4, words.fFunction,
+  xLog(kLogInfo, words.fFunction,
        getName() + words.fChanged + pName + "\" from " + std::to_string(old) + " to " +
            std::to_string(pValue));
   if (pValue == old) return true;
@@ -193,7 +193,7 @@ bool OXVisionVideoInput::setActiveCamera(const std::string& pName, const int& pC
   const bool onCamera = current >= 0 && current < fNbCameras;
   // No wait here, unlike the other setters.
   if (onCamera && info->fRequestedProperties[current]->fLockedImage != nullptr) {
-    xLog(2, "setActiveCamera",
+    xLog(kLogError, "setActiveCamera",
          "setActiveCamera(): "
          "Buffer must release before changing camera");
     return false;

@@ -52,7 +52,7 @@ std::string OXVisionVideoInput::xUniqueId(const std::string& pName, bool pMultiS
   if (n != 2) {
     // The two operations name themselves differently here, and the multi-stream notice goes to
     // another category: both stay as they are.
-    xLog(4, pMultiStream ? "subscribeCameras" : "subscribeCamera",
+    xLog(kLogInfo, pMultiStream ? "subscribeCameras" : "subscribeCamera",
          getName() +
              (pMultiStream ? ": subscribe: Name already in use. "
                            : ": subscribeVideoModule: Name already in use. ") +
@@ -67,20 +67,27 @@ std::string OXVisionVideoInput::subscribe(const std::string& pName, const int& p
   return subscribeCamera(pName, -1, pResolution, pColorSpace, pFps);
 }
 
+int OXVisionVideoInput::xSubscribedFrameRate(const char* pFunction, int pFps,
+                                             const std::vector<int>& pResolutions) const {
+  int frameRate = pFps;
+  if (frameRate < kLowestFrameRate) {
+    xLog(kLogWarning, pFunction, kLowFrameRateWarning);
+    frameRate = kLowestFrameRate;
+  }
+  for (int resolution : pResolutions) {
+    if (resolution == k4VGA) {
+      // Logged as a decrease even when 5 was asked, and once per stream in HD.
+      xLog(kLogInfo, pFunction, "FPS is decreased to 5 in HD. Use setFrameRate to increase it");
+      frameRate = kLowestFrameRate;
+    }
+  }
+  return frameRate;
+}
+
 std::string OXVisionVideoInput::subscribeCamera(const std::string& pName, const int& pCameraIndex,
                                                 const int& pResolution, const int& pColorSpace,
                                                 const int& pFps) {
-  int frameRate = pFps;
-  if (frameRate < kLowestFrameRate) {
-    xLog(3, "subscribeCamera", kLowFrameRateWarning);
-    frameRate = kLowestFrameRate;
-  }
-  if (pResolution == k4VGA) {
-    // Logged as a decrease even when 5 was asked.
-    xLog(4, "subscribeCamera",
-         std::string("FPS is decreased to 5 in HD.") + " Use setFrameRate to increase it");
-    frameRate = kLowestFrameRate;
-  }
+  const int frameRate = xSubscribedFrameRate("subscribeCamera", pFps, {pResolution});
 
   int camera;
   {
@@ -137,6 +144,27 @@ std::string OXVisionVideoInput::subscribeCamera(const std::string& pName, const 
   return id;
 }
 
+void OXVisionVideoInput::xCheckStreams(const std::string& pHead, const std::vector<int>& pCameras,
+                                       const std::vector<int>& pResolutions,
+                                       const std::vector<int>& pColorSpaces) const {
+  for (size_t i = 0; i < pCameras.size(); ++i) {
+    // Here -1 does not mean to follow the device.
+    if (pCameras[i] < 0 || pCameras[i] >= fNbCameras) {
+      xRaise("subscribeCameras", "Unknown camera ID", __LINE__);
+    }
+    if (!xIsResolutionValid(pResolutions[i], pCameras[i])) {
+      std::string message = pHead;
+      for (int resolution : pResolutions) message += std::to_string(resolution) + " ";
+      xSubscribeFailed(true, message + " is an invalid Resolution; ", __LINE__);
+    }
+    if (!xIsColorSpaceValid(pColorSpaces[i], pCameras[i])) {
+      std::string message = pHead;
+      for (int colorSpace : pColorSpaces) message += std::to_string(colorSpace) + " ";
+      xSubscribeFailed(true, message + "is not a valid color space", __LINE__);
+    }
+  }
+}
+
 std::string OXVisionVideoInput::subscribeCameras(const std::string& pName,
                                                  const OXValue& pCameraIndexes,
                                                  const OXValue& pResolutions,
@@ -162,33 +190,8 @@ std::string OXVisionVideoInput::subscribeCameras(const std::string& pName,
                          " (using several time the same camera is forbidden)",
                      __LINE__);
   }
-  int frameRate = pFps;
-  if (frameRate < kLowestFrameRate) {
-    xLog(3, "subscribeCameras", kLowFrameRateWarning);
-    frameRate = kLowestFrameRate;
-  }
-  for (int resolution : resolutions) {
-    if (resolution == k4VGA) {
-      xLog(4, "subscribeCameras", "FPS is decreased to 5 in HD. Use setFrameRate to increase it");
-      frameRate = kLowestFrameRate;
-    }
-  }
-  for (size_t i = 0; i < cameras.size(); ++i) {
-    // Here -1 does not mean to follow the device.
-    if (cameras[i] < 0 || cameras[i] >= fNbCameras) {
-      xRaise("subscribeCameras", "Unknown camera ID", __LINE__);
-    }
-    if (!xIsResolutionValid(resolutions[i], cameras[i])) {
-      std::string message = head;
-      for (int resolution : resolutions) message += std::to_string(resolution) + " ";
-      xSubscribeFailed(true, message + " is an invalid Resolution; ", __LINE__);
-    }
-    if (!xIsColorSpaceValid(colorSpaces[i], cameras[i])) {
-      std::string message = head;
-      for (int colorSpace : colorSpaces) message += std::to_string(colorSpace) + " ";
-      xSubscribeFailed(true, message + "is not a valid color space", __LINE__);
-    }
-  }
+  const int frameRate = xSubscribedFrameRate("subscribeCameras", pFps, resolutions);
+  xCheckStreams(head, cameras, resolutions, colorSpaces);
 
   OXCriticalSectionWrite lock(fVisionModulesLock);
   const std::string id = xUniqueId(pName, true);
@@ -267,7 +270,7 @@ void OXVisionVideoInput::unsubscribe(const std::string& pName) {
       if (wait == kForcedReleasePass) {
         xForceReleaseBuffer(pName);
         // The text says one second; the wait is longer, and the text stays.
-        xLog(3, "unsubscribe",
+        xLog(kLogWarning, "unsubscribe",
              getName() + ": Forced release of image by \"" + pName +
                  "\" because it did not release the image after one second.");
       }
@@ -276,7 +279,7 @@ void OXVisionVideoInput::unsubscribe(const std::string& pName) {
     // The lock is given up here so that the holder can reach its release.
     ki::os::usleep(kUnsubscribeWaitMicroseconds);
     if (wait == 0) {
-      xLog(4, "unsubscribe", getName() + ": unregistered \"" + pName + "\"");
+      xLog(kLogInfo, "unsubscribe", getName() + ": unregistered \"" + pName + "\"");
       return;
     }
   }
@@ -305,7 +308,7 @@ void OXVisionVideoInput::onClientDisconnected(const std::string& pEventName, con
     // The video monitor is the one client cleaned up behind its back.
     unsubscribe("VideoMonitorGestura");
   } catch (const OXError& error) {
-    xLog(3, "onClientDisconnected", error.what());
+    xLog(kLogWarning, "onClientDisconnected", error.what());
   }
 }
 

@@ -170,7 +170,7 @@ void OXVisionFileCam::xOpenVideoOrThrow() {
 }
 
 void OXVisionFileCam::xUnableToOpen() {
-  xLog(2, "setVideo", "Unable to open the video file " + fFilePath, kCategory);
+  xLog(kLogError, "setVideo", "Unable to open the video file " + fFilePath, kCategory);
   fVideo.closeVideo();
   throw OXError("VideoDevice", "setVideo", "unable to open the video file", "", 0);
 }
@@ -183,7 +183,7 @@ void OXVisionFileCam::setVideo(const std::string& pFilePath, const OXValue& pRan
   boost::system::error_code error;
   const boost::filesystem::file_status status = boost::filesystem::status(pFilePath, error);
   if (error || status.type() == boost::filesystem::file_not_found) {
-    xLog(2, "setVideo", pFilePath + " file doesn't exist. Return!", kCategory);
+    xLog(kLogError, "setVideo", pFilePath + " file doesn't exist. Return!", kCategory);
     return;
   }
   fFilePath = pFilePath;
@@ -215,7 +215,7 @@ void OXVisionFileCam::setVideo(const std::string& pFilePath, const OXValue& pRan
   // Whatever the file was recorded at: the replay decides its own pace.
   camera.fFrameRate = kReplayFrameRate;
   fVideo.closeVideo();
-  xLog(4, "setVideo", "Setting " + pFilePath + " video file.", kCategory);
+  xLog(kLogInfo, "setVideo", "Setting " + pFilePath + " video file.", kCategory);
 }
 
 bool OXVisionFileCam::xOpenDevice() {
@@ -228,7 +228,7 @@ bool OXVisionFileCam::xOpenDevice() {
 
   const int count = fVideo.getNumberOfImages();
   if (fFirstImage >= count) {
-    xLog(2, "xOpenDevice",
+    xLog(kLogError, "xOpenDevice",
          "Image " + std::to_string(fFirstImage) + " doesn't exist. File has " +
              std::to_string(count) + " images.",
          kCategory);
@@ -272,7 +272,7 @@ void OXVisionFileCam::xAdoptCamera(const OXImage& pImage, const char* pFunction)
     return;
   }
   // A camera the device does not have would index past its tables.
-  xLog(2, pFunction,
+  xLog(kLogError, pFunction,
        "Camera " + std::to_string(camera) + " of the video unknown: camera " +
            std::to_string(fActiveCamera.load()) + " kept.",
        kCategory);

@@ -30,7 +30,7 @@ bool OXVisionFileCam::xReleaseDirectRawImageDeep(const std::string& pId, const i
 }
 
 std::vector<OXImage*> OXVisionFileCam::xGetDirectRawImages(const std::string& pId) {
-  xLog(2, "xGetDirectRawImages",
+  xLog(kLogError, "xGetDirectRawImages",
        "xGetDirectRawImages(" + pId + ") : FileCam doesn't provide MultiStream Management yet",
        kCategory);
   return {};

@@ -42,7 +42,7 @@ bool OXVisionFileCam::xMoveRing(const char* pFunction) {
   }
   fCurrentFrame = current;
   fNextFrame = next;
-  xLog(2, pFunction, "All the frames of the replay are held: no free frame to read into.",
+  xLog(kLogError, pFunction, "All the frames of the replay are held: no free frame to read into.",
        kCategory);
   return false;
 }
@@ -115,7 +115,7 @@ CamBuffer* OXVisionFileCam::xServeFrame(const std::string& pId) {
       break;
     case 2:
     case 3:
-      xLog(1, "xGetDirectRawImage",
+      xLog(kLogFatal, "xGetDirectRawImage",
            "GetDirectRawImage(" + pId + ") : replay mode " + std::to_string(fReplayMode) +
                " not yet implemented. Launch replay mode 1 (synchronized with the inner "
                "clock)...",
@@ -123,7 +123,7 @@ CamBuffer* OXVisionFileCam::xServeFrame(const std::string& pId) {
       fReplayMode = 1;
       break;
     default:
-      xLog(2, "xGetDirectRawImage",
+      xLog(kLogError, "xGetDirectRawImage",
            "GetDirectRawImage(" + pId + ") : replay mode " + std::to_string(fReplayMode) +
                " unknown!",
            kCategory);
@@ -142,14 +142,14 @@ OXImage* OXVisionFileCam::xGetDirectRawImage(const std::string& pId, bool) {
   if (!info) return nullptr;
   const int camera = xCurrentCamera(*info);
   if (camera < 0 || camera >= static_cast<int>(info->fRequestedProperties.size())) {
-    xLog(2, "xGetDirectRawImage",
+    xLog(kLogError, "xGetDirectRawImage",
          "xGetDirectRawImage(" + pId + ") : camera " + std::to_string(camera) + " unknown!",
          kCategory);
     return nullptr;
   }
   RequestedCameraProperties& requested = *info->fRequestedProperties[camera];
   if (requested.fLockedImage != nullptr) {
-    xLog(2, "xGetDirectRawImage", "Previous image not released", kCategory);
+    xLog(kLogError, "xGetDirectRawImage", "Previous image not released", kCategory);
     return nullptr;
   }
   CamBuffer* slot = xServeFrame(pId);
@@ -161,7 +161,7 @@ OXImage* OXVisionFileCam::xGetDirectRawImage(const std::string& pId, bool) {
   // The slot's count stays raised: nobody gives it back, so the slot leaves the ring, and once
   // every slot is out each request logs that all the frames of the replay are held. A replay
   // stands in for the live camera, whose frames are lost the same way on this path.
-  xLog(2, "xGetDirectRawImage",
+  xLog(kLogError, "xGetDirectRawImage",
        "xGetDirectRawImage(" + pId + ") : error trying to find available buffer.", kCategory);
   return nullptr;
 }
@@ -186,7 +186,7 @@ void OXVisionFileCam::previousImage() {
     fCurrentImage -= 2;
     next.fTimeStamp = stamp + 2;
   } else if (fLoop) {
-    xLog(4, "previousImage",
+    xLog(kLogInfo, "previousImage",
          "Loop from index " + std::to_string(fCurrentImage) + " to index " +
              std::to_string(fLastImage - 1),
          kCategory);
@@ -226,13 +226,13 @@ bool OXVisionFileCam::xStartFrameGrabber(const int& pCameraIndex) {
   }
   if (!opened) {
     state = GrabberState::kFailed;
-    xLog(2, "xStartFrameGrabber", "Can't open video file.", kCategory);
+    xLog(kLogError, "xStartFrameGrabber", "Can't open video file.", kCategory);
     throw OXError(getName(), "startFrameGrabber", "Can't open video file.",
                   "vision/videoinput/src/oxvisionfilecam", kGrabberLine);
   }
   state = GrabberState::kRunning;
   ki::os::usleep(kAfterStartMicroseconds);
-  xLog(4, "xStartFrameGrabber", "Done", kCategory);
+  xLog(kLogInfo, "xStartFrameGrabber", "Done", kCategory);
   return true;
 }
 
@@ -242,12 +242,12 @@ bool OXVisionFileCam::xStopFrameGrabber(const int& pCameraIndex) {
   if (state <= GrabberState::kClosing) return true;
   state = GrabberState::kClosing;
   if (!xCloseDevice()) {
-    xLog(2, "xStopFrameGrabber", "Error clothing file", kCategory);
+    xLog(kLogError, "xStopFrameGrabber", "Error clothing file", kCategory);
     state = GrabberState::kFailed;
     return false;
   }
   state = GrabberState::kStopped;
-  xLog(4, "xStopFrameGrabber", "File closed", kCategory);
+  xLog(kLogInfo, "xStopFrameGrabber", "File closed", kCategory);
   ki::os::usleep(kAfterStopMicroseconds);
   return true;
 }

@@ -68,7 +68,7 @@ CameraDriverBuffer* OXVisionSimulatorCam::xDriverBuffer(int pCamera, const char*
   if (pCamera >= 0 && pCamera < static_cast<int>(fCameraDriverBuffers.size())) {
     return fCameraDriverBuffers[pCamera].get();
   }
-  xLog(2, pFunction, getName() + texts::kCameraOutOfRange + std::to_string(pCamera),
+  xLog(kLogError, pFunction, getName() + texts::kCameraOutOfRange + std::to_string(pCamera),
        texts::kCategory);
   return nullptr;
 }
@@ -105,7 +105,7 @@ bool OXVisionSimulatorCam::xIsResolutionValid(const int& pResolution,
     case kMT9M114:
       return resolution <= static_cast<unsigned int>(k4VGA);
     default:
-      xLog(2, "xIsResolutionValid", std::to_string(model) + texts::kUnknownModel,
+      xLog(kLogError, "xIsResolutionValid", std::to_string(model) + texts::kUnknownModel,
            texts::kAtomCategory);
       return false;
   }

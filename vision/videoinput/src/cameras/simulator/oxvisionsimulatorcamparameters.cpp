@@ -57,7 +57,7 @@ bool OXVisionSimulatorCam::xSetParam(int pCameraIndex, int pParam, int pValue, b
     case kCameraResolutionID: {
       const int value = pSetDefault ? fDefaultResolution : pValue;
       if (static_cast<unsigned int>(value) > static_cast<unsigned int>(k4VGA)) {
-        xLog(2, "xSetParam", std::string("xSetParam() ") + texts::kInvalidResolution,
+        xLog(kLogError, "xSetParam", std::string("xSetParam() ") + texts::kInvalidResolution,
              texts::kSimulatorCategory);
         return false;
       }
@@ -86,7 +86,7 @@ bool OXVisionSimulatorCam::xSetParam(int pCameraIndex, int pParam, int pValue, b
         throw OXError(texts::kCameraModule, "setParam()", texts::kInvalidCamera, "", 0);
       }
       if (value == pCameraIndex) {
-        xLog(4, "xSetParam", texts::kSameCamera, texts::kCategory);
+        xLog(kLogInfo, "xSetParam", texts::kSameCamera, texts::kCategory);
         return true;
       }
       const int previous = fActiveCamera;
@@ -106,7 +106,7 @@ bool OXVisionSimulatorCam::xStartFrameGrabber(const int& pCameraIndex) {
   state = GrabberState::kOpening;
   if (!xOpenDevice(pCameraIndex)) {
     state = GrabberState::kFailed;
-    xLog(2, "xStartFrameGrabber", getName() + ": " + texts::kCantOpen, texts::kCategory);
+    xLog(kLogError, "xStartFrameGrabber", getName() + ": " + texts::kCantOpen, texts::kCategory);
     throw OXError(getName(), "startFrameGrabber", texts::kCantOpen, texts::kGrabberSource,
                   texts::kGrabberLine);
   }
@@ -121,7 +121,7 @@ bool OXVisionSimulatorCam::xStopFrameGrabber(const int& pCameraIndex) {
   if (state <= GrabberState::kClosing) return true;
   state = GrabberState::kClosing;
   if (!xCloseDevice(pCameraIndex)) {
-    xLog(2, "xStopFrameGrabber", getName() + ": " + texts::kErrorClosing, texts::kCategory);
+    xLog(kLogError, "xStopFrameGrabber", getName() + ": " + texts::kErrorClosing, texts::kCategory);
     state = GrabberState::kFailed;
     return false;
   }

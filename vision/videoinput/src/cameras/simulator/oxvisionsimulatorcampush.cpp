@@ -83,7 +83,7 @@ bool OXVisionSimulatorCam::xSetSimCamInputSize(const int& pWidth, const int& pHe
     if (size.fWidth == pWidth && size.fHeight == pHeight) resolution = size.fResolution;
   }
   if (resolution < 0) {
-    xLog(2, "xSetSimCamInputSize", texts::kUnknownResolution, texts::kCategory);
+    xLog(kLogError, "xSetSimCamInputSize", texts::kUnknownResolution, texts::kCategory);
     return false;
   }
   CameraDriverBuffer& store = *fCameraDriverBuffers[pCameraIndex];
@@ -108,7 +108,7 @@ bool OXVisionSimulatorCam::xPutImage(const OXValue& pImage, const int& pCameraIn
   const int size = pImage.isBinary() || pImage.isString() ? pImage.getSize() : 0;
   if (pImage.isBinary()) {
     if (size != width * 3 * height) {
-      xLog(2, "xPutImage", texts::kWrongDataSize, texts::kCategory);
+      xLog(kLogError, "xPutImage", texts::kWrongDataSize, texts::kCategory);
       return false;
     }
     source = pImage.GetBinary();
@@ -117,14 +117,14 @@ bool OXVisionSimulatorCam::xPutImage(const OXValue& pImage, const int& pCameraIn
     const uint32_t length = static_cast<uint32_t>(size);
     if (length < maxReceivedData) return false;
     if (length > static_cast<uint32_t>(kInputCapacity)) {
-      xLog(2, "xPutImage", texts::kStringTooLong, texts::kCategory);
+      xLog(kLogError, "xPutImage", texts::kStringTooLong, texts::kCategory);
       return false;
     }
-    xLog(2, "xPutImage", texts::kImageUpdated, texts::kCategory);
+    xLog(kLogError, "xPutImage", texts::kImageUpdated, texts::kCategory);
     maxReceivedData = length;
     source = static_cast<const std::string&>(pImage).data();
   } else {
-    xLog(2, "xPutImage", texts::kNotBinaryNorString, texts::kCategory);
+    xLog(kLogError, "xPutImage", texts::kNotBinaryNorString, texts::kCategory);
     return false;
   }
 
@@ -132,7 +132,7 @@ bool OXVisionSimulatorCam::xPutImage(const OXValue& pImage, const int& pCameraIn
   const int target = store->fLastInputBuffer == 0 ? 1 : 0;
   OXImage* image = store->fInputBuffers[target]->fImage;
   if (image == nullptr || image->fData == nullptr) {
-    xLog(2, "xPutImage", texts::kMemcopyFailed, texts::kCategory);
+    xLog(kLogError, "xPutImage", texts::kMemcopyFailed, texts::kCategory);
     return false;
   }
   std::memcpy(image->fData, source, static_cast<size_t>(size));

@@ -51,13 +51,13 @@ OXVisionBuffer* OXVisionSimulatorCam::xNewestFrame(CameraDriverBuffer& pStore, i
       if (frames[i]->fReadLockCount <= 0) index = static_cast<int>(i);
     }
     if (index < 0) {
-      xLog(2, pOperation, pHead + texts::kNoRawBuffer, texts::kCategory);
+      xLog(kLogError, pOperation, pHead + texts::kNoRawBuffer, texts::kCategory);
       return nullptr;
     }
   }
   OXImage& frame = *frames[index]->fImage;
   if (!xReSize(pCamera, input, frame.fData)) {
-    xLog(2, pOperation, pHead + texts::kResizingError, texts::kCategory);
+    xLog(kLogError, pOperation, pHead + texts::kResizingError, texts::kCategory);
     return nullptr;
   }
   frame.fTimeStamp = input.fTimeStamp;
@@ -80,8 +80,8 @@ OXImage* OXVisionSimulatorCam::xTakeRawImage(const std::string& pId, VisionModul
       ki::os::usleep(kFirstFrameMicroseconds);
     }
     if (store->fLastInputBuffer == -1) {
-      xLog(2, pOperation, getName() + texts::kNoImageHead + quoted(pId) + texts::kNoImageTail,
-           texts::kCategory);
+      xLog(kLogError, pOperation,
+           getName() + texts::kNoImageHead + quoted(pId) + texts::kNoImageTail, texts::kCategory);
       return nullptr;
     }
   }
@@ -96,10 +96,11 @@ OXImage* OXVisionSimulatorCam::xTakeRawImage(const std::string& pId, VisionModul
   // in for the robot's camera driver, which loses the frame the same way: a client meets the
   // same failures here as on the robot.
   if (pMultiStream) {
-    xLog(2, pOperation, texts::kNoOutputBufferPluralHead + pId + texts::kNoOutputBufferPlural,
+    xLog(kLogError, pOperation,
+         texts::kNoOutputBufferPluralHead + pId + texts::kNoOutputBufferPlural,
          texts::kSimulatorCategory);
   } else {
-    xLog(2, pOperation, head + texts::kNoOutputBuffer, texts::kCategory);
+    xLog(kLogError, pOperation, head + texts::kNoOutputBuffer, texts::kCategory);
   }
   return nullptr;
 }
@@ -112,7 +113,7 @@ OXImage* OXVisionSimulatorCam::xGetDirectRawImage(const std::string& pId, bool) 
   const int camera = xCurrentCamera(*info);
   if (xDriverBuffer(camera, "xGetDirectRawImage") == nullptr) return nullptr;
   if (info->fRequestedProperties[camera]->fLockedImage != nullptr) {
-    xLog(2, "xGetDirectRawImage",
+    xLog(kLogError, "xGetDirectRawImage",
          getName() + texts::kNotReleasedHead + quoted(pId) + texts::kNotReleasedTail,
          texts::kCategory);
     return nullptr;
@@ -129,7 +130,7 @@ std::vector<OXImage*> OXVisionSimulatorCam::xGetDirectRawImages(const std::strin
   for (int camera : info->fActiveCameras) {
     if (xDriverBuffer(camera, "xGetDirectRawImages") == nullptr) return images;
     if (info->fRequestedProperties[camera]->fLockedImage != nullptr) {
-      xLog(2, "xGetDirectRawImages",
+      xLog(kLogError, "xGetDirectRawImages",
            texts::kPreviousImage + std::to_string(camera) + texts::kPreviousImageTail,
            texts::kAtomCategory);
       return images;

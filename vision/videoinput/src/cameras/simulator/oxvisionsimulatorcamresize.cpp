@@ -31,7 +31,7 @@ bool OXVisionSimulatorCam::xReSize(int pCamera, OXImage& pSource, unsigned char*
     return true;
   }
   if (in < kQQVGA || in > k4VGA) {
-    xLog(2, "xReSize", texts::kNativeUnsupported, texts::kCategory);
+    xLog(kLogError, "xReSize", texts::kNativeUnsupported, texts::kCategory);
     return false;
   }
   // The size asked is that of the device's active camera, not of pCamera: kept as designed. An
