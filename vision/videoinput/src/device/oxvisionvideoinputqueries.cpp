@@ -123,7 +123,8 @@ int OXVisionVideoInput::sizesToResolution(const int& pWidth, const int& pHeight)
   return getResolutionFromSize(pWidth, pHeight);
 }
 
-// The simulator overrides these; three of them borrow the label of putImage on purpose.
+// The simulator overrides these; three of them raise under the label of putImage, the text that
+// clients of the other sources already catch.
 bool OXVisionVideoInput::putImage(const int&, const int&, const int&, const OXValue&) {
   xThrow("putImage()", texts::kOnlySimulator, __LINE__);
 }

@@ -14,7 +14,8 @@ constexpr texts::SubscriberCheck kGetDirectRawImageLocal = {"getDirectRawImageLo
                                                             "getDirectRawImageLocal(", false,
                                                             "use getDirectRawImagesLocal instead"};
 
-// releaseDirectRawImage refuses the other family without the comma of its neighbours: kept.
+// releaseDirectRawImage refuses the other family without the comma of its neighbours: clients
+// match the texts as they read, so this one keeps its own.
 constexpr const char* kReleaseMethod = "releaseDirectRawImage()";
 constexpr const char* kReleaseWrongFamily =
     "Multi stream module can't call this method use releaseDirectRawImages instead";

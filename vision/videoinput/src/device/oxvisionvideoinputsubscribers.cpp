@@ -51,7 +51,7 @@ std::string OXVisionVideoInput::xUniqueId(const std::string& pName, bool pMultiS
   }
   if (n != 2) {
     // The two operations name themselves differently here, and the multi-stream notice goes to
-    // another category: both stay as they are.
+    // another category: log readers filter on both, so both stay.
     xLog(kLogInfo, pMultiStream ? "subscribeCameras" : "subscribeCamera",
          getName() +
              (pMultiStream ? ": subscribe: Name already in use. "
@@ -288,7 +288,9 @@ void OXVisionVideoInput::unsubscribe(const std::string& pName) {
 void OXVisionVideoInput::unsubscribeAllInstances(const std::string& pName) {
   OXCriticalSectionWrite lock(fVisionModulesLock);
   if (fVisionModules.count(pName) != 0) unsubscribe(pName);
-  // Stops one short of the instance with suffix 8, which stays; that is kept as it is.
+  // Stops one short of the instance with suffix 8: a client that subscribed eight times under
+  // one name keeps that last instance and must unsubscribe it by its id. Clients count their
+  // instances with this in mind, so it stays.
   for (int n = 2; n < kMaxInstances; ++n) {
     const std::string id = pName + "_" + std::to_string(n);
     if (fVisionModules.count(id) != 0) unsubscribe(id);

@@ -71,7 +71,7 @@ using Camera = CameraCheck;
 constexpr const char* kMultiStreamRefused = "Multi stream module can't call this method, ";
 constexpr const char* kMonoStreamRefused = "Mono stream module can't call this method, ";
 
-// The plural operations share the "get" piece on purpose.
+// The plural operations share the "get" piece: clients match these texts as they read.
 constexpr Subscriber kGetCameraParameter = {"getCameraParameter()", "getCameraParameter(", false,
                                             "use getCamerasParameter instead"};
 constexpr Subscriber kSetCameraParameter = {"setCameraParameter()", "setCameraParameter(", false,
@@ -87,7 +87,8 @@ constexpr Subscriber kSetCamerasParameterToDefault = {"setCamerasParameterToDefa
                                                       "getCamerasParameter(", true,
                                                       "use setCameraParameterToDefault instead"};
 
-// isFrameGrabberOff reports with the words of stopFrameGrabber on purpose.
+// isFrameGrabberOff reports with the words of stopFrameGrabber: clients match the text as it
+// reads.
 constexpr Camera kGetCameraModel = {"getCameraModel(", "getCameraModel()"};
 constexpr Camera kIsFrameGrabberOff = {"stopFrameGrabber(", "isFrameGrabberOff()"};
 constexpr Camera kGetFrameRate = {"getFrameRate(", "getFrameRate()"};

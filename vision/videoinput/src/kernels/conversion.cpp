@@ -33,8 +33,9 @@ constexpr int kBlueFromU = 516;
 constexpr int kShift = 8;
 
 // The channel differences of the hue, scaled by 256, on the raw bytes with the bias folded in.
-// Green has its U and V coefficients swapped against the RGB kernels; that is kept, so the hue
-// of a colour does not agree exactly with its RGB conversion.
+// Green has its U and V coefficients swapped against the RGB kernels, so the hue of a colour
+// does not agree exactly with its RGB conversion. Vision modules that take kHsy, kHSY, kH2RGB or
+// kHSMixed images are tuned to these hues, so the coefficients stay.
 struct Linear {
   int fU;
   int fV;

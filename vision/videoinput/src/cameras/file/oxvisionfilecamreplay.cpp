@@ -20,6 +20,9 @@ constexpr unsigned int kRingWaitMicroseconds = 500;
 constexpr unsigned int kAfterStartMicroseconds = 100;
 constexpr unsigned int kAfterStopMicroseconds = 500;
 constexpr unsigned int kOpeningPollMicroseconds = 500000;
+// The source file and line that the error of a failed start names. They are fixed texts, not
+// where this code lives: clients compare the whole error, file and line included.
+constexpr const char* kGrabberSource = "vision/videoinput/src/oxvisionfilecam";
 constexpr int kGrabberLine = 351;
 
 }  // namespace
@@ -177,7 +180,9 @@ void OXVisionFileCam::previousImage() {
   OXImage& current = xSlot(fCurrentFrame);
   OXImage& next = xSlot(fNextFrame);
   if (fCurrentImage > fFirstImage) {
-    // Two steps back and one forward leave fCurrentImage one behind the reader: as designed.
+    // Two steps back and one forward leave fCurrentImage one behind the reader: after a step
+    // back the replay counts one image less than it serves, so a loop back to the start comes
+    // one request late. Users step through recordings by this count, so it stays.
     fVideo.getPrecedingFrame(&current, false);
     fVideo.getPrecedingFrame(&current, false);
     current.fTimeStamp = stamp + 1;
@@ -227,8 +232,8 @@ bool OXVisionFileCam::xStartFrameGrabber(const int& pCameraIndex) {
   if (!opened) {
     state = GrabberState::kFailed;
     xLog(kLogError, "xStartFrameGrabber", "Can't open video file.", kCategory);
-    throw OXError(getName(), "startFrameGrabber", "Can't open video file.",
-                  "vision/videoinput/src/oxvisionfilecam", kGrabberLine);
+    throw OXError(getName(), "startFrameGrabber", "Can't open video file.", kGrabberSource,
+                  kGrabberLine);
   }
   state = GrabberState::kRunning;
   ki::os::usleep(kAfterStartMicroseconds);

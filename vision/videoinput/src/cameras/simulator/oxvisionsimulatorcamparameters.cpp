@@ -80,8 +80,9 @@ bool OXVisionSimulatorCam::xSetParam(int pCameraIndex, int pParam, int pValue, b
     }
     case kCameraSelectID: {
       const int value = pSetDefault ? kDefaultCamera : pValue;
-      // One past the last camera passes on purpose; the operations that use the active camera
-      // refuse it themselves.
+      // One past the last camera passes: a client may select it, and the operations that use the
+      // active camera then refuse it themselves (docs/deviations.md, "A camera index outside
+      // the cameras"). Clients that probe the cameras this way expect the selection to succeed.
       if (!pSetDefault && (value < 0 || value > fNbCameras)) {
         throw OXError(texts::kCameraModule, "setParam()", texts::kInvalidCamera, "", 0);
       }

@@ -113,7 +113,9 @@ bool OXVisionSimulatorCam::xPutImage(const OXValue& pImage, const int& pCameraIn
     }
     source = pImage.GetBinary();
   } else if (pImage.isString()) {
-    // A string is measured only against the longest one accepted so far, on purpose.
+    // A string is measured only against the longest one accepted so far, not against the size
+    // declared: a pusher sees a shorter string refused (false, no record). Simulators that send
+    // strings send one size for a whole run, which is the contract they are written against.
     const uint32_t length = static_cast<uint32_t>(size);
     if (length < maxReceivedData) return false;
     if (length > static_cast<uint32_t>(kInputCapacity)) {

@@ -34,8 +34,12 @@ bool OXVisionSimulatorCam::xReSize(int pCamera, OXImage& pSource, unsigned char*
     xLog(kLogError, "xReSize", texts::kNativeUnsupported, texts::kCategory);
     return false;
   }
-  // The size asked is that of the device's active camera, not of pCamera: kept as designed. An
-  // active camera outside the table has no resolution, like an unknown one.
+  // The size asked is that of the device's active camera, not of pCamera: with two cameras at
+  // different resolutions, the other camera's frames come at the active camera's size, and a
+  // frame pushed at pCamera's own size but another than the active camera's is refused (a
+  // "resizing error" for the caller). The simulator's clients drive both cameras at one size,
+  // as the robot's driver requires, so this stays. An active camera outside the table has no
+  // resolution, like an unknown one (docs/deviations.md, "A camera index outside the cameras").
   const int active = fActiveCamera;
   if (active < 0 || active >= static_cast<int>(fCameraProperties.size())) return false;
   const int out = fCameraProperties[active]->fResolution;

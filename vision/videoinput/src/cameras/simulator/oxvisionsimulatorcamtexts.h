@@ -12,6 +12,8 @@ constexpr const char* kSimulatorCategory = "vision.oxvisionsimulator";
 constexpr const char* kAtomCategory = "vision.oxvisionatomcam";
 
 constexpr const char* kModuleName = "OXVideoDevice";
+// The source file and line that the error of a failed start names. They are fixed texts, not
+// where this code lives: clients compare the whole error, file and line included.
 constexpr const char* kGrabberSource = "vision/videoinput/src/oxvisionsimulatorcam";
 constexpr int kGrabberLine = 141;
 
