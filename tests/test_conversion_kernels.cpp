@@ -19,14 +19,7 @@ using vitest::kSentinel;
 using vitest::randomFrame;
 using vitest::rgbOf;
 
-// Every test runs with each kernel variant forced in turn.
-class Conversion : public ::testing::TestWithParam<OX::KernelVariant> {
- protected:
-  void SetUp() override { ASSERT_TRUE(OX::conversionkernels::forceKernelsForTesting(GetParam())); }
-  void TearDown() override {
-    OX::conversionkernels::forceKernelsForTesting(OX::KernelVariant::kAutomatic);
-  }
-};
+using Conversion = vitest::KernelVariants<OX::conversionkernels::forceKernelsForTesting>;
 
 // Runs one plane loop from an exactly sized source into an exactly sized, sentinel-filled target,
 // so that AddressSanitizer sees any byte outside either.
@@ -176,7 +169,6 @@ TEST_P(Conversion, EveryYuvTripleMatchesTheFormulas) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Variants, Conversion, ::testing::ValuesIn(OX::supportedKernelVariants()),
-                         [](const auto& pInfo) { return OX::kernelVariantName(pInfo.param); });
+VI_EVERY_KERNEL_VARIANT(Conversion);
 
 }  // namespace

@@ -12,14 +12,7 @@ using vitest::Bytes;
 using vitest::expectedResampling;
 using vitest::putPair;
 
-// Every test runs with each kernel variant forced in turn.
-class Resampling : public ::testing::TestWithParam<OX::KernelVariant> {
- protected:
-  void SetUp() override { ASSERT_TRUE(OX::resamplingkernels::forceKernelsForTesting(GetParam())); }
-  void TearDown() override {
-    OX::resamplingkernels::forceKernelsForTesting(OX::KernelVariant::kAutomatic);
-  }
-};
+using Resampling = vitest::KernelVariants<OX::resamplingkernels::forceKernelsForTesting>;
 
 // The hand-checked anchors: black, white and pure red, each in a pair of identical pixels so
 // that the means are the pixel's own U and V.
@@ -94,7 +87,6 @@ TEST_P(Resampling, PlaneLoopsOnAwkwardSizesAndOtherRatios) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Variants, Resampling, ::testing::ValuesIn(OX::supportedKernelVariants()),
-                         [](const auto& pInfo) { return OX::kernelVariantName(pInfo.param); });
+VI_EVERY_KERNEL_VARIANT(Resampling);
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include <random>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "kernels/kernelchoice.h"
 #include "oxtypes.h"
 
@@ -25,6 +27,17 @@ namespace vitest {
 
 using Bytes = std::vector<unsigned char>;
 constexpr unsigned char kSentinel = 0xA5;
+
+// A test of one kernel family that runs with each variant, forced through kForce, in turn.
+template <bool (*kForce)(OX::KernelVariant)>
+class KernelVariants : public ::testing::TestWithParam<OX::KernelVariant> {
+ protected:
+  void SetUp() override { ASSERT_TRUE(kForce(GetParam())); }
+  void TearDown() override { kForce(OX::KernelVariant::kAutomatic); }
+};
+#define VI_EVERY_KERNEL_VARIANT(Suite)                                                          \
+  INSTANTIATE_TEST_SUITE_P(Variants, Suite, ::testing::ValuesIn(OX::supportedKernelVariants()), \
+                           [](const auto& pInfo) { return OX::kernelVariantName(pInfo.param); })
 inline constexpr int kAllSpaces[] = {OX::kYuv, OX::kHsy, OX::kYUV422, OX::kYUV,   OX::kRGB,
                                      OX::kHSY, OX::kBGR, OX::kYYCbCr, OX::kH2RGB, OX::kHSMixed};
 
