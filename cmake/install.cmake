@@ -47,7 +47,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/framework/ DESTINATION ${VI_INSTALL_INCL
   FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/liboxvalue/oxvalue/detail/
   DESTINATION ${VI_INSTALL_INCLUDEDIR}/oxvalue/detail FILES_MATCHING PATTERN "*.h")
-install(FILES ${PROJECT_SOURCE_DIR}/vision/videoinput/src/ivideoinput.h
+install(FILES ${PROJECT_SOURCE_DIR}/vision/videoinput/src/device/ivideoinput.h
   DESTINATION ${VI_INSTALL_INCLUDEDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/share/preferences/ DESTINATION ${VI_INSTALL_PREFERENCESDIR})
 

@@ -21,7 +21,8 @@ struct Record {
   std::string message;
 };
 
-// The levels by name.
+// The levels by name; -1 as a threshold lets no record through.
+constexpr int kLogSilent = -1;
 constexpr int kLogFatal = 1;
 constexpr int kLogError = 2;
 constexpr int kLogWarning = 3;

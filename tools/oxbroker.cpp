@@ -133,11 +133,11 @@ int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOption
     return kExitNotServing;
   }
   std::cout << kProgram << ": listening on " << host.getUrl() << std::endl;
-  ki::log::LogStream(oxtools::kLogInfo, kCategory, "", "serve", 0)
+  ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
       << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl();
   int received = 0;
   sigwait(&pStopSignals, &received);
-  ki::log::LogStream(oxtools::kLogInfo, kCategory, "", "serve", 0)
+  ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
       << "stopping on signal " << received;
   host.stop();
   return oxtools::kExitOk;

@@ -123,7 +123,7 @@ void CommandLine::addLogOptions() {
   addNumber("--log-level", fLogLevel, "N",
             "log records of level N or more important to stderr (-1 none, 2 error, 3 warning, "
             "4 information, 5 verbose, 6 debug)",
-            static_cast<int>(kLogSilent), 6);
+            ki::log::kLogSilent, ki::log::kLogDebug);
   add_flag("--log-json", fLogJson, "log records as JSON lines: level, category, function, message");
 }
 

@@ -8,15 +8,14 @@
 #include <functional>
 #include <string>
 
+#include "kilog.h"
+
 namespace oxtools {
 
 constexpr const char* kDefaultUrl = "tcp://127.0.0.1:7761";
 
 // 1 for a bad command line, 2 for a failure at run time (an OXError among others).
 enum ExitCode : int { kExitOk = 0, kExitUsage = 1, kExitFailure = 2 };
-
-// The levels of ki::log that the tools name; a lower number is more important.
-enum LogLevel : int { kLogSilent = -1, kLogError = 2, kLogWarning = 3, kLogInfo = 4 };
 
 // A bad command line found after parsing: the message goes to stderr with a pointer to --help,
 // and the tool exits 1.
@@ -58,7 +57,7 @@ class CommandLine : public CLI::App {
   // False when the help was asked for and printed.
   bool parse(int pArgc, char** pArgv);
 
-  int fLogLevel = kLogWarning;
+  int fLogLevel = ki::log::kLogWarning;
   bool fLogJson = false;
 };
 
