@@ -218,36 +218,37 @@ void yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, 
 constexpr Kernels kReference = {yuvRow,       hsyRow,       yuv422Row, yuvPackedRow, rgbRow<0, 2>,
                                 hsyPackedRow, rgbRow<2, 0>, yycbcrRow, h2rgbRow,     hsMixedRow};
 
-// A vector kernel on the whole blocks of the row, then the reference on the macro-pixels left.
+// A vector kernel on the whole blocks of the row, then the reference on the macro-pixels left; a
+// macro-pixel advances kSourceBytes * step source bytes.
 using Fast = int (*)(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
-template <Fast kFast, Row kScalar, int kTargetBytes>
+template <Fast kFast, Row kScalar, int kTargetBytes, int kSourceBytes = 4>
 void vectorRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
   const int done = kFast(pSource, pStep, pTarget, pCount);
-  kScalar(pSource + ptrdiff_t{4} * pStep * done, pStep, pTarget + ptrdiff_t{kTargetBytes} * done,
-          pCount - done);
+  kScalar(pSource + ptrdiff_t{kSourceBytes} * pStep * done, pStep,
+          pTarget + ptrdiff_t{kTargetBytes} * done, pCount - done);
 }
 
-// The hue kernels stay scalar in every variant.
-template <Fast kYuv, Fast kYUV422, Fast kYUV, Fast kRGB, Fast kBGR>
+// The kernels of one instruction set, in the order of Kernels.
+template <Fast kYuv, Fast kHsy, Fast kYUV422, Fast kYUV, Fast kRGB, Fast kHSY, Fast kBGR,
+          Fast kYYCbCr, Fast kH2RGB, Fast kHSMixed>
 constexpr Kernels vectorKernels() {
-  return {vectorRow<kYuv, yuvRow, 2>,
-          hsyRow,
-          vectorRow<kYUV422, yuv422Row, 4>,
-          vectorRow<kYUV, yuvPackedRow, 6>,
-          vectorRow<kRGB, rgbRow<0, 2>, 6>,
-          hsyPackedRow,
-          vectorRow<kBGR, rgbRow<2, 0>, 6>,
-          yycbcrRow,
-          h2rgbRow,
-          hsMixedRow};
+  return {vectorRow<kYuv, yuvRow, 2>,       vectorRow<kHsy, hsyRow, 2, 2>,
+          vectorRow<kYUV422, yuv422Row, 4>, vectorRow<kYUV, yuvPackedRow, 6>,
+          vectorRow<kRGB, rgbRow<0, 2>, 6>, vectorRow<kHSY, hsyPackedRow, 6>,
+          vectorRow<kBGR, rgbRow<2, 0>, 6>, vectorRow<kYYCbCr, yycbcrRow, 4>,
+          vectorRow<kH2RGB, h2rgbRow, 6>,   vectorRow<kHSMixed, hsMixedRow, 6>};
 }
 
 namespace sse41 = simd::sse41;
 namespace avx2 = simd::avx2;
-constexpr Kernels kSse41 = vectorKernels<sse41::yuvRow, sse41::yuv422Row, sse41::yuvPackedRow,
-                                         sse41::rgbRow, sse41::bgrRow>();
+constexpr Kernels kSse41 =
+    vectorKernels<sse41::yuvRow, sse41::hsyRow, sse41::yuv422Row, sse41::yuvPackedRow,
+                  sse41::rgbRow, sse41::hsyPackedRow, sse41::bgrRow, sse41::yycbcrRow,
+                  sse41::h2rgbRow, sse41::hsMixedRow>();
 constexpr Kernels kAvx2 =
-    vectorKernels<avx2::yuvRow, avx2::yuv422Row, avx2::yuvPackedRow, avx2::rgbRow, avx2::bgrRow>();
+    vectorKernels<avx2::yuvRow, avx2::hsyRow, avx2::yuv422Row, avx2::yuvPackedRow, avx2::rgbRow,
+                  avx2::hsyPackedRow, avx2::bgrRow, avx2::yycbcrRow, avx2::h2rgbRow,
+                  avx2::hsMixedRow>();
 
 KernelChoice<Kernels> gChoice(kReference, kSse41, kAvx2);
 

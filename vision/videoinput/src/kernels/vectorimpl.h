@@ -37,33 +37,41 @@ struct Step {
 constexpr int kBlock = 4;
 constexpr int kPerLoop = kBlock * kLanes;
 
-// The lane's four source macro-pixels as 16 contiguous bytes: every second one at step 2.
+// The lane's four source macro-pixels as 16 contiguous bytes: every second one at step 2, from
+// loads that end with the last of them.
 template <int kStep>
 inline V block(const unsigned char* pSource) {
   if constexpr (kStep == 1) {
     return lanes(pSource, 16);
   } else {
-    return evenDwords(lanes(pSource, 32), lanes(pSource + 16, 32));
+    return evenOddDwords(lanes(pSource, 32), lanes(pSource + 12, 32));
   }
 }
 
-// Runs pBody on the whole blocks of the row at step 1 or 2 and returns the macro-pixels done.
-// The loads of a block end at the last byte of its last macro-pixel (at step 2, 4 bytes into the
-// macro-pixel after it), which the reference does not read when it stops short of it (kYuv at
-// step 1, every kernel at step 2): then one more macro-pixel must follow.
-template <int kTargetBytes, bool kReadsWholeMacroPixel, class Body>
+// Runs pBody on the whole blocks of the row at step 1 or 2 and returns the macro-pixels done. A
+// destination macro-pixel advances kSource * step source bytes. Where the loads of a block end
+// beyond the last byte that the reference reads for the block's macro-pixels, kSpare1 (at step 1)
+// or kSpare2 (at step 2) more macro-pixels must follow, whose reads by the reference reach as far.
+template <int kTargetBytes, int kSource, int kSpare1, int kSpare2, class Body>
 int rows(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount, Body pBody) {
   if (pStep != 1 && pStep != 2) return 0;
-  const int usable = pStep == 1 && kReadsWholeMacroPixel ? pCount : pCount - 1;
+  const int usable = pCount - (pStep == 1 ? kSpare1 : kSpare2);
   const int done = usable <= 0 ? 0 : usable / kPerLoop * kPerLoop;
   for (int i = 0; i < done; i += kPerLoop) {
     if (pStep == 1) {
-      pBody(Step<1>(), pSource + 4 * i, pTarget + kTargetBytes * i);
+      pBody(Step<1>(), pSource + kSource * i, pTarget + kTargetBytes * i);
     } else {
-      pBody(Step<2>(), pSource + 8 * i, pTarget + kTargetBytes * i);
+      pBody(Step<2>(), pSource + 2 * kSource * i, pTarget + kTargetBytes * i);
     }
   }
   return done;
+}
+
+// The kernels that read whole macro-pixels through block(), which reads no further.
+template <int kTargetBytes, class Body>
+int wholeRows(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount,
+              Body pBody) {
+  return rows<kTargetBytes, 4, 0, 0>(pSource, pStep, pTarget, pCount, pBody);
 }
 
 // One channel of eight pixels, in 16-bit lanes. With the luma factor 298 = 256 + 42 and a
@@ -77,7 +85,7 @@ inline V channel(V pWhole, short pWholeOffset, V pRest, short pRestOffset) {
 // Both pixels of each macro-pixel to RGB (kBgr false) or BGR: 24 bytes per lane.
 template <bool kBgr>
 int rgbRows(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
-  return rows<6, true>(
+  return wholeRows<6>(
       pSource, pStep, pTarget, pCount,
       [](auto pStepTag, const unsigned char* pIn, unsigned char* pOut) {
         const V x = block<decltype(pStepTag)::kValue>(pIn);
@@ -104,6 +112,110 @@ int rgbRows(const unsigned char* pSource, int pStep, unsigned char* pTarget, int
             shuffle8(last, mask(kZ, 5, kZ, kZ, 6, kZ, kZ, 7, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ)));
         store24(pOut, out0, out1);
       });
+}
+
+// --- The hue family: one hue per macro-pixel, in 32-bit lanes, four macro-pixels per lane ---
+
+// Two signed 16-bit factors (for madd16), repeated over the register.
+inline V pair16(int pLow, int pHigh) {
+  return splat32(static_cast<int>((static_cast<unsigned>(pHigh) << 16) |
+                                  (static_cast<unsigned>(pLow) & 0xFFFFu)));
+}
+
+// pU * U + pV * V + pOffset, from U in the low and V in the high half of each 32-bit lane.
+inline V linear(V pUv, int pU, int pV, int pOffset) {
+  return add32(madd16(pUv, pair16(pU, pV)), splat32(pOffset));
+}
+
+// U and V of each macro-pixel of a block as the halves of its 32-bit lane.
+inline V chromaOf(V pBlock) {
+  return shuffle8(pBlock, mask(1, kZ, 3, kZ, 5, kZ, 7, kZ, 9, kZ, 11, kZ, 13, kZ, 15, kZ));
+}
+
+struct HueLanes {
+  V fHue;        // its low byte is stored
+  V fNumerator;  // of the saturation: 255 times the channel difference, 0 for grey
+  F fBiased;     // the numerator as a float, a little too large: see saturationOf()
+  V fChroma;     // the chroma part of the saturation's denominator
+};
+
+// The hue of each lane, as the reference's seven cases give it. With a = red - green and
+// b = green - blue, c = red - blue is a + b, and the cases fall into three sectors:
+//   red (a > 0, c > 0): cases 1 and 2, n = b, d = max(a, c), offset 0 if b > 0, else -1;
+//   blue (else, b < 0): cases 3 and 4, n = a, d = -min(b, c), offset -85;
+//   green (the rest): cases 5 and 6, n = -|c|, d = b if c > 0, else a, offset 85; and grey,
+//   a = b = c = 0, the only d of 0, with hue 0 and no saturation.
+// The hue is n * 85 / (2 d), truncated, plus the offset; the saturation's numerator 255 |d|,
+// its denominator's chroma part that of red, green (red - a) or blue (red - c).
+// In floats the quotient is exact enough: 42.5 n and d are exact (|85 n| < 2^24), and the
+// rounding error of the division, below 43 * 2^-24, is smaller than the distance 1 / (2 |d|),
+// above 4e-6, of a quotient that is no integer from the next integer: truncation agrees.
+inline HueLanes hueOf(V pUv) {
+  const V zero = splat32(0);
+  const V a = linear(pUv, 208, 509, -91776);
+  const V b = linear(pUv, -724, -100, 105472);
+  const V c = add32(a, b);
+  const V bPositive = cmpgt32(b, zero), blue = cmpgt32(zero, b), cPositive = cmpgt32(c, zero);
+  const V red = and128(cmpgt32(a, zero), cPositive);
+  const auto sector = [&](V pGreen, V pBlue, V pRed) {
+    return blend(blend(pGreen, pBlue, blue), pRed, red);
+  };
+  const V n = sector(sub32(zero, abs32(c)), a, b);
+  const V d = sector(blend(a, b, cPositive), sub32(zero, min32(b, c)), max32(a, c));
+  const V grey = cmpeq32(d, zero);
+  const V offset =
+      andnot128(grey, sector(splat32(85), splat32(-85), xor128(bPositive, splat32(-1))));
+  const V quotient = truncate(divF(mulF(toFloat(n), splatF(42.5f)), toFloat(sub32(d, grey))));
+  const V magnitude = abs32(d);
+  const V numerator = sub32(slli32<8>(magnitude), magnitude);
+  return {add32(quotient, offset), numerator,
+          mulF(toFloat(numerator), splatF(1.0f + 1.0f / (1 << 20))),
+          sub32(linear(pUv, 0, 409, -57119), andnot128(red, blend(a, c, blue)))};
+}
+
+// The saturation of the pixels whose lumas are pLuma (one byte per 32-bit lane): numerator over
+// 298 Y + chroma, truncating, 0 where that is not positive (the numerator never is negative).
+// Three roundings of the float quotient, below 2^-24 each, cannot undo the bias 2^-20 of the
+// numerator: below 256 the float lies above the quotient, by less than 3e-4, so that its
+// truncation is the quotient's or one more, which the remainder shows. Above, only the clamp
+// matters; the result may reach 256, which the saturating packs clamp.
+inline V saturationOf(const HueLanes& pHue, V pLuma) {
+  const V denominator = add32(madd16(pLuma, splat32(298)), pHue.fChroma);
+  const V divisor = max32(denominator, splat32(1));
+  const V quotient = min32(truncate(divF(pHue.fBiased, toFloat(divisor))), splat32(256));
+  const V over = cmpgt32(mullo32(quotient, divisor), pHue.fNumerator);
+  return and128(add32(quotient, over), cmpgt32(denominator, splat32(0)));
+}
+
+// Per lane the hue bytes of its four macro-pixels, then the saturations of their first pixels,
+// then those of their second pixels: H0..H3, S0 0..3, S1 0..3, S1 0..3.
+inline V hueAndSaturations(V pBlock) {
+  const HueLanes hue = hueOf(chromaOf(pBlock));
+  const V y0 = shuffle8(pBlock, mask(0, kZ, kZ, kZ, 4, kZ, kZ, kZ, 8, kZ, kZ, kZ, 12, kZ, kZ, kZ));
+  const V y1 = shuffle8(pBlock, mask(2, kZ, kZ, kZ, 6, kZ, kZ, kZ, 10, kZ, kZ, kZ, 14, kZ, kZ, kZ));
+  const V s1 = saturationOf(hue, y1);
+  return packus16(packus32(and128(hue.fHue, splat32(0xFF)), saturationOf(hue, y0)),
+                  packus32(s1, s1));
+}
+
+// A fully saturated colour per hue byte H, one channel per 32-bit lane and byte of the result:
+// c0 in bytes 0 to 3, c1 in 4 to 7, c2 in 8 to 11 of each lane. Over the stretches of the hue
+// each channel is 6 H plus an offset modulo 256, or 0 or 255; in whole numbers that is the
+// lesser (c0, c1) or greater (c2) of a rising and a falling line, clamped to 0 to 255, but where
+// two stretches meet, at 85 + 42 k: there a rising line has reached 252 and not 255 (c0 of 127,
+// c2 of 211), a falling one 3 and not 0 (c2 of 85, c1 of 169).
+inline V colourOf(V pHue) {
+  const V h = and128(pHue, splat32(0xFF));
+  const V six = add32(slli32<2>(h), slli32<1>(h));
+  const auto is = [&](int pHue) { return cmpeq32(h, splat32(pHue)); };
+  const V full = splat32(255);
+  const V c0 =
+      min32(max32(sub32(six, splat32(510)), and128(is(127), full)), sub32(splat32(1521), six));
+  const V c1 = andnot128(is(169), min32(six, sub32(splat32(1017), six)));
+  const V c2 = max32(andnot128(is(85), sub32(splat32(513), six)),
+                     max32(sub32(six, splat32(1014)), and128(is(211), full)));
+  // The saturating packs clamp.
+  return packus16(packus32(c0, c1), packus32(c2, c2));
 }
 
 // --- RGB pairs to YUV422: eight pairs per lane ---
@@ -166,7 +278,7 @@ inline void pairBlock(const unsigned char* pLeft, unsigned char* pTarget) {
 }  // namespace
 
 int yuvRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
-  return rows<2, false>(
+  return rows<2, 4, 1, 1>(
       pSource, pStep, pTarget, pCount,
       [](auto pStepTag, const unsigned char* pIn, unsigned char* pOut) {
         if constexpr (decltype(pStepTag)::kValue == 1) {
@@ -182,7 +294,8 @@ int yuvRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int 
 }
 
 int yuv422Row(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
-  return rows<4, true>(
+  // At step 2 the loads end one byte after the last Y1 read.
+  return rows<4, 4, 0, 1>(
       pSource, pStep, pTarget, pCount,
       [](auto pStepTag, const unsigned char* pIn, unsigned char* pOut) {
         if constexpr (decltype(pStepTag)::kValue == 1) {
@@ -197,7 +310,7 @@ int yuv422Row(const unsigned char* pSource, int pStep, unsigned char* pTarget, i
 }
 
 int yuvPackedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
-  return rows<6, true>(
+  return wholeRows<6>(
       pSource, pStep, pTarget, pCount,
       [](auto pStepTag, const unsigned char* pIn, unsigned char* pOut) {
         const V x = block<decltype(pStepTag)::kValue>(pIn);
@@ -212,6 +325,76 @@ int rgbRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int 
 
 int bgrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
   return rgbRows<true>(pSource, pStep, pTarget, pCount);
+}
+
+int hsyRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
+  // Half a macro-pixel per step. At step 1 the lane's four reads overlap: U and V are the odd
+  // bytes 2i + 1 and 2i + 3, from bytes 0 to 7 and 2 to 9, where the reference stops. At step 2
+  // they are whole macro-pixels, one after the other.
+  return rows<2, 2, 0, 0>(
+      pSource, pStep, pTarget, pCount,
+      [](auto pStepTag, const unsigned char* pIn, unsigned char* pOut) {
+        V uv;
+        if constexpr (decltype(pStepTag)::kValue == 1) {
+          const auto eight = [](const unsigned char* pAt) {
+            return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(pAt));
+          };
+          uv = shuffle8(unpacklo8(perLane(pIn, 8, eight), perLane(pIn + 2, 8, eight)),
+                        mask(2, kZ, 3, kZ, 6, kZ, 7, kZ, 10, kZ, 11, kZ, 14, kZ, 15, kZ));
+        } else {
+          uv = chromaOf(lanes(pIn, 16));
+        }
+        store8(pOut, shuffle8(hueOf(uv).fHue,
+                              mask(0, 0, 4, 4, 8, 8, 12, 12, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ)));
+      });
+}
+
+int hsyPackedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
+  return wholeRows<6>(
+      pSource, pStep, pTarget, pCount,
+      [](auto pStepTag, const unsigned char* pIn, unsigned char* pOut) {
+        const V x = block<decltype(pStepTag)::kValue>(pIn);
+        const V hs = hueAndSaturations(x);
+        // H S0 Y0 H S1 Y1 per macro-pixel.
+        store24(
+            pOut,
+            or128(shuffle8(hs, mask(0, 4, kZ, 0, 8, kZ, 1, 5, kZ, 1, 9, kZ, 2, 6, kZ, 2)),
+                  shuffle8(x, mask(kZ, kZ, 0, kZ, kZ, 2, kZ, kZ, 4, kZ, kZ, 6, kZ, kZ, 8, kZ))),
+            or128(
+                shuffle8(hs, mask(10, kZ, 3, 7, kZ, 3, 11, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ)),
+                shuffle8(x, mask(kZ, 10, kZ, kZ, 12, kZ, kZ, 14, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ))));
+      });
+}
+
+int hsMixedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
+  return wholeRows<6>(
+      pSource, pStep, pTarget, pCount,
+      [](auto pStepTag, const unsigned char* pIn, unsigned char* pOut) {
+        const V hs = hueAndSaturations(block<decltype(pStepTag)::kValue>(pIn));
+        // H S0 H H S1 H per macro-pixel.
+        store24(pOut, shuffle8(hs, mask(0, 4, 0, 0, 8, 0, 1, 5, 1, 1, 9, 1, 2, 6, 2, 2)),
+                shuffle8(hs, mask(10, 2, 3, 7, 3, 3, 11, 3, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ)));
+      });
+}
+
+int h2rgbRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
+  return wholeRows<6>(
+      pSource, pStep, pTarget, pCount,
+      [](auto pStepTag, const unsigned char* pIn, unsigned char* pOut) {
+        const V c = colourOf(hueOf(chromaOf(block<decltype(pStepTag)::kValue>(pIn))).fHue);
+        // c0 c1 c2 twice per macro-pixel.
+        store24(pOut, shuffle8(c, mask(0, 4, 8, 0, 4, 8, 1, 5, 9, 1, 5, 9, 2, 6, 10, 2)),
+                shuffle8(c, mask(6, 10, 3, 7, 11, 3, 7, 11, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ)));
+      });
+}
+
+int yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
+  return wholeRows<4>(
+      pSource, pStep, pTarget, pCount,
+      [](auto pStepTag, const unsigned char* pIn, unsigned char* pOut) {
+        store16(pOut, shuffle8(block<decltype(pStepTag)::kValue>(pIn),
+                               mask(0, 2, 1, 3, 4, 6, 5, 7, 8, 10, 9, 11, 12, 14, 13, 15)));
+      });
 }
 
 int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
