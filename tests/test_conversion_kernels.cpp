@@ -3,7 +3,6 @@
 // this processor runs, and every variant byte for byte against the reference.
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <map>
 #include <vector>
 
@@ -149,10 +148,8 @@ TEST_P(Conversion, RowKernelsOnEveryCountReadNoFurtherThanTheReference) {
 // family with its seven cases, its clamps and the low byte of a negative hue. One frame per U, a
 // row per V, a macro-pixel per pair of Y, against the formulas.
 TEST_P(Conversion, EveryYuvTripleMatchesTheFormulas) {
-  Bytes frame(256 * 256 * 2), hues(256);
-  const auto is = [](const Bytes& pGot, size_t pAt, std::initializer_list<int> pWant) {
-    return std::equal(pWant.begin(), pWant.end(), pGot.begin() + pAt);
-  };
+  const int spaces[] = {OX::kRGB, OX::kBGR, OX::kHSY, OX::kHSMixed, OX::kH2RGB};
+  Bytes frame(256 * 256 * 2), out[5], hues(256);
   for (int u = 0; u < 256; ++u) {
     for (int v = 0; v < 256; ++v) {
       for (int y = 0; y < 256; y += 2) {
@@ -160,22 +157,23 @@ TEST_P(Conversion, EveryYuvTripleMatchesTheFormulas) {
         std::copy(pixels, pixels + 4, &frame[(v * 256 + y) * 2]);
       }
     }
-    std::map<int, Bytes> out;
-    for (int space : {OX::kRGB, OX::kBGR, OX::kHSY, OX::kHSMixed, OX::kH2RGB}) {
-      out[space] = run(space, frame, 256, 256, 256, 256);
-    }
+    const unsigned char* at[5];
+    for (int k = 0; k < 5; ++k) at[k] = (out[k] = run(spaces[k], frame, 256, 256, 256, 256)).data();
     for (int v = 0; v < 256; ++v) {
       // kHsy writes one row: its row kernel, on whole macro-pixels at step 2.
       OX::conversionkernels::activeKernels().fHsy(&frame[v * 512], 2, hues.data(), 128);
       for (int y = 0; y < 256; ++y) {
-        const auto p = rgbOf(y, u, v), c = vitest::h2rgbOf(vitest::hueSatOf(y, u, v)[0]);
-        const int h = vitest::hueSatOf(y, u, v)[0], s = vitest::hueSatOf(y, u, v)[1];
-        const size_t at = static_cast<size_t>(v * 256 + y) * 3;
-        ASSERT_TRUE(is(out[OX::kRGB], at, {p[0], p[1], p[2]}) &&
-                    is(out[OX::kBGR], at, {p[2], p[1], p[0]}) && is(out[OX::kHSY], at, {h, s, y}) &&
-                    is(out[OX::kHSMixed], at, {h, s, h}) &&
-                    is(out[OX::kH2RGB], at, {c[0], c[1], c[2]}) && hues[y] == h)
-            << "y " << y << " u " << u << " v " << v;
+        const auto p = rgbOf(y, u, v);
+        const auto hs = vitest::hueSatOf(y, u, v);
+        const auto c = vitest::h2rgbOf(hs[0]);
+        const int h = hs[0], s = hs[1];
+        // Per pixel, in the order of spaces: three bytes each.
+        const int want[15] = {p[0], p[1], p[2], p[2], p[1], p[0], h,   s,
+                              y,    h,    s,    h,    c[0], c[1], c[2]};
+        const int pixel = (v * 256 + y) * 3;
+        bool same = hues[y] == h;
+        for (int k = 0; k < 15; ++k) same = same && at[k / 3][pixel + k % 3] == want[k];
+        ASSERT_TRUE(same) << "y " << y << " u " << u << " v " << v;
       }
     }
   }

@@ -107,6 +107,13 @@ inline V unpackhi32(V pA, V pB) {
 inline V unpacklo64(V pA, V pB) {
   return _mm256_unpacklo_epi64(pA, pB);
 }
+inline V unpackhi64(V pA, V pB) {
+  return _mm256_unpackhi_epi64(pA, pB);
+}
+// The rounding average of unsigned 16-bit lanes.
+inline V avg16(V pA, V pB) {
+  return _mm256_avg_epu16(pA, pB);
+}
 
 // --- 32-bit lanes and single-precision floats, for the hue family ---
 using F = __m256;
@@ -183,6 +190,20 @@ inline V perLane(const unsigned char* pAt, int pStride, Load pLoad) {
   return _mm256_inserti128_si256(_mm256_castsi128_si256(pLoad(pAt)), pLoad(pAt + pStride), 1);
 }
 
+// Per lane, the 16 bytes from byte kBytes of pLow on, then pHigh's.
+template <int kBytes>
+inline V alignr(V pHigh, V pLow) {
+  return _mm256_alignr_epi8(pHigh, pLow, kBytes);
+}
+// The lanes that follow pCurrent's: its lane 1, then lane 0 of pNext.
+inline V laterLanes(V pCurrent, V pNext) {
+  return _mm256_permute2x128_si256(pCurrent, pNext, 0x21);
+}
+// pFirst's 32 bytes, then pSecond's.
+inline void storeRuns(unsigned char* pAt, V pFirst, V pSecond) {
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(pAt), pFirst);
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(pAt + 32), pSecond);
+}
 }  // namespace
 
 #include "kernels/vectorimpl.h"

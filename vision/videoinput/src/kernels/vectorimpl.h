@@ -222,58 +222,155 @@ inline V colourOf(V pHue) {
 
 constexpr int kPairs = 8;
 
-// The four pixels of the lane's pairs 2k and 2k + 1 as 12 contiguous bytes; kPairBytes is the
-// distance between pairs, 6 when they touch, 12 when every second pixel is skipped.
-template <int kPairBytes>
-inline V fourPixels(const unsigned char* pPair) {
-  if constexpr (kPairBytes == 6) {
-    return lanes(pPair, kPairs * 6);
-  } else {
-    return or128(shuffle8(lanes(pPair, kPairs * 12),
-                          mask(0, 1, 2, 6, 7, 8, 12, 13, 14, kZ, kZ, kZ, kZ, kZ, kZ, kZ)),
-                 shuffle8(lanes(pPair + 8, kPairs * 12),
-                          mask(kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, 10, 11, 12, kZ, kZ, kZ, kZ)));
-  }
+// The pairs of a reduction by kRatio (1 for the same size): the bytes from pair to pair, and from
+// a pair's left pixel to its right one. At ratios 4 and 8 the right pixel of a pair is the left
+// pixel of the next pair or of the one after it.
+template <int kRatio>
+struct PairLayout {
+  static constexpr int kStep = 6 * kRatio;
+  static constexpr int kRight = kRatio == 1 ? 3 : kRatio / 2 * kRatio * 3;
+};
+
+// Y, U and V of eight pixels per lane, each the high byte of its 16-bit lane.
+struct Components {
+  V fLuma, fU, fV;
+};
+
+// From red and green, and blue and green, of eight pixels per lane, as pairs of bytes. Green's
+// factor is split between the two pairs, so that no pair's products leave 16 signed bits; their
+// sum plus the offset wraps around in 16 bits to the true value, which lies in [0, 65535]:
+// 66 R + 129 G + 25 B + 128, then + 16 after the shift: 4224 = 128 + 16 * 256. U and V add
+// 128 + 128 * 256 = 32896.
+inline Components componentsOf(V pRedGreen, V pBlueGreen) {
+  const auto sum = [&](int pRed, int pGreen1, int pBlue, int pGreen2, int pOffset) {
+    return add16(
+        add16(maddubs(pRedGreen, pair8(pRed, pGreen1)), maddubs(pBlueGreen, pair8(pBlue, pGreen2))),
+        splat16(static_cast<short>(pOffset)));
+  };
+  return {sum(66, 62, 25, 67, 4224), sum(-38, -37, 112, -37, 32896),
+          sum(112, -47, -18, -47, 32896)};
 }
 
-// ((products + offset) >> 8) in unsigned 16 bits: the true sums lie in [0, 65535].
-inline V component(V pRedBlue, V pRedBlueBytes, V pGreen, short pGreenFactor, short pOffset) {
-  return srli16<8>(
-      add16(add16(maddubs(pRedBlue, pRedBlueBytes), mullo16(pGreen, splat16(pGreenFactor))),
-            splat16(pOffset)));
+// The mean of two components' high bytes, truncating, in the high byte: the rounding average of
+// the high bytes shifted by 8 is exact, its dropped half a bit being zero.
+inline V meanHigh(V pA, V pB) {
+  const V high = splat16(static_cast<short>(0xFF00));
+  return and128(avg16(and128(pA, high), and128(pB, high)), high);
 }
 
-template <int kPairBytes>
-inline void pairBlock(const unsigned char* pLeft, unsigned char* pTarget) {
-  // Per two pairs: red of both left pixels, of both right pixels, then green, then blue.
-  const V spread = mask(0, 6, 3, 9, 1, 7, 4, 10, 2, 8, 5, 11, kZ, kZ, kZ, kZ);
-  V d[4];
-  for (int k = 0; k < 4; ++k) {
-    d[k] = shuffle8(fourPixels<kPairBytes>(pLeft + 2 * kPairBytes * k), spread);
-  }
-  const V low01 = unpacklo16(d[0], d[1]), high01 = unpackhi16(d[0], d[1]);
-  const V low23 = unpacklo16(d[2], d[3]), high23 = unpackhi16(d[2], d[3]);
-  // Eight left values then eight right values of one channel.
-  const V red = unpacklo32(low01, low23);
-  const V green = unpackhi32(low01, low23);
-  const V blue = unpacklo32(high01, high23);
-  const V zero = splat32(0);
-  const V redBlueLeft = unpacklo8(red, blue), redBlueRight = unpackhi8(red, blue);
-  const V greenLeft = unpacklo8(green, zero), greenRight = unpackhi8(green, zero);
-  // 66 R + 129 G + 25 B + 128, then + 16 after the shift: 4224 = 128 + 16 * 256. U and V add
-  // 128 + 128 * 256 = 32896, which also makes their sums positive.
-  const V lumaBytes = pair8(66, 25), uBytes = pair8(-38, 112), vBytes = pair8(112, -18);
-  const V lumaLeft = component(redBlueLeft, lumaBytes, greenLeft, 129, 4224);
-  const V lumaRight = component(redBlueRight, lumaBytes, greenRight, 129, 4224);
-  const short chromaOffset = static_cast<short>(32896);
-  const V u = srli16<1>(add16(component(redBlueLeft, uBytes, greenLeft, -74, chromaOffset),
-                              component(redBlueRight, uBytes, greenRight, -74, chromaOffset)));
-  const V v = srli16<1>(add16(component(redBlueLeft, vBytes, greenLeft, -94, chromaOffset),
-                              component(redBlueRight, vBytes, greenRight, -94, chromaOffset)));
-  const V first = or128(lumaLeft, slli16<8>(u));    // Y0 U
-  const V second = or128(lumaRight, slli16<8>(v));  // Y1 V
+// Eight pairs per lane: Y left, mean U, Y right, mean V.
+inline void storePairs(const Components& pLeft, const Components& pRight, unsigned char* pTarget) {
+  const V first = or128(srli16<8>(pLeft.fLuma), meanHigh(pLeft.fU, pRight.fU));    // Y0 U
+  const V second = or128(srli16<8>(pRight.fLuma), meanHigh(pLeft.fV, pRight.fV));  // Y1 V
   store32(pTarget, unpacklo16(first, second), unpackhi16(first, second));
 }
+
+// The same size and ratio 2, where left and right pixels are distinct: four pairs of the lane,
+// from the first one's left pixel, as two registers of four groups of four bytes (pairs 0 and 1,
+// then 2 and 3): red and green of both left pixels, then of both right pixels; blue and green of
+// both left pixels, then of both right pixels. The loads end with the last byte of pair 3, which
+// the reference reads. kLaneStride: the bytes from the lane's pairs to the next lane's.
+template <int kRatio, int kLaneStride>
+inline void fourPairs(const unsigned char* pPair, V& pFirst, V& pSecond) {
+  if constexpr (kRatio == 1) {
+    // Eight touching pixels L0 R0 L1 R1 L2 R2 L3 R3, from bytes 0 and 12, or from byte 4 of a
+    // load 4 bytes earlier.
+    const V split = mask(0, 1, 6, 7, 3, 4, 9, 10, 2, 1, 8, 7, 5, 4, 11, 10);
+    pFirst = shuffle8(lanes(pPair, kLaneStride), split);
+    pSecond = shuffle8(lanes(pPair + 8, kLaneStride),
+                       mask(4, 5, 10, 11, 7, 8, 13, 14, 6, 5, 12, 11, 9, 8, 15, 14));
+  } else {
+    // Pairs 12 bytes apart, 9 bytes each: L0 R0 L1 from the load at byte 0, R1 L2 from the one
+    // at 14, R2 L3 R3 from the one at 29.
+    const V a = lanes(pPair, kLaneStride), b = lanes(pPair + 14, kLaneStride);
+    const V c = lanes(pPair + 29, kLaneStride);
+    pFirst = or128(shuffle8(a, mask(0, 1, 12, 13, 6, 7, kZ, kZ, 2, 1, 14, 13, 8, 7, kZ, kZ)),
+                   shuffle8(b, mask(kZ, kZ, kZ, kZ, kZ, kZ, 4, 5, kZ, kZ, kZ, kZ, kZ, kZ, 6, 5)));
+    pSecond =
+        or128(shuffle8(b, mask(10, 11, kZ, kZ, kZ, kZ, kZ, kZ, 12, 11, kZ, kZ, kZ, kZ, kZ, kZ)),
+              shuffle8(c, mask(kZ, kZ, 7, 8, 1, 2, 13, 14, kZ, kZ, 9, 8, 3, 2, 15, 14)));
+  }
+}
+
+// Eight pairs per lane, in two runs of four: with two lanes, pairs 0 to 3 and 8 to 11 in the
+// first, 4 to 7 and 12 to 15 in the second, so that the pairs leave in order without crossing
+// lanes.
+template <int kRatio>
+inline void pairBlock(const unsigned char* pLeft, unsigned char* pTarget) {
+  constexpr int kStep = PairLayout<kRatio>::kStep, kLaneStride = 4 * kStep;
+  V d[4];
+  fourPairs<kRatio, kLaneStride>(pLeft, d[0], d[1]);
+  fourPairs<kRatio, kLaneStride>(pLeft + 4 * kLanes * kStep, d[2], d[3]);
+  const V low01 = unpacklo32(d[0], d[1]), high01 = unpackhi32(d[0], d[1]);
+  const V low23 = unpacklo32(d[2], d[3]), high23 = unpackhi32(d[2], d[3]);
+  const Components left = componentsOf(unpacklo64(low01, low23), unpacklo64(high01, high23));
+  const Components right = componentsOf(unpackhi64(low01, low23), unpackhi64(high01, high23));
+  const V first = or128(srli16<8>(left.fLuma), meanHigh(left.fU, right.fU));    // Y0 U
+  const V second = or128(srli16<8>(right.fLuma), meanHigh(left.fV, right.fV));  // Y1 V
+  storeRuns(pTarget, unpacklo16(first, second), unpackhi16(first, second));
+}
+
+// Ratios 4 and 8: the pixels sampled, kStep bytes apart, are the left pixels of the pairs and,
+// kAhead pixels on, their right pixels too. Each is converted once: a block's right components
+// are its own moved on by kAhead, followed by those of the next block.
+template <int kRatio>
+struct Sampling {
+  static constexpr int kStep = PairLayout<kRatio>::kStep;
+  static constexpr int kAhead = PairLayout<kRatio>::kRight / kStep;
+
+  static int word(const unsigned char* pAt) {
+    int value;
+    __builtin_memcpy(&value, pAt, sizeof value);
+    return value;
+  }
+  // Four sampled pixels as 32-bit lanes R G B x, each read from its first byte.
+  static __m128i four(const unsigned char* pAt) {
+    const __m128i first = _mm_cvtsi32_si128(word(pAt));
+    const __m128i second = _mm_insert_epi32(first, word(pAt + kStep), 1);
+    return _mm_insert_epi32(_mm_insert_epi32(second, word(pAt + 2 * kStep), 2),
+                            word(pAt + 3 * kStep), 3);
+  }
+  // The first kAhead pixels only, each read from the byte before it and moved down: where the
+  // last block's right pixels end, so does the reference's reading.
+  static __m128i ahead(const unsigned char* pAt) {
+    __m128i pixels = _mm_cvtsi32_si128(word(pAt - 1));
+    if constexpr (kAhead == 2) pixels = _mm_insert_epi32(pixels, word(pAt + kStep - 1), 1);
+    return _mm_srli_epi32(pixels, 8);
+  }
+  static Components componentsOfPixels(V pLow, V pHigh) {
+    // Red and green, then blue and green, of pixels 0 to 3 and 4 to 7 of the lane.
+    const V split = mask(0, 1, 4, 5, 8, 9, 12, 13, 2, 1, 6, 5, 10, 9, 14, 13);
+    const V low = shuffle8(pLow, split), high = shuffle8(pHigh, split);
+    return componentsOf(unpacklo64(low, high), unpackhi64(low, high));
+  }
+  static Components block(const unsigned char* pAt) {
+    constexpr int kLaneStride = kPairs * kStep;
+    return componentsOfPixels(perLane(pAt, kLaneStride, four),
+                              perLane(pAt + 4 * kStep, kLaneStride, four));
+  }
+  static Components following(const unsigned char* pAt) {
+    return componentsOfPixels(perLane(pAt, 0, ahead), splat32(0));
+  }
+  static int row(const unsigned char* pLeft, unsigned char* pTarget, int pPairs) {
+    constexpr int kPerLoop = kPairs * kLanes;
+    const int done = pPairs / kPerLoop * kPerLoop;
+    if (done == 0) return 0;
+    Components current = block(pLeft);
+    for (int i = 0; i < done; i += kPerLoop) {
+      const unsigned char* next = pLeft + kStep * (i + kPerLoop);
+      const Components after = i + kPerLoop < done ? block(next) : following(next);
+      const auto right = [](V pCurrent, V pAfter) {
+        return alignr<2 * kAhead>(laterLanes(pCurrent, pAfter), pCurrent);
+      };
+      storePairs(current,
+                 {right(current.fLuma, after.fLuma), right(current.fU, after.fU),
+                  right(current.fV, after.fV)},
+                 pTarget + 4 * i);
+      current = after;
+    }
+    return done;
+  }
+};
 
 }  // namespace
 
@@ -399,16 +496,21 @@ int yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, i
 
 int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
             unsigned char* pTarget, int pPairs) {
-  // The loads of a block reach into the pair after it, which the reference reads only if it
-  // exists: one more must follow.
   constexpr int kPerPairLoop = kPairs * kLanes;
-  const int done = pPairs <= 1 ? 0 : (pPairs - 1) / kPerPairLoop * kPerPairLoop;
-  if (pStep == 6 && pRight == pLeft + 3) {
-    for (int i = 0; i < done; i += kPerPairLoop) pairBlock<6>(pLeft + 6 * i, pTarget + 4 * i);
-  } else if (pStep == 12 && pRight == pLeft + 6) {
-    for (int i = 0; i < done; i += kPerPairLoop) pairBlock<12>(pLeft + 12 * i, pTarget + 4 * i);
-  } else {
-    return 0;
+  const int done = pPairs / kPerPairLoop * kPerPairLoop;
+  const auto is = [&](auto pRatio) {
+    using Layout = PairLayout<decltype(pRatio)::kValue>;
+    return pStep == Layout::kStep && pRight == pLeft + Layout::kRight;
+  };
+  if (is(Step<1>())) {
+    for (int i = 0; i < done; i += kPerPairLoop) pairBlock<1>(pLeft + 6 * i, pTarget + 4 * i);
+    return done;
   }
-  return done;
+  if (is(Step<2>())) {
+    for (int i = 0; i < done; i += kPerPairLoop) pairBlock<2>(pLeft + 12 * i, pTarget + 4 * i);
+    return done;
+  }
+  if (is(Step<4>())) return Sampling<4>::row(pLeft, pTarget, pPairs);
+  if (is(Step<8>())) return Sampling<8>::row(pLeft, pTarget, pPairs);
+  return 0;
 }

@@ -95,6 +95,13 @@ inline V unpackhi32(V pA, V pB) {
 inline V unpacklo64(V pA, V pB) {
   return _mm_unpacklo_epi64(pA, pB);
 }
+inline V unpackhi64(V pA, V pB) {
+  return _mm_unpackhi_epi64(pA, pB);
+}
+// The rounding average of unsigned 16-bit lanes.
+inline V avg16(V pA, V pB) {
+  return _mm_avg_epu16(pA, pB);
+}
 
 // --- 32-bit lanes and single-precision floats, for the hue family ---
 using F = __m128;
@@ -171,6 +178,19 @@ inline V perLane(const unsigned char* pAt, int, Load pLoad) {
   return pLoad(pAt);
 }
 
+// Per lane, the 16 bytes from byte kBytes of pLow on, then pHigh's.
+template <int kBytes>
+inline V alignr(V pHigh, V pLow) {
+  return _mm_alignr_epi8(pHigh, pLow, kBytes);
+}
+// The lanes that follow pCurrent's: pNext's, with one lane.
+inline V laterLanes(V, V pNext) {
+  return pNext;
+}
+// pFirst's 16 bytes, then pSecond's.
+inline void storeRuns(unsigned char* pAt, V pFirst, V pSecond) {
+  store32(pAt, pFirst, pSecond);
+}
 }  // namespace
 
 #include "kernels/vectorimpl.h"
