@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <mutex>
 
+#include "kilog.h"
 #include "oxremote.h"
 #include "oxservices.h"
 
@@ -341,13 +342,25 @@ void OXModuleCore::execute(const std::string& pMethod, const OXValue& pArguments
     empty.arraySetSize(0);
     return empty;
   }();
+  // Only our own errors reach a caller. Anything else that escapes a method is a fault of ours:
+  // its text (a library's words, e.g. an index check of the standard library) goes to the log,
+  // and the caller learns which method failed.
+  std::string internal;
   try {
     functor->call(pArguments.isArray() ? pArguments : noArguments, pResult);
+    return;
   } catch (const OXError&) {
     throw;
   } catch (const std::exception& error) {
-    throw OXError(fName, pMethod, error.what(), kBrokerFile, __LINE__);
+    internal = error.what();
+  } catch (...) {
+    internal = "an exception of unknown type";
   }
+  ki::log::LogStream(ki::log::kLogError, "framework.broker", "", "execute", 0)
+      << fName << "." << pMethod << ": " << internal;
+  throw OXError(fName, pMethod,
+                "Method " + pMethod + " failed on an internal error (logged by the host)",
+                kBrokerFile, __LINE__);
 }
 
 std::vector<std::string> OXModuleCore::getMethodList() const {

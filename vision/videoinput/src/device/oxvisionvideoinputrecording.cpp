@@ -1,6 +1,7 @@
 // Video recording: a mono-stream subscriber has the raw frames of its own requests written to a
 // .oxv file. There is no thread and no timer: a frame is considered only when the subscriber asks
 // for an image, so the end of a recording is noticed at the first request after its last frame.
+#include <limits>
 #include <new>
 
 #include "device/oxvisionvideoinput.h"
@@ -45,8 +46,9 @@ bool OXVisionVideoInput::recordVideo(const std::string& pName, const std::string
   info->fRecordedCount = 0;
   // An "unlimited" 0xFFFFFFFF arrives as -1, is not above 0, and records one image.
   info->fRecordTotal = pTotalNumber > 0 ? pTotalNumber : 1;
-  // From the unclamped period: with 0 or below the countdown never meets 0 again.
-  info->fRecordCountdown = pPeriod - 1;
+  // From the unclamped period: with 0 or below the countdown never meets 0 again. The smallest
+  // int has no int below it: its countdown stays the smallest int, negative like the others.
+  info->fRecordCountdown = pPeriod > std::numeric_limits<int>::min() ? pPeriod - 1 : pPeriod;
 
   const RealCameraProperties& real = *fCameraProperties[camera];
   const OXValue sizes = resolutionToSizes(real.fResolution);

@@ -27,6 +27,8 @@ constexpr int kBufferCount = 4;
 constexpr int kReplayFrameRate = 30;
 constexpr int kUnknownColorSpace = 255;
 constexpr int kWholeFileEnd = 2147483647;
+// How much of a refused range its error shows.
+constexpr size_t kShownRange = 64;
 
 std::mutex& clockMutex() {
   static std::mutex mutex;
@@ -186,11 +188,24 @@ void OXVisionFileCam::setVideo(const std::string& pFilePath, const OXValue& pRan
     xLog(kLogError, "setVideo", pFilePath + " file doesn't exist. Return!", kCategory);
     return;
   }
+  const bool ranged = pRange.isValid() && pRange.isArray() && pRange.getSize() == 2;
+  // Image indexes are 0 or more: the replay steps back from both ends of the range, which from a
+  // negative index could go below the smallest int. Refused before anything changes.
+  const auto index = [](const OXValue& pIndex) { return pIndex.isInt() && pIndex.asInt() >= 0; };
+  if (ranged && !(index(pRange[0]) && index(pRange[1]))) {
+    std::string given = pRange.toString();
+    if (given.size() > kShownRange) given = given.substr(0, kShownRange) + "...";
+    xThrow("setVideo()",
+           "range " + given +
+               " out of range: [first, last], two image indexes from 0 to 2147483647, or null "
+               "for the whole file",
+           __LINE__);
+  }
   fFilePath = pFilePath;
   fLoop = pLoop;
   fReplayMode = pReplayMode;
   fStreamNumber = pStreamNumber;
-  if (pRange.isValid() && pRange.isArray() && pRange.getSize() == 2) {
+  if (ranged) {
     fFirstImage = static_cast<int>(pRange[0]);
     fLastImage = static_cast<int>(pRange[1]);
   } else {
