@@ -16,6 +16,14 @@ namespace OX {
 namespace {
 
 const char* const kCategory = "framework.oxvideo";
+
+// A path with a NUL byte would open the file that its first part names: it names no file.
+bool namesAFile(const std::string& pPath, const char* pFunction) {
+  if (pPath.find('\0') == std::string::npos) return true;
+  ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, pFunction, __LINE__)
+      << "refusing " << pPath.c_str() << "...: a path with a NUL byte";
+  return false;
+}
 const unsigned char kMagic[4] = {'O', 'X', 'V', 'R'};
 const unsigned char kFrameMarker[4] = {'O', 'X', 'F', 'R'};
 constexpr uint32_t kVersion = 1;
@@ -105,6 +113,7 @@ OXVideo::~OXVideo() {
 bool OXVideo::recordVideo(const std::string& pPath, unsigned int pPeriod,
                           const std::vector<streamHeader>& pStreams) {
   closeVideo();
+  if (!namesAFile(pPath, __func__)) return false;
   if (pStreams.empty() || pStreams.size() > static_cast<size_t>(kMaxStreams)) {
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "refusing " << pPath << ": " << pStreams.size() << " streams (1 to " << kMaxStreams
@@ -186,6 +195,7 @@ bool OXVideo::write(const char* pData, int pSize, int64_t pTimeStamp, signed cha
 
 bool OXVideo::readVideo(const std::string& pPath) {
   closeVideo();
+  if (!namesAFile(pPath, __func__)) return false;
   fFile = std::fopen(pPath.c_str(), "rb");
   if (fFile == nullptr) {
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)

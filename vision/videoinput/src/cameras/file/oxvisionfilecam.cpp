@@ -184,7 +184,9 @@ void OXVisionFileCam::setVideo(const std::string& pFilePath, const OXValue& pRan
   stopFrameGrabber();
   boost::system::error_code error;
   const boost::filesystem::file_status status = boost::filesystem::status(pFilePath, error);
-  if (error || status.type() == boost::filesystem::file_not_found) {
+  // A path with a NUL byte names no file: its first part would be asked for instead.
+  if (error || status.type() == boost::filesystem::file_not_found ||
+      pFilePath.find('\0') != std::string::npos) {
     xLog(kLogError, "setVideo", pFilePath + " file doesn't exist. Return!", kCategory);
     return;
   }
