@@ -309,7 +309,7 @@ struct VideoWriter::Impl {
     AVDictionary* options = nullptr;
     if (fFormat.fEncoder == "libx264") {
       fEncoder->pix_fmt = AV_PIX_FMT_YUV420P;  // 4:2:0: what every player takes
-      av_dict_set(&options, "preset", "superfast", 0);
+      av_dict_set(&options, "preset", "ultrafast", 0);
       av_dict_set(&options, "crf", "20", 0);
     } else if (fFormat.fEncoder == "mpeg4") {
       fEncoder->pix_fmt = AV_PIX_FMT_YUV420P;
