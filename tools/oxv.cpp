@@ -76,6 +76,32 @@ int info(const std::vector<std::string>& pFiles, bool pJson) {
   return status;
 }
 
+int formats(bool pJson) {
+  nlohmann::json all = nlohmann::json::array();
+  for (const char* extension : {".mp4", ".mkv", ".avi", ".y4m"}) {
+    const oxmedia::OutputFormat format = oxmedia::outputFormatFor(extension);
+    const std::string times = format.fTimeUnits == 1000000 ? "each frame's, to the microsecond"
+                              : format.fTimeUnits == 1000  ? "each frame's, to the millisecond"
+                                                           : "a constant rate (the mean)";
+    if (pJson) {
+      all.push_back({{"extension", extension},
+                     {"encoder", format.fEncoder},
+                     {"description", format.fDescription},
+                     {"lossless", format.fLossless},
+                     {"time_units", format.fTimeUnits}});
+    } else {
+      std::cout << extension << "  " << format.fEncoder << ": " << format.fDescription << "; "
+                << (format.fLossless ? "lossless" : "lossy") << "; times: " << times << "\n";
+    }
+  }
+  if (pJson) {
+    std::cout << all.dump() << "\n";
+  } else {
+    std::cout << "a folder  PNG files and timestamps.csv; approximate for the hue colour spaces\n";
+  }
+  return oxtools::kExitOk;
+}
+
 int run(int pArgc, char** pArgv) {
   CLI::App app(kAbout, kProgram);
   app.require_subcommand(1, 1);
@@ -143,12 +169,20 @@ int run(int pArgc, char** pArgv) {
       ->expected(2, std::numeric_limits<int>::max());
   joiner->add_flag("--salvage", salvage, "take the readable images of damaged recordings");
 
-  const std::vector<std::string> commands = {"info", "export", "import", "cut", "cat"};
+  const std::vector<std::string> commands = {"info", "export", "import", "cut", "cat", "formats"};
   if (pArgc > 1 && pArgv[1][0] != '-' &&
       std::find(commands.begin(), commands.end(), pArgv[1]) == commands.end()) {
     throw UsageError(std::string("unknown sub-command '") + pArgv[1] +
-                     "': give info, export, import, cut or cat");
+                     "': give info, export, import, cut, cat or formats");
   }
+  bool formatsJson = false;
+  CLI::App* formats = app.add_subcommand("formats", "the video formats export writes here");
+  formats->footer(
+      "For each extension: the codec this FFmpeg encodes it with (.mp4 takes H.264 where\n"
+      "libx264 is there, else MPEG-4 part 2), whether pixels survive exactly, and how frame\n"
+      "times are kept.");
+  formats->add_flag("--json", formatsJson, "one JSON array, an object per extension");
+
   try {
     app.parse(pArgc, pArgv);
   } catch (const CLI::ParseError& error) {
@@ -160,6 +194,7 @@ int run(int pArgc, char** pArgv) {
   if (!verbose) ki::log::setStderrThreshold(-1);
 
   if (info->parsed()) return ::info(files, json);
+  if (formats->parsed()) return ::formats(formatsJson);
   if (exporter->parsed()) {
     oxmedia::ExportOptions options;
     options.fRange = rangeOf(range);

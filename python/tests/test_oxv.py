@@ -157,8 +157,9 @@ def test_info_export_range_step_and_png_folder(oxv, clip, tmp_path):
     assert oxv("export", clip, tmp_path / "all.mp4").returncode == 0
     status, [video] = info(oxv, tmp_path / "all.mp4")
     assert status == 0 and video["kind"] == "video"
-    assert (video["streams"][0]["frames"], video["streams"][0]["duration_us"],
-            video["streams"][0]["first_timestamp_us"]) == (10, 1000000, stream["first_timestamp_us"])
+    exported = video["streams"][0]
+    assert (exported["frames"], exported["duration_us"], exported["first_timestamp_us"]) == \
+        (10, 1000000, stream["first_timestamp_us"])
 
     done = oxv("export", "--range", "2:8", "--step", "2", clip, tmp_path / "frames")
     assert done.returncode == 0, done.stderr
