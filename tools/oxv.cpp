@@ -50,12 +50,15 @@ oxmedia::Range rangeOf(const std::string& pText) {
 template <class Work>
 int withProgress(const std::string& pLabel, Work pWork) {
   oxtools::installStopHandler();
-  oxmedia::ProgressBar bar(pLabel);
-  const oxmedia::Progress progress = [&bar](int64_t pDone, int64_t pTotal) {
-    if (oxtools::stopRequested()) throw oxmedia::MediaError("stopped: nothing was written");
-    bar.update(pDone, pTotal);
-  };
-  const std::string account = pWork(progress);
+  std::string account;
+  {
+    oxmedia::ProgressBar bar(pLabel);  // erased before the account is printed
+    const oxmedia::Progress progress = [&bar](int64_t pDone, int64_t pTotal) {
+      if (oxtools::stopRequested()) throw oxmedia::MediaError("stopped: nothing was written");
+      bar.update(pDone, pTotal);
+    };
+    account = pWork(progress);
+  }
   std::cout << account << "\n";
   return oxtools::kExitOk;
 }
