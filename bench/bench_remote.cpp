@@ -12,7 +12,7 @@
 
 #include "oxbroker.h"
 #include "oxbrokerhost.h"
-#include "oxvisionsimulatorcam.h"
+#include "cameras/simulator/oxvisionsimulatorcam.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
-// The simulator camera's resampling (xReSize) at four typical pairs of sizes, against a memcpy
-// of the output (BM_ReSize_Reference), against the plain reference kernels
-// (BM_ReSizeVector_Reference) and against libyuv's RGB24 to YUY2 path at the output size
-// (BM_ReSizeVsLibyuv_Reference). libyuv is not bit-exact to our formula and does not resample
-// here: it is a speed reference only. MB/s are bytes of output. VI_BENCH_ITERATIONS fixes the
-// iteration count (scripts/bench-instructions).
+// The simulator camera's resampling (the kernels' plane loops, without the camera) at four
+// typical pairs of sizes, against a memcpy of the output (BM_ReSize_Reference), against the plain
+// reference kernels (BM_ReSizeVector_Reference) and against libyuv's RGB24 to YUY2 path at the
+// output size (BM_ReSizeVsLibyuv_Reference). libyuv is not bit-exact to our formula and does not
+// resample here: it is a speed reference only. MB/s are bytes of output. VI_BENCH_ITERATIONS
+// fixes the iteration count (scripts/bench-instructions).
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
 
@@ -11,35 +11,18 @@
 #include <cstring>
 #include <vector>
 
-#include "oxbroker.h"
+#include "kernels/resampling.h"
 #include "oxtypes.h"
-#include "oxvisionsimulatorcam.h"
-
-namespace OX {
-
-// The camera's friend hook, defined here for the benchmark alone.
-struct SimulatorCamTestHook {
-  static bool reSize(OXVisionSimulatorCam& pCam, OXImage& pSource, unsigned char* pTarget) {
-    return pCam.xReSize(0, pSource, pTarget);
-  }
-  static CameraDriverBuffer& store(OXVisionSimulatorCam& pCam) {
-    return *pCam.fCameraDriverBuffers[0];
-  }
-  static void setResolution(OXVisionSimulatorCam& pCam, int pResolution) {
-    pCam.fCameraProperties[0]->fResolution = static_cast<int8_t>(pResolution);
-  }
-};
-
-}  // namespace OX
 
 namespace {
 
-using Hook = OX::SimulatorCamTestHook;
-
 // 0: 640x480 into 640x480, 1: 1280x960 into 160x120, 2: 160x120 into 1280x960, 3: 1280x960
-// into 640x480.
-constexpr int kCases[][2] = {
-    {OX::kVGA, OX::kVGA}, {OX::k4VGA, OX::kQQVGA}, {OX::kQQVGA, OX::k4VGA}, {OX::k4VGA, OX::kVGA}};
+// into 640x480; then the ratio the camera resamples by (positive decimates, negative replicates,
+// 0 keeps the size).
+constexpr int kCases[][3] = {{OX::kVGA, OX::kVGA, 0},
+                             {OX::k4VGA, OX::kQQVGA, 8},
+                             {OX::kQQVGA, OX::k4VGA, -8},
+                             {OX::k4VGA, OX::kVGA, 2}};
 constexpr int kLastCase = 3;
 
 struct Sizes {
@@ -54,32 +37,39 @@ Sizes sizesOf(int pCase) {
   return sizes;
 }
 
-// A simulator camera holding one pushed frame of the case's input size.
+// One pushed frame of the case's input size, and the camera's resampling of it.
 struct Fixture {
-  explicit Fixture(int pCase) : fSizes(sizesOf(pCase)) {
-    fBroker = OX::OXBroker::createBroker("bench", {});
-    fCam = OX::OXModule::createModule<OX::OXVisionSimulatorCam>(fBroker);
-    std::vector<unsigned char> rgb(static_cast<size_t>(fSizes.fInWidth) * fSizes.fInHeight * 3);
-    for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<unsigned char>(i * 7 + (i >> 9));
-    fCam->putImage(0, fSizes.fInWidth, fSizes.fInHeight,
-                   OX::OXValue::binary(rgb.data(), static_cast<int>(rgb.size())));
-    Hook::setResolution(*fCam, kCases[pCase][1]);
-    OX::CameraDriverBuffer& store = Hook::store(*fCam);
-    fSource = store.fInputBuffers[store.fLastInputBuffer]->fImage;
-    fTarget.resize(1280 * 960 * 2);
+  explicit Fixture(int pCase)
+      : fSizes(sizesOf(pCase)),
+        fRatio(kCases[pCase][2]),
+        fSource(static_cast<size_t>(fSizes.fInWidth) * fSizes.fInHeight * 3),
+        fTarget(1280 * 960 * 2) {
+    for (size_t i = 0; i < fSource.size(); ++i) {
+      fSource[i] = static_cast<unsigned char>(i * 7 + (i >> 9));
+    }
+  }
+  bool reSize() {
+    namespace kernels = OX::resamplingkernels;
+    const int width = fSizes.fInWidth, height = fSizes.fInHeight;
+    if (fRatio == 0) {
+      kernels::sameSize(fSource.data(), width * height, fTarget.data());
+      return true;
+    }
+    if (fRatio > 0)
+      return kernels::subSample(fRatio, width, height, fSource.data(), fTarget.data());
+    return kernels::overSample(-fRatio, width, height, fSource.data(), fTarget.data());
   }
   Sizes fSizes;
-  boost::shared_ptr<OX::OXBroker> fBroker;
-  boost::shared_ptr<OX::OXVisionSimulatorCam> fCam;
-  OX::OXImage* fSource = nullptr;
+  int fRatio;
+  std::vector<unsigned char> fSource;
   std::vector<unsigned char> fTarget;
 };
 
 void runReSize(benchmark::State& pState) {
   Fixture fixture(static_cast<int>(pState.range(0)));
   for (auto _ : pState) {
-    if (!Hook::reSize(*fixture.fCam, *fixture.fSource, fixture.fTarget.data())) {
-      pState.SkipWithError("xReSize refused the case");
+    if (!fixture.reSize()) {
+      pState.SkipWithError("the resampling refused the case");
       break;
     }
     benchmark::DoNotOptimize(fixture.fTarget.data());
@@ -103,9 +93,9 @@ void BM_ReSizeVector(benchmark::State& pState) {
 }
 
 void BM_ReSizeVector_Reference(benchmark::State& pState) {
-  OX::simulatorkernels::forceKernelsForTesting(OX::KernelVariant::kReference);
+  OX::resamplingkernels::forceKernelsForTesting(OX::KernelVariant::kReference);
   runReSize(pState);
-  OX::simulatorkernels::forceKernelsForTesting(OX::KernelVariant::kAutomatic);
+  OX::resamplingkernels::forceKernelsForTesting(OX::KernelVariant::kAutomatic);
 }
 
 void BM_ReSize_Reference(benchmark::State& pState) {

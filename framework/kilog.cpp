@@ -21,7 +21,7 @@ struct Registry {
   std::shared_ptr<const HandlerMap> fHandlers = std::make_shared<HandlerMap>();
   int fNextId = 1;
   std::atomic<int> fHandlerCount{0};
-  std::atomic<int> fStderrThreshold{3};
+  std::atomic<int> fStderrThreshold{kLogWarning};
   std::atomic<bool> fStderrJson{false};
   std::mutex fStderrMutex;
   // Held shared while records are delivered, so that removeHandler can wait until no thread is

@@ -21,6 +21,15 @@ struct Record {
   std::string message;
 };
 
+// The levels by name; -1 as a threshold lets no record through.
+constexpr int kLogSilent = -1;
+constexpr int kLogFatal = 1;
+constexpr int kLogError = 2;
+constexpr int kLogWarning = 3;
+constexpr int kLogInfo = 4;
+constexpr int kLogVerbose = 5;
+constexpr int kLogDebug = 6;
+
 using Handler = std::function<void(const Record&)>;
 
 // Adds a handler that sees every record; returns its id for removeHandler. A handler must not
@@ -28,7 +37,8 @@ using Handler = std::function<void(const Record&)>;
 int addHandler(Handler pHandler);
 void removeHandler(int pId);
 
-// Records with a level at or below this number go to stderr (default 3; -1 silences stderr).
+// Records with a level at or below this number go to stderr (default kLogWarning; -1 silences
+// stderr).
 void setStderrThreshold(int pLevel);
 int getStderrThreshold();
 // When true, the stderr handler writes one JSON object per line instead of plain text.

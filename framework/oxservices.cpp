@@ -98,7 +98,7 @@ void OXMemory::raiseEvent(const std::string& pEventName, const OXValue& pValue) 
       broker->getProxy(subscription.fModuleName, 0)
           ->genericCall(subscription.fCallbackName, arguments);
     } catch (const std::exception& error) {
-      ki::log::LogStream(3, "framework.memory", "", "raiseEvent", 0)
+      ki::log::LogStream(ki::log::kLogWarning, "framework.memory", "", "raiseEvent", 0)
           << "Event " << pEventName << ": callback " << subscription.fModuleName << "."
           << subscription.fCallbackName << " failed: " << error.what();
     }

@@ -108,14 +108,14 @@ bool OXVideo::recordVideo(const std::string& pPath, unsigned int pPeriod,
                           const std::vector<streamHeader>& pStreams) {
   closeVideo();
   if (pStreams.empty() || pStreams.size() > static_cast<size_t>(kMaxStreams)) {
-    ki::log::LogStream(2, kCategory, __FILE__, __func__, __LINE__)
+    ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "refusing " << pPath << ": " << pStreams.size() << " streams (1 to " << kMaxStreams
         << " allowed)";
     return false;
   }
   for (const streamHeader& stream : pStreams) {
     if (!isValidStream(stream)) {
-      ki::log::LogStream(2, kCategory, __FILE__, __func__, __LINE__)
+      ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
           << "refusing " << pPath << ": invalid stream " << stream.width << "x" << stream.height
           << " colour space " << stream.colorSpace;
       return false;
@@ -139,13 +139,13 @@ bool OXVideo::recordVideo(const std::string& pPath, unsigned int pPeriod,
 
   fFile = std::fopen(pPath.c_str(), "wb");
   if (fFile == nullptr) {
-    ki::log::LogStream(2, kCategory, __FILE__, __func__, __LINE__)
+    ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "cannot create " << pPath << ": " << std::strerror(errno);
     return false;
   }
   if (std::fwrite(header.data(), 1, header.size(), fFile) != header.size() ||
       std::fflush(fFile) != 0) {
-    ki::log::LogStream(2, kCategory, __FILE__, __func__, __LINE__)
+    ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "cannot write the header of " << pPath;
     closeFile();
     return false;
@@ -177,7 +177,7 @@ bool OXVideo::write(const char* pData, int pSize, int64_t pTimeStamp, signed cha
   if (std::fwrite(header, 1, fFrameHeader.size(), fFile) != fFrameHeader.size() ||
       (size > 0 && std::fwrite(pData, 1, size, fFile) != size)) {
     // Writing on after a partial frame would make every later frame unreadable: stop here.
-    ki::log::LogStream(2, kCategory, __FILE__, __func__, __LINE__)
+    ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "write failed after " << fRecordsWritten << " frames; recording closed";
     closeVideo();
     return false;
@@ -199,12 +199,12 @@ bool OXVideo::open(const std::string& pPath, bool pUpToDamage) {
   fFile = std::fopen(pPath.c_str(), "rb");
   if (fFile == nullptr) {
     fProblem = std::string("cannot open: ") + std::strerror(errno);
-    ki::log::LogStream(2, kCategory, __FILE__, __func__, __LINE__)
+    ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "cannot open " << pPath << ": " << std::strerror(errno);
     return false;
   }
   auto refuse = [this, &pPath](const std::string& pWhy) {
-    ki::log::LogStream(2, kCategory, __FILE__, __func__, __LINE__)
+    ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "refusing " << pPath << ": " << pWhy;
     closeVideo();
     fProblem = pWhy;
@@ -402,7 +402,7 @@ bool OXVideo::closeFile() {
   const bool closed = std::fclose(fFile) == 0;
   fFile = nullptr;
   if (!closed && fMode == Mode::kRecording) {
-    ki::log::LogStream(2, kCategory, __FILE__, __func__, __LINE__)
+    ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "closing the recording failed: the last frames may be lost";
     return false;
   }

@@ -250,7 +250,7 @@ TEST(DeviceCore, ParametersQueriesAndRefusals) {
   EXPECT_EQ(cam->getColorSpace(1), OX::kYUV422);
   EXPECT_EQ(cam->getActiveCamera(), 0);
   EXPECT_TRUE(cam->isFrameGrabberOff());
-  cam->camera(1).fGrabberState = -1;
+  cam->camera(1).fGrabberState = OX::GrabberState::kFailed;
   EXPECT_TRUE(cam->isFrameGrabberOff(1));
   EXPECT_TRUE(cam->startFrameGrabber(1));
   EXPECT_FALSE(cam->isFrameGrabberOff(1));

@@ -46,7 +46,7 @@ TEST(FileCamFiles, StartBeforeAnyFileOrBeyondTheFileFails) {
   {
     vitest::LogCapture capture;
     vitest::raised([&] { cam->startFrameGrabber(0); });
-    EXPECT_EQ(FileHook::camera(*cam).fGrabberState, -1);
+    EXPECT_EQ(FileHook::camera(*cam).fGrabberState, OX::GrabberState::kFailed);
     EXPECT_TRUE(cam->stopFrameGrabber(0));
   }
   cam->setVideo(path, OX::OXValue(std::vector<int>{5, 6}), false, 0, 0);
@@ -55,7 +55,7 @@ TEST(FileCamFiles, StartBeforeAnyFileOrBeyondTheFileFails) {
   EXPECT_TRUE(capture.has(2, kCategory, "Image 5 doesn't exist. File has 3 images."));
   EXPECT_TRUE(capture.has(2, kCategory, "Can't open video file."));
   EXPECT_NE(error.toString().find("Can't open video file."), std::string::npos);
-  EXPECT_EQ(FileHook::camera(*cam).fGrabberState, -1);
+  EXPECT_EQ(FileHook::camera(*cam).fGrabberState, OX::GrabberState::kFailed);
 }
 
 // A simulator recording replays raw byte for byte, and its conversions equal the live ones.

@@ -34,7 +34,8 @@ TEST(SimulatorCamObject, NewInstanceHasTwoCamerasWithTheirDefaults) {
     const OX::RealCameraProperties& p = Hook::camera(*cam, c);
     // Width, height, resolution, colour space, rate, model, buffer count, grabber state.
     EXPECT_EQ((std::vector<int>{p.fWidth, p.fHeight, p.fResolution, p.fColorSpace, p.fFrameRate,
-                                p.fCameraModel, p.fBufferCount, p.fGrabberState}),
+                                p.fCameraModel, p.fBufferCount,
+                                static_cast<int>(p.fGrabberState.load())}),
               (std::vector<int>{320, 240, OX::kQVGA, OX::kYUV422, 5, 2, 4, 0}))
         << c;
     OX::CameraDriverBuffer& store = Hook::store(*cam, c);
@@ -112,14 +113,14 @@ TEST(SimulatorCamParameters, ResolutionRules) {
                             "xSetParam() Invalid camera resolution input parameter."));
   }
   EXPECT_TRUE(Hook::setParam(*cam, 0, 14, 1, false));
-  EXPECT_EQ(Hook::camera(*cam, 0).fGrabberState, 0);
+  EXPECT_EQ(Hook::camera(*cam, 0).fGrabberState, OX::GrabberState::kStopped);
 
   ASSERT_TRUE(cam->putImage(0, 160, 120, vitest::rgbFrame(OX::kQQVGA, 1)));
   OX::CameraDriverBuffer& store = Hook::store(*cam, 0);
   store.fLastDriverBuffer = 2;
   EXPECT_TRUE(Hook::setParam(*cam, 0, 14, 2, false));
   EXPECT_EQ(Hook::camera(*cam, 0).fResolution, 2);
-  EXPECT_EQ(Hook::camera(*cam, 0).fGrabberState, 3);
+  EXPECT_EQ(Hook::camera(*cam, 0).fGrabberState, OX::GrabberState::kRunning);
   EXPECT_EQ(store.fLastInputBuffer, -1);
   EXPECT_EQ(store.fLastDriverBuffer, 2);
   for (const auto& buffer : store.fDriverBuffers) {
@@ -198,33 +199,38 @@ TEST(SimulatorCamParameters, CameraSelectionAndUnwritableIdentifiers) {
 TEST(SimulatorCamGrabber, TransitionsFromEveryState) {
   vitest::TestClock clock;
   auto cam = vitest::makeSimulatorCam();
-  std::atomic<int>& state = Hook::camera(*cam, 0).fGrabberState;
+  std::atomic<OX::GrabberState>& state = Hook::camera(*cam, 0).fGrabberState;
+  using S = OX::GrabberState;
   const struct {
-    int from;
+    S from;
     bool start;
-    int to;
-  } cases[] = {{0, true, 3},  {-1, true, 3}, {1, true, 1},  {2, true, 2},   {3, true, 3},
-               {3, false, 0}, {0, false, 0}, {2, false, 2}, {-1, false, -1}};
+    S to;
+  } cases[] = {{S::kStopped, true, S::kRunning},  {S::kFailed, true, S::kRunning},
+               {S::kOpening, true, S::kOpening},  {S::kClosing, true, S::kClosing},
+               {S::kRunning, true, S::kRunning},  {S::kRunning, false, S::kStopped},
+               {S::kStopped, false, S::kStopped}, {S::kClosing, false, S::kClosing},
+               {S::kFailed, false, S::kFailed}};
   for (const auto& c : cases) {
+    const int from = static_cast<int>(c.from);
     state = c.from;
-    EXPECT_TRUE(c.start ? Hook::startGrabber(*cam, 0) : Hook::stopGrabber(*cam, 0)) << c.from;
-    EXPECT_EQ(state, c.to) << c.from << (c.start ? " start" : " stop");
+    EXPECT_TRUE(c.start ? Hook::startGrabber(*cam, 0) : Hook::stopGrabber(*cam, 0)) << from;
+    EXPECT_EQ(state, c.to) << from << (c.start ? " start" : " stop");
   }
   // A start opens the device: a stored frame is no longer offered.
-  state = 0;
+  state = S::kStopped;
   ASSERT_TRUE(cam->putImage(0, 160, 120, vitest::rgbFrame(OX::kQQVGA, 1)));
   Hook::startGrabber(*cam, 0);
   EXPECT_EQ(Hook::store(*cam, 0).fLastInputBuffer, -1);
 
   // Stop while opening: polls every half second until the opening is over, then closes.
-  state = 1;
+  state = S::kOpening;
   int sleeps = 0;
   ki::os::setSleepForTesting([&](unsigned int pMicroseconds) {
-    if (pMicroseconds == 500000 && ++sleeps == 3) state = 3;
+    if (pMicroseconds == 500000 && ++sleeps == 3) state = S::kRunning;
   });
   EXPECT_TRUE(Hook::stopGrabber(*cam, 0));
   EXPECT_EQ(sleeps, 3);
-  EXPECT_EQ(state, 0);
+  EXPECT_EQ(state, S::kStopped);
   ki::os::restoreRealSleep();
 }
 

@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
-#include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -15,161 +13,158 @@
 #include "kilog.h"
 #include "oxbroker.h"
 #include "oxbrokerhost.h"
+#include "toolcommandline.h"
 
 namespace {
 
-const char* const kUsage =
-    "Usage: oxbroker [OPTION...]\n"
+namespace fs = boost::filesystem;
+using oxtools::UsageError;
+
+constexpr const char* kProgram = "oxbroker";
+constexpr const char* kCategory = "framework.oxbroker";
+// A broker that cannot serve (a module library that creates no module, a port taken) ends with
+// status 1, as docs/deviations.md tells.
+constexpr int kExitNotServing = 1;
+
+const char* const kAbout =
     "Loads module libraries into a broker and serves their published methods to other\n"
     "processes (ZeroMQ, see docs/protocol.md) until SIGINT or SIGTERM.\n"
-    "\n"
-    "  --prefs DIR              preference directory (default: the repository's\n"
-    "                           share/preferences, whose VideoInput.xml says SimulatorCam)\n"
-    "  --module LIB             module library to load; repeatable (default: libvideoinput.so\n"
-    "                           next to this program, in ../lib)\n"
-    "  --port N                 TCP port (default 7761; 0 picks a free one)\n"
-    "  --bind ADDRESS           address to listen on (default 127.0.0.1, loopback only;\n"
-    "                           0.0.0.0 listens on every interface)\n"
-    "  --threads N              worker threads serving calls (default 8)\n"
-    "  --heartbeat-timeout MS   a client that answers no heartbeat for this long is\n"
-    "                           disconnected (default 5000)\n"
-    "  --max-message BYTES      largest request accepted (default 67108864)\n"
-    "  --name NAME              the broker's name (default oxbroker)\n"
-    "  --log-level N            log records of level N or more important to stderr\n"
-    "                           (2 error, 3 warning, 4 information, 5 verbose; default 3)\n"
-    "  --log-json               log records as JSON lines: level, category, function, message\n"
-    "  --help                   this text\n"
-    "\n"
-    "Once it listens, it prints one line on stdout: \"oxbroker: listening on URL\".\n";
+    "Once it listens, it prints one line on stdout: \"oxbroker: listening on URL\".";
 
-[[noreturn]] void usageError(const std::string& pText) {
-  std::cerr << "oxbroker: " << pText << "\nTry 'oxbroker --help'.\n";
-  std::exit(1);
-}
+struct Options {
+  std::string prefs;
+  std::vector<std::string> modules;
+  OX::OXBrokerHost::Options host;
+  std::string name = kProgram;
+};
 
-int parseInt(const std::string& pOption, const std::string& pText, long pMin, long pMax) {
-  char* end = nullptr;
-  errno = 0;
-  const long value = std::strtol(pText.c_str(), &end, 10);
-  if (pText.empty() || *end != '\0' || errno != 0 || value < pMin || value > pMax) {
-    usageError(pOption + " needs a number from " + std::to_string(pMin) + " to " +
-               std::to_string(pMax) + ", not '" + pText + "'");
-  }
-  return static_cast<int>(value);
-}
-
-boost::filesystem::path programDirectory() {
+fs::path programDirectory() {
   char path[PATH_MAX];
   const ssize_t size = readlink("/proc/self/exe", path, sizeof(path) - 1);
-  if (size <= 0) return boost::filesystem::current_path();
+  if (size <= 0) return fs::current_path();
   path[size] = '\0';
-  return boost::filesystem::path(path).parent_path();
+  return fs::path(path).parent_path();
+}
+
+// An installed oxbroker finds the preference files installed beside it; one in a build tree
+// falls back to the source tree's, wherever the build directory is.
+std::string defaultPreferences(const fs::path& pHere) {
+  const fs::path installed = pHere / VI_PREFERENCES_FROM_BIN;
+  if (fs::is_directory(installed)) return fs::canonical(installed).string();
+  return std::string(VI_SOURCE_DIR) + "/share/preferences";
+}
+
+// libvideoinput.so where it is installed, else in the build tree's lib/ beside bin/.
+std::string defaultModule(const fs::path& pHere) {
+  const fs::path installed = pHere / VI_MODULES_FROM_BIN / "libvideoinput.so";
+  if (fs::exists(installed)) return fs::canonical(installed).string();
+  return (pHere / ".." / "lib" / "libvideoinput.so").string();
+}
+
+void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHere) {
+  OX::OXBrokerHost::Options& host = pOptions.host;
+  pOptions.prefs = defaultPreferences(pHere);
+  pLine
+      .add_option("--prefs", pOptions.prefs,
+                  "preference directory (VideoInput.xml names the camera)")
+      ->type_name("DIR")
+      ->capture_default_str();
+  pLine.add_option("--module", pOptions.modules, "module library to load; repeatable")
+      ->type_name("LIB")
+      ->default_str(defaultModule(pHere))
+      ->allow_extra_args(false);
+  pLine.addNumber("--port", host.fPort, "N", "TCP port; 0 picks a free one", 0, 65535);
+  pLine
+      .add_option("--bind", host.fBindAddress,
+                  "address to listen on: loopback only by default, 0.0.0.0 for every interface")
+      ->type_name("ADDRESS")
+      ->capture_default_str();
+  pLine.addNumber("--threads", host.fThreads, "N", "worker threads serving calls", 1, 1024);
+  pLine.addNumber("--heartbeat-timeout", host.fHeartbeatTimeoutMs, "MS",
+                  "a client that answers no heartbeat for this long is disconnected", 50, 3600000);
+  pLine.addNumber("--max-message", host.fMaxMessageBytes, "BYTES", "largest request accepted",
+                  std::size_t{1024}, std::size_t{1} << 30);
+  pLine.addClientName(pOptions.name, "the broker's name");
+  pLine.addLogOptions();
 }
 
 // Loads one module library and lets it create its modules in the broker.
 bool loadModule(const std::string& pLibrary, const boost::shared_ptr<OX::OXBroker>& pBroker) {
   void* handle = dlopen(pLibrary.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
-    std::cerr << "oxbroker: cannot load " << pLibrary << ": " << dlerror() << "\n";
+    std::cerr << kProgram << ": cannot load " << pLibrary << ": " << dlerror() << "\n";
     return false;
   }
   using CreateModule = int (*)(boost::shared_ptr<OX::OXBroker>);
   auto create = reinterpret_cast<CreateModule>(dlsym(handle, "_createModule"));
   if (create == nullptr) {
-    std::cerr << "oxbroker: " << pLibrary << " has no _createModule\n";
+    std::cerr << kProgram << ": " << pLibrary << " has no _createModule\n";
     return false;
   }
   // The library stays loaded for the life of the process: its modules live in the broker.
   const int result = create(pBroker);
   if (result != 0) {
-    std::cerr << "oxbroker: " << pLibrary << " created no module (_createModule returned " << result
-              << "; see the log above)\n";
+    std::cerr << kProgram << ": " << pLibrary << " created no module (_createModule returned "
+              << result << "; see the log above)\n";
     return false;
   }
   return true;
 }
 
-}  // namespace
-
-int main(int pArgc, char** pArgv) {
-  const boost::filesystem::path here = programDirectory();
-  std::string prefs = std::string(VI_SOURCE_DIR) + "/share/preferences";
-  std::vector<std::string> modules;
-  OX::OXBrokerHost::Options options;
-  std::string name = "oxbroker";
-  int logLevel = 3;
-  bool logJson = false;
-
-  std::vector<std::string> args(pArgv + 1, pArgv + pArgc);
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& arg = args[i];
-    auto value = [&]() -> const std::string& {
-      if (i + 1 >= args.size()) usageError(arg + " needs a value");
-      return args[++i];
-    };
-    if (arg == "--help" || arg == "-h") {
-      std::cout << kUsage;
-      return 0;
-    } else if (arg == "--prefs") {
-      prefs = value();
-    } else if (arg == "--module") {
-      modules.push_back(value());
-    } else if (arg == "--port") {
-      options.fPort = parseInt(arg, value(), 0, 65535);
-    } else if (arg == "--bind") {
-      options.fBindAddress = value();
-    } else if (arg == "--threads") {
-      options.fThreads = parseInt(arg, value(), 1, 1024);
-    } else if (arg == "--heartbeat-timeout") {
-      options.fHeartbeatTimeoutMs = parseInt(arg, value(), 50, 3600000);
-    } else if (arg == "--max-message") {
-      options.fMaxMessageBytes = static_cast<std::size_t>(parseInt(arg, value(), 1024, 1 << 30));
-    } else if (arg == "--name") {
-      name = value();
-    } else if (arg == "--log-level") {
-      logLevel = parseInt(arg, value(), -1, 6);
-    } else if (arg == "--log-json") {
-      logJson = true;
-    } else {
-      usageError("unknown option '" + arg + "'");
-    }
-  }
-  if (modules.empty()) modules.push_back((here / ".." / "lib" / "libvideoinput.so").string());
-  if (!boost::filesystem::is_directory(prefs)) {
-    usageError("no preference directory " + prefs + " (use --prefs DIR)");
-  }
-  ki::log::setStderrThreshold(logLevel);
-  ki::log::setStderrJson(logJson);
-
-  // Every thread started from here on inherits the blocked signals, so that only the wait below
-  // receives them.
+// Blocks SIGINT and SIGTERM in this thread and so in every thread started from here on, so that
+// only the wait in serve receives them.
+sigset_t blockStopSignals() {
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGINT);
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  return stopSignals;
+}
 
-  boost::shared_ptr<OX::OXBroker> broker = OX::OXBroker::createBroker(name, {prefs});
-  for (const std::string& library : modules) {
-    if (!loadModule(library, broker)) return 1;
+// Serves the broker's modules until a stop signal.
+int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOptions,
+          const sigset_t& pStopSignals) {
+  OX::OXBrokerHost host(pBroker, pOptions.host);
+  try {
+    host.start();
+  } catch (const OX::OXError& error) {
+    std::cerr << kProgram << ": " << error.getDescription() << "\n";
+    return kExitNotServing;
   }
-  int status = 0;
-  {
-    OX::OXBrokerHost host(broker, options);
-    try {
-      host.start();
-    } catch (const OX::OXError& error) {
-      std::cerr << "oxbroker: " << error.getDescription() << "\n";
-      return 1;
-    }
-    std::cout << "oxbroker: listening on " << host.getUrl() << std::endl;
-    ki::log::LogStream(4, "framework.oxbroker", "", "main", 0)
-        << "serving " << broker->getModuleNames().size() << " modules on " << host.getUrl();
-    int received = 0;
-    sigwait(&stopSignals, &received);
-    ki::log::LogStream(4, "framework.oxbroker", "", "main", 0) << "stopping on signal " << received;
-    host.stop();
+  std::cout << kProgram << ": listening on " << host.getUrl() << std::endl;
+  ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
+      << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl();
+  int received = 0;
+  sigwait(&pStopSignals, &received);
+  ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
+      << "stopping on signal " << received;
+  host.stop();
+  return oxtools::kExitOk;
+}
+
+int run(Options& pOptions, const fs::path& pHere) {
+  if (pOptions.modules.empty()) pOptions.modules.push_back(defaultModule(pHere));
+  if (!fs::is_directory(pOptions.prefs)) {
+    throw UsageError("no preference directory " + pOptions.prefs + " (use --prefs DIR)");
   }
+  const sigset_t stopSignals = blockStopSignals();
+  boost::shared_ptr<OX::OXBroker> broker =
+      OX::OXBroker::createBroker(pOptions.name, {pOptions.prefs});
+  for (const std::string& library : pOptions.modules) {
+    if (!loadModule(library, broker)) return kExitNotServing;
+  }
+  const int status = serve(broker, pOptions, stopSignals);
   broker->removeAllModules();
   return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const fs::path here = programDirectory();
+  Options options;
+  oxtools::CommandLine line(kProgram, "oxbroker [options]", kAbout);
+  declare(line, options, here);
+  return line.run(argc, argv, [&] { return run(options, here); });
 }

@@ -13,6 +13,7 @@
 
 #include "oxbroker.h"
 #include "oxvalue.h"
+#include "toolcommandline.h"
 #include "toolsupport.h"
 
 namespace {
@@ -189,79 +190,92 @@ json methodsJson(const OXValue& pRecords) {
   return methods;
 }
 
-int run(int pArgc, char** pArgv) {
+struct Options {
   std::string url = oxtools::kDefaultUrl;
   std::string name = kProgram;
-  std::string timeout;
+  int timeoutMs = OX::OXProxy::getRemoteTimeout();
   bool list = false;
   bool describe = false;
-  oxtools::CommandLine line(kProgram,
-                            "oxcall [options] MODULE METHOD [ARG...]\n"
-                            "       oxcall [options] --list MODULE\n"
-                            "       oxcall [options] --describe MODULE [METHOD]",
-                            kAbout);
-  line.addValue("--url", "URL", &url,
-                std::string("broker address (default ") + oxtools::kDefaultUrl + ")");
-  line.addValue("--name", "NAME", &name, "client name given to the broker (default oxcall)");
-  line.addValue("--timeout", "MS", &timeout, "reply timeout in milliseconds (default 30000)");
-  line.addFlag("--list", &list, "print the method names of MODULE, one per line");
-  line.addFlag("--describe", &describe,
-               "print the method table of MODULE (or the publications of METHOD) as JSON");
-  line.setEpilog(kEpilog);
-  const std::vector<std::string> positional = line.parse(pArgc, pArgv, true);
+  std::string module;
+  std::vector<std::string> words;  // METHOD [ARG...], or METHOD of --describe
+};
 
-  oxtools::checkUrl(url);
-  if (name.empty()) throw UsageError("--name: empty name");
-  if (list && describe) throw UsageError("--list and --describe exclude each other");
-  if (positional.empty()) throw UsageError("missing MODULE");
-  if (list && positional.size() != 1) throw UsageError("--list takes MODULE only");
-  if (describe && positional.size() > 2) throw UsageError("--describe takes MODULE [METHOD]");
-  if (!list && !describe && positional.size() < 2) throw UsageError("missing METHOD");
-  if (line.given("--timeout")) {
-    OX::OXProxy::setRemoteTimeout(
-        oxtools::parseInt(timeout, "--timeout", 1, std::numeric_limits<int>::max()));
-  }
-  const std::string& module = positional[0];
+void declare(oxtools::CommandLine& pLine, Options& pOptions) {
+  pLine.addUrl(pOptions.url);
+  pLine.addClientName(pOptions.name, "client name given to the broker");
+  pLine.addNumber("--timeout", pOptions.timeoutMs, "MS", "reply timeout in milliseconds", 1,
+                  std::numeric_limits<int>::max());
+  CLI::Option* list =
+      pLine.add_flag("--list", pOptions.list, "print the method names of MODULE, one per line");
+  pLine
+      .add_flag("--describe", pOptions.describe,
+                "print the method table of MODULE (or the publications of METHOD) as JSON")
+      ->excludes(list);
+  pLine.addLogOptions();
+  pLine.add_option("MODULE", pOptions.module, "the module, e.g. OXVideoDevice");
+  pLine.add_option("METHOD", pOptions.words,
+                   "the method, then its arguments (ARG), one JSON value each; with --describe, "
+                   "the method to describe");
+  // Everything after MODULE is an argument, so that a negative number needs no escaping.
+  pLine.positionals_at_end();
+}
 
-  // Arguments are checked before connecting, so that a typo costs no round trip.
+// The arguments as values, checked before connecting so that a typo costs no round trip.
+OXValue callArguments(const std::vector<std::string>& pWords) {
   OXValue arguments = OXValue::array({});
-  for (size_t i = 2; !list && !describe && i < positional.size(); ++i) {
-    const std::string where = "argument " + std::to_string(i - 1);
-    json parsed = json::parse(positional[i], nullptr, false);
+  for (size_t i = 1; i < pWords.size(); ++i) {
+    const std::string where = "argument " + std::to_string(i);
+    json parsed = json::parse(pWords[i], nullptr, false);
     if (parsed.is_discarded()) {
-      throw UsageError(where + ": not JSON: " + positional[i] +
-                       " (a string needs quotes: '\"text\"')");
+      throw UsageError(where + ": not JSON: " + pWords[i] + " (a string needs quotes: '\"text\"')");
     }
     arguments.arrayPush(fromJson(parsed, where));
   }
+  return arguments;
+}
 
-  const boost::shared_ptr<OX::OXProxy> proxy = oxtools::connectModule(url, module, name);
-  if (list) {
+int describe(OX::OXProxy& pProxy, const Options& pOptions) {
+  if (!pOptions.words.empty()) {
+    const OXValue records = pProxy.getMethodHelp(pOptions.words[0]);
+    if (records.getSize() == 0) {
+      std::cerr << kProgram << ": module " << pOptions.module << " publishes no method "
+                << pOptions.words[0] << "\n";
+      return oxtools::kExitFailure;
+    }
+    std::cout << dumpLine(methodsJson(records)) << "\n";
+    return oxtools::kExitOk;
+  }
+  // [[module name, description, [[language, text], ...]], [record, ...]]
+  const OXValue table = pProxy.describe();
+  const OXValue& help = table[0];
+  const json whole = {{"module", help[0].asString()},
+                      {"description", help[1].asString()},
+                      {"examples", examplesJson(help[2])},
+                      {"methods", methodsJson(table[1])}};
+  std::cout << dumpLine(whole) << "\n";
+  return oxtools::kExitOk;
+}
+
+int run(const Options& pOptions) {
+  // Checked here rather than declared required, so that an unknown option is named as such.
+  if (pOptions.module.empty()) throw UsageError("missing MODULE");
+  if (pOptions.list && !pOptions.words.empty()) throw UsageError("--list takes MODULE only");
+  if (pOptions.describe && pOptions.words.size() > 1) {
+    throw UsageError("--describe takes MODULE [METHOD]");
+  }
+  const bool call = !pOptions.list && !pOptions.describe;
+  if (call && pOptions.words.empty()) throw UsageError("missing METHOD");
+  const OXValue arguments = call ? callArguments(pOptions.words) : OXValue();
+  OX::OXProxy::setRemoteTimeout(pOptions.timeoutMs);
+
+  const boost::shared_ptr<OX::OXProxy> proxy =
+      oxtools::connectModule(pOptions.url, pOptions.module, pOptions.name);
+  if (pOptions.describe) return describe(*proxy, pOptions);
+  if (pOptions.list) {
     for (const std::string& method : proxy->getMethodList()) std::cout << method << "\n";
     return oxtools::kExitOk;
   }
-  if (describe) {
-    if (positional.size() == 2) {
-      const OXValue records = proxy->getMethodHelp(positional[1]);
-      if (records.getSize() == 0) {
-        std::cerr << kProgram << ": module " << module << " publishes no method " << positional[1]
-                  << "\n";
-        return oxtools::kExitFailure;
-      }
-      std::cout << dumpLine(methodsJson(records)) << "\n";
-      return oxtools::kExitOk;
-    }
-    // [[module name, description, [[language, text], ...]], [record, ...]]
-    const OXValue table = proxy->describe();
-    const OXValue& help = table[0];
-    const json whole = {{"module", help[0].asString()},
-                        {"description", help[1].asString()},
-                        {"examples", examplesJson(help[2])},
-                        {"methods", methodsJson(table[1])}};
-    std::cout << dumpLine(whole) << "\n";
-    return oxtools::kExitOk;
-  }
-  const OXValue result = proxy->genericCall(positional[1], arguments);
+  const OXValue result = proxy->genericCall(pOptions.words[0], arguments);
   std::cout << dumpLine(toJson(result)) << "\n";
   return oxtools::kExitOk;
 }
@@ -269,5 +283,12 @@ int run(int pArgc, char** pArgv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  return oxtools::runTool(kProgram, [&] { return run(argc, argv); });
+  Options options;
+  oxtools::CommandLine line(kProgram,
+                            "oxcall [options] MODULE METHOD [ARG...]\n"
+                            "       oxcall [options] --list MODULE\n"
+                            "       oxcall [options] --describe MODULE [METHOD]",
+                            kAbout, kEpilog);
+  declare(line, options);
+  return line.run(argc, argv, [&options] { return run(options); });
 }

@@ -17,12 +17,12 @@
 #include "oximage.h"
 #include "oxtypes.h"
 #include "oxvalue.h"
+#include "toolcommandline.h"
 #include "toolimage.h"
 #include "toolsupport.h"
 
 namespace {
 
-using oxtools::UsageError;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kProgram = "oxgrab";
@@ -38,6 +38,12 @@ const char* const kAbout =
     "The hue colour spaces (Hsy, hsy, hsmixed) carry no complete colour: their PNG is an\n"
     "approximation. Exit status: 0 success or stopped, 1 bad command line, 2 error from the\n"
     "broker or the device, or no image within the timeout.";
+
+const char* const kEpilog =
+    "resolutions: qqvga (0, 160x120), qvga (1, 320x240), vga (2, 640x480), 4vga (3, 1280x960)\n"
+    "examples:\n"
+    "  oxgrab --count 5 --out /tmp/shots\n"
+    "  oxgrab --resolution vga --colorspace yuv422 --fps 30 --count 100 --prefix run1";
 
 std::string defaultPrefix(const std::string& pName) {
   std::string prefix = pName;
@@ -67,149 +73,177 @@ class Subscription {
   std::string fId;
 };
 
-int run(int pArgc, char** pArgv) {
+struct Options {
   std::string url = oxtools::kDefaultUrl;
   std::string name = kProgram;
-  std::string camera = "0";
-  std::string resolutionText = "qvga";
-  std::string colorSpaceText = "rgb";
-  std::string fpsText = "15";
-  std::string countText = "10";
+  int camera = 0;
+  int resolution = OX::kQVGA;
+  int colorSpace = OX::kRGB;
+  int fps = 15;
+  int count = 10;
   std::string out = "out";
   std::string prefix;
-  std::string timeoutText = "5000";
-  oxtools::CommandLine line(kProgram, "oxgrab [options]", kAbout);
-  line.addValue("--url", "URL", &url,
-                std::string("broker address (default ") + oxtools::kDefaultUrl + ")");
-  line.addValue("--name", "NAME", &name, "subscriber name (default oxgrab)");
-  line.addValue("--camera", "N", &camera, "camera index (default 0)");
-  line.addValue("--resolution", "RES", &resolutionText,
-                "qqvga, qvga, vga, 4vga or 0..3 (default qvga)");
-  line.addValue("--colorspace", "CS", &colorSpaceText,
-                "name or id (default rgb = 11): " + oxtools::colorSpaceNames());
-  line.addValue("--fps", "N", &fpsText, "frames per second asked and paced (default 15)");
-  line.addValue("--count", "N", &countText, "images to take (default 10)");
-  line.addValue("--out", "DIR", &out, "folder of the PNG files, made if needed (default out)");
-  line.addValue("--prefix", "P", &prefix, "file name prefix (default: NAME, made file-safe)");
-  line.addValue("--timeout", "MS", &timeoutText,
-                "longest wait for one image, in milliseconds (default 5000)");
-  line.setEpilog(
-      "resolutions: qqvga (0, 160x120), qvga (1, 320x240), vga (2, 640x480), 4vga (3, "
-      "1280x960)\n"
-      "examples:\n"
-      "  oxgrab --count 5 --out /tmp/shots\n"
-      "  oxgrab --resolution vga --colorspace yuv422 --fps 30 --count 100 --prefix run1");
-  if (!line.parse(pArgc, pArgv).empty()) throw UsageError("oxgrab takes no positional argument");
+  int timeoutMs = 5000;
+};
 
-  oxtools::checkUrl(url);
-  if (name.empty()) throw UsageError("--name: empty name");
-  const int cameraIndex = oxtools::parseInt(camera, "--camera", 0, 127);
-  const int resolution = oxtools::parseResolution(resolutionText);
-  if (resolution < 0) {
-    throw UsageError("--resolution: unknown '" + resolutionText +
-                     "' (qqvga, qvga, vga, 4vga, 0..3)");
+// Accepts a name or a number as pParse does and hands the number on, so that the option's value
+// is the device's id.
+CLI::Validator byName(int (*pParse)(const std::string&), const std::string& pKnown) {
+  return CLI::Validator(
+      [pParse, pKnown](std::string& pText) -> std::string {
+        const int value = pParse(pText);
+        if (value < 0) return "unknown '" + pText + "'; known: " + pKnown;
+        pText = std::to_string(value);
+        return "";
+      },
+      "");
+}
+
+void declare(oxtools::CommandLine& pLine, Options& pOptions) {
+  constexpr int kMax = std::numeric_limits<int>::max();
+  pLine.addUrl(pOptions.url);
+  pLine.addClientName(pOptions.name, "subscriber name");
+  pLine.addNumber("--camera", pOptions.camera, "N", "camera index", 0, 127);
+  pLine.add_option("--resolution", pOptions.resolution, "qqvga, qvga, vga, 4vga or 0..3")
+      ->type_name("RES")
+      ->default_str("qvga")
+      ->transform(byName(oxtools::parseResolution, "qqvga, qvga, vga, 4vga, 0..3"));
+  pLine
+      .add_option("--colorspace", pOptions.colorSpace, "name or id: " + oxtools::colorSpaceNames())
+      ->type_name("CS")
+      ->default_str("rgb = 11")
+      ->transform(byName(oxtools::parseColorSpace, oxtools::colorSpaceNames()));
+  pLine.addNumber("--fps", pOptions.fps, "N", "frames per second asked and paced", 1, 1000);
+  pLine.addNumber("--count", pOptions.count, "N", "images to take", 1, kMax);
+  pLine.add_option("--out", pOptions.out, "folder of the PNG files, made if needed")
+      ->type_name("DIR")
+      ->capture_default_str()
+      ->check(oxtools::kNonEmpty);
+  pLine.add_option("--prefix", pOptions.prefix, "file name prefix")
+      ->type_name("P")
+      ->default_str("NAME, made file-safe");
+  pLine.addNumber("--timeout", pOptions.timeoutMs, "MS",
+                  "longest wait for one image, in milliseconds", 1, kMax);
+  pLine.addLogOptions();
+}
+
+// Takes images, saves them and keeps the numbers of the summary.
+class Grabber {
+ public:
+  Grabber(const Options& pOptions, boost::shared_ptr<OX::OXProxy> pProxy, std::string pId)
+      : fOptions(pOptions), fProxy(std::move(pProxy)), fId(std::move(pId)) {}
+
+  // One image: fetched, saved and paced. False once the count is reached or a stop came.
+  bool step() {
+    if (!fetch()) return false;
+    const int64_t now = ki::os::nowMicroseconds();
+    fLast = Clock::now();
+    if (fTaken == 0) fFirst = fLast;
+    const bool repeated = fImage.fTimeStamp == fLastStamp;
+    if (!repeated) ++fDistinct;
+    fLastStamp = fImage.fTimeStamp;
+    save(now, repeated);
+    // Pacing starts from the first image: the camera's start-up is no debt to catch up on.
+    if (fTaken++ == 0) fNext = Clock::now();
+    fNext += std::chrono::microseconds(1000000 / fOptions.fps);
+    if (fNext < Clock::now()) fNext = Clock::now();
+    return fTaken < fOptions.count && oxtools::sleepUntil(fNext);
   }
-  const int colorSpace = oxtools::parseColorSpace(colorSpaceText);
-  if (colorSpace < 0) {
-    throw UsageError("--colorspace: unknown '" + colorSpaceText +
-                     "'; known: " + oxtools::colorSpaceNames());
+
+  void printSummary() const {
+    const double span = std::chrono::duration<double>(fLast - fFirst).count();
+    if (fTaken > 1 && span > 0) {
+      std::printf("%s: %d images (%d distinct frames) at %.1f images/s\n", kProgram, fTaken,
+                  fDistinct, (fTaken - 1) / span);
+    } else {
+      std::printf("%s: %d images (%d distinct frames)\n", kProgram, fTaken, fDistinct);
+    }
   }
-  const int fps = oxtools::parseInt(fpsText, "--fps", 1, 1000);
-  const int count = oxtools::parseInt(countText, "--count", 1, std::numeric_limits<int>::max());
-  const int timeoutMs =
-      oxtools::parseInt(timeoutText, "--timeout", 1, std::numeric_limits<int>::max());
-  if (prefix.empty()) prefix = defaultPrefix(name);
-  if (out.empty()) throw UsageError("--out: empty folder name");
+
+ private:
+  // The next image into fImage; false when a stop came first. An invalid answer means no image
+  // yet (the camera starts, or nothing was pushed): ask again shortly, up to the timeout.
+  bool fetch() {
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(fOptions.timeoutMs);
+    OX::OXValue reply = fProxy->genericCall("getImageRemote", OX::OXValue::array({fId}));
+    while (!reply.isValid() && !oxtools::stopRequested()) {
+      if (Clock::now() >= deadline) {
+        throw std::runtime_error("no image within " + std::to_string(fOptions.timeoutMs) +
+                                 " ms; is a camera or oxsim delivering frames? (a simulated "
+                                 "camera drops what was pushed before its first subscriber)");
+      }
+      oxtools::sleepUntil(Clock::now() + std::chrono::milliseconds(10));
+      reply = fProxy->genericCall("getImageRemote", OX::OXValue::array({fId}));
+    }
+    if (!reply.isValid()) return false;
+    if (!fImage.fromOXValue(reply)) {
+      throw std::runtime_error("getImageRemote returned no image array: " +
+                               reply.toString().substr(0, 200));
+    }
+    return true;
+  }
+
+  // Converts fImage to RGB, writes it as the next PNG file and prints one line about it.
+  void save(int64_t pNow, bool pRepeated) {
+    oxtools::RgbImage rgb;
+    if (!oxtools::toRgb(fImage.fData, fImage.getSize(), fImage.fWidth, fImage.fHeight,
+                        fImage.fColorSpace, rgb)) {
+      throw std::runtime_error("cannot convert an image of colour space " +
+                               std::to_string(fImage.fColorSpace) + " to RGB");
+    }
+    char file[32];
+    std::snprintf(file, sizeof file, "_%04d.png", fTaken);
+    const std::string path =
+        (std::filesystem::path(fOptions.out) / (fOptions.prefix + file)).string();
+    oxtools::writePng(path, rgb);
+    std::printf("%s: %s %dx%d %s camera %d age %.1f ms%s\n", kProgram, path.c_str(), fImage.fWidth,
+                fImage.fHeight, oxtools::colorSpaceName(fImage.fColorSpace).c_str(),
+                static_cast<int>(fImage.fCameraId), (pNow - fImage.fTimeStamp) / 1000.0,
+                pRepeated ? " (same frame as before)" : "");
+    std::fflush(stdout);
+  }
+
+  const Options& fOptions;
+  boost::shared_ptr<OX::OXProxy> fProxy;
+  std::string fId;
+  OX::OXImage fImage{1, 1, OX::kRGB, false};
+  int fTaken = 0;
+  int fDistinct = 0;
+  int64_t fLastStamp = std::numeric_limits<int64_t>::min();
+  Clock::time_point fFirst;
+  Clock::time_point fLast;
+  Clock::time_point fNext;
+};
+
+int run(Options& pOptions) {
+  if (pOptions.prefix.empty()) pOptions.prefix = defaultPrefix(pOptions.name);
   std::error_code error;
-  std::filesystem::create_directories(out, error);
-  if (error || !std::filesystem::is_directory(out)) {
-    throw std::runtime_error("cannot make folder " + out + ": " + error.message());
+  std::filesystem::create_directories(pOptions.out, error);
+  if (error || !std::filesystem::is_directory(pOptions.out)) {
+    throw std::runtime_error("cannot make folder " + pOptions.out + ": " + error.message());
   }
 
   oxtools::installStopHandler();
   const boost::shared_ptr<OX::OXProxy> proxy =
-      oxtools::connectModule(url, oxtools::kDeviceModule, name);
+      oxtools::connectModule(pOptions.url, oxtools::kDeviceModule, pOptions.name);
   // The device may answer with another id (a second subscriber of the same name gets a suffix).
   const std::string id =
       proxy
           ->genericCall("subscribeCamera",
-                        OX::OXValue::array({name, cameraIndex, resolution, colorSpace, fps}))
+                        OX::OXValue::array({pOptions.name, pOptions.camera, pOptions.resolution,
+                                            pOptions.colorSpace, pOptions.fps}))
           .asString();
   Subscription subscription(proxy, id);
   std::printf(
       "%s: subscribed as %s (camera %d, resolution %d, %s, %d fps); ages use the wall "
       "clock shared by the processes of this machine\n",
-      kProgram, id.c_str(), cameraIndex, resolution, oxtools::colorSpaceName(colorSpace).c_str(),
-      fps);
+      kProgram, id.c_str(), pOptions.camera, pOptions.resolution,
+      oxtools::colorSpaceName(pOptions.colorSpace).c_str(), pOptions.fps);
   std::fflush(stdout);
 
-  const auto period = std::chrono::microseconds(1000000 / fps);
-  OX::OXImage image(1, 1, OX::kRGB, false);
-  int taken = 0;
-  int distinct = 0;
-  int64_t lastStamp = std::numeric_limits<int64_t>::min();
-  Clock::time_point first;
-  Clock::time_point last;
-  Clock::time_point next = Clock::now();
-  try {
-    while (taken < count && !oxtools::stopRequested()) {
-      const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-      OX::OXValue reply = proxy->genericCall("getImageRemote", OX::OXValue::array({id}));
-      // No image yet (the camera starts, or nothing was pushed): ask again shortly.
-      while (!reply.isValid() && !oxtools::stopRequested()) {
-        if (Clock::now() >= deadline) {
-          throw std::runtime_error("no image within " + std::to_string(timeoutMs) +
-                                   " ms; is a camera or oxsim delivering frames? (a simulated "
-                                   "camera drops what was pushed before its first subscriber)");
-        }
-        oxtools::sleepUntil(Clock::now() + std::chrono::milliseconds(10));
-        reply = proxy->genericCall("getImageRemote", OX::OXValue::array({id}));
-      }
-      if (!reply.isValid()) break;
-      const int64_t now = ki::os::nowMicroseconds();
-      if (!image.fromOXValue(reply)) {
-        throw std::runtime_error("getImageRemote returned no image array: " +
-                                 reply.toString().substr(0, 200));
-      }
-      last = Clock::now();
-      if (taken == 0) first = last;
-      const bool repeated = image.fTimeStamp == lastStamp;
-      if (!repeated) ++distinct;
-      lastStamp = image.fTimeStamp;
-
-      oxtools::RgbImage rgb;
-      if (!oxtools::toRgb(image.fData, image.getSize(), image.fWidth, image.fHeight,
-                          image.fColorSpace, rgb)) {
-        throw std::runtime_error("cannot convert an image of colour space " +
-                                 std::to_string(image.fColorSpace) + " to RGB");
-      }
-      char file[32];
-      std::snprintf(file, sizeof file, "_%04d.png", taken);
-      const std::string path = (std::filesystem::path(out) / (prefix + file)).string();
-      oxtools::writePng(path, rgb);
-      std::printf("%s: %s %dx%d %s camera %d age %.1f ms%s\n", kProgram, path.c_str(), image.fWidth,
-                  image.fHeight, oxtools::colorSpaceName(image.fColorSpace).c_str(),
-                  static_cast<int>(image.fCameraId), (now - image.fTimeStamp) / 1000.0,
-                  repeated ? " (same frame as before)" : "");
-      std::fflush(stdout);
-      // Pacing starts from the first image: the camera's start-up is no debt to catch up on.
-      if (taken++ == 0) next = Clock::now();
-      next += period;
-      if (next < Clock::now()) next = Clock::now();
-      if (taken < count) oxtools::sleepUntil(next);
-    }
-  } catch (const std::exception&) {
-    // A signal may cut a call short (the remote proxy then throws zmq's "Interrupted system
-    // call"); stopping is what was asked for.
-    if (!oxtools::stopRequested()) throw;
-  }
-  const double span = std::chrono::duration<double>(last - first).count();
-  if (taken > 1 && span > 0) {
-    std::printf("%s: %d images (%d distinct frames) at %.1f images/s\n", kProgram, taken, distinct,
-                (taken - 1) / span);
-  } else {
-    std::printf("%s: %d images (%d distinct frames)\n", kProgram, taken, distinct);
-  }
+  Grabber grabber(pOptions, proxy, id);
+  oxtools::repeatUntilStopped([&grabber] { return grabber.step(); });
+  grabber.printSummary();
   if (oxtools::stopRequested())
     std::printf("%s: stopped, unsubscribing %s\n", kProgram, id.c_str());
   return oxtools::kExitOk;
@@ -218,5 +252,8 @@ int run(int pArgc, char** pArgv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  return oxtools::runTool(kProgram, [&] { return run(argc, argv); });
+  Options options;
+  oxtools::CommandLine line(kProgram, "oxgrab [options]", kAbout, kEpilog);
+  declare(line, options);
+  return line.run(argc, argv, [&options] { return run(options); });
 }

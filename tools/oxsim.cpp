@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "oxerror.h"
 #include "oxtypes.h"
 #include "oxvalue.h"
+#include "toolcommandline.h"
 #include "toolimage.h"
 #include "toolsupport.h"
 
@@ -167,118 +169,174 @@ std::vector<std::string> pngFiles(const std::string& pFolder, int& pWidth, int& 
   return files;
 }
 
-int run(int pArgc, char** pArgv) {
+struct Options {
   std::string url = oxtools::kDefaultUrl;
-  std::string camera = "0";
+  int camera = 0;
   std::string size = "640x480";
-  std::string fps = "30";
-  std::string frames;
+  double fps = 30;
+  int frames = 0;  // 0: until stopped
   std::string pngDir;
   bool quiet = false;
-  oxtools::CommandLine line(kProgram, "oxsim [options]", kAbout);
-  line.addValue("--url", "URL", &url,
-                std::string("broker address (default ") + oxtools::kDefaultUrl + ")");
-  line.addValue("--camera", "N", &camera, "camera index (default 0)");
-  line.addValue("--size", "WxH", &size, "frame size of the drawn scene (default 640x480)");
-  line.addValue("--fps", "F", &fps, "frames per second, may be fractional (default 30)");
-  line.addValue("--frames", "N", &frames, "stop after N frames (default: run until stopped)");
-  line.addValue("--png-dir", "DIR", &pngDir, "send the PNG files of DIR instead of the scene");
-  line.addFlag("--quiet", &quiet, "print nothing but errors");
-  line.setEpilog(kEpilog);
-  if (!line.parse(pArgc, pArgv).empty()) throw UsageError("oxsim takes no positional argument");
+  bool sizeGiven = false;  // --size must then match the PNG files
+};
 
-  oxtools::checkUrl(url);
-  const int cameraIndex = oxtools::parseInt(camera, "--camera", 0, 127);
-  const double rate = oxtools::parsePositive(fps, "--fps");
-  const long long limit =
-      frames.empty() ? 0
-                     : oxtools::parseInt(frames, "--frames", 1, std::numeric_limits<int>::max());
-  int width = 0;
-  int height = 0;
-  std::vector<std::string> files;
-  if (!pngDir.empty()) {
-    files = pngFiles(pngDir, width, height);
-    if (line.given("--size")) {
-      int askedWidth = 0;
-      int askedHeight = 0;
-      oxtools::parseSize(size, "--size", askedWidth, askedHeight);
-      if (askedWidth != width || askedHeight != height) {
-        throw UsageError("--size " + size + " differs from the size of the PNG files");
+void declare(oxtools::CommandLine& pLine, Options& pOptions) {
+  pLine.addUrl(pOptions.url);
+  pLine.addNumber("--camera", pOptions.camera, "N", "camera index", 0, 127);
+  pLine.add_option("--size", pOptions.size, "frame size of the drawn scene")
+      ->type_name("WxH")
+      ->capture_default_str()
+      ->check(oxtools::kFrameSize);
+  pLine.add_option("--fps", pOptions.fps, "frames per second, may be fractional")
+      ->type_name("F")
+      ->default_str("30")
+      ->check(CLI::Validator(
+          [](const std::string& pText) -> std::string {
+            double value = 0;
+            return oxtools::readNumber(pText, value) && value > 0.0 && value <= 1e6
+                       ? ""
+                       : "expected a positive number, got '" + pText + "'";
+          },
+          ""));
+  pLine
+      .addNumber("--frames", pOptions.frames, "N", "stop after N frames", 1,
+                 std::numeric_limits<int>::max())
+      ->default_str("run until stopped");
+  pLine.add_option("--png-dir", pOptions.pngDir, "send the PNG files of DIR instead of the scene")
+      ->type_name("DIR")
+      ->check(oxtools::kNonEmpty);
+  pLine.add_flag("--quiet", pOptions.quiet, "print nothing but errors");
+  pLine.addLogOptions();
+}
+
+// The frames to send: the drawn scene, or the PNG files of --png-dir in turn.
+class FrameSource {
+ public:
+  explicit FrameSource(const Options& pOptions) : fRate(pOptions.fps) {
+    if (!pOptions.pngDir.empty()) {
+      fFiles = pngFiles(pOptions.pngDir, fWidth, fHeight);
+      int width = 0;
+      int height = 0;
+      oxtools::parseSize(pOptions.size, width, height);
+      if (pOptions.sizeGiven && (width != fWidth || height != fHeight)) {
+        throw UsageError("--size " + pOptions.size + " differs from the size of the PNG files");
       }
+    } else {
+      oxtools::parseSize(pOptions.size, fWidth, fHeight);
+      checkAccepted(fWidth, fHeight, "--size");
     }
-  } else {
-    oxtools::parseSize(size, "--size", width, height);
-    checkAccepted(width, height, "--size");
+    fScene = std::make_unique<Scene>(fWidth, fHeight);
   }
 
+  int width() const { return fWidth; }
+  int height() const { return fHeight; }
+
+  const RgbImage& frame(long long pNumber) {
+    if (fFiles.empty()) return fScene->draw(static_cast<double>(pNumber) / fRate, pNumber);
+    fLoaded = oxtools::readPng(fFiles[static_cast<size_t>(pNumber) % fFiles.size()]);
+    return fLoaded;
+  }
+
+ private:
+  double fRate;
+  int fWidth = 0;
+  int fHeight = 0;
+  std::vector<std::string> fFiles;
+  std::unique_ptr<Scene> fScene;
+  RgbImage fLoaded;
+};
+
+// Pushes frames on a steady schedule and keeps the numbers of the reports.
+class Pusher {
+ public:
+  Pusher(const Options& pOptions, FrameSource& pSource, boost::shared_ptr<OX::OXProxy> pProxy)
+      : fOptions(pOptions),
+        fSource(pSource),
+        fProxy(std::move(pProxy)),
+        fPeriod(std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(1.0 / pOptions.fps))) {}
+
+  // One frame pushed, reported and paced. False once --frames are sent or a stop came.
+  bool step() {
+    push(fSource.frame(fFrame));
+    const Clock::time_point now = Clock::now();
+    if (!fOptions.quiet && now - fLastReport >= std::chrono::seconds(1)) report(now);
+    // A steady schedule; after a stall it restarts from now instead of bursting to catch up.
+    fNext += fPeriod;
+    if (fNext + fPeriod < now) fNext = now;
+    ++fFrame;
+    return (fOptions.frames == 0 || fFrame < fOptions.frames) && oxtools::sleepUntil(fNext);
+  }
+
+  void printSummary() const {
+    if (fOptions.quiet) return;
+    const double span = std::chrono::duration<double>(Clock::now() - fStart).count();
+    std::printf("%s: done, %lld frames pushed in %.1f s (%.1f fps)%s\n", kProgram, fPushed, span,
+                span > 0 ? fPushed / span : 0.0, refusedText().c_str());
+  }
+
+  int exitCode() const {
+    return fPushed == 0 && fRefused > 0 ? oxtools::kExitFailure : oxtools::kExitOk;
+  }
+
+ private:
+  void push(const RgbImage& pImage) {
+    const OX::OXValue arguments = OX::OXValue::array(
+        {fOptions.camera, fSource.width(), fSource.height(),
+         OX::OXValue::binary(pImage.fPixels.data(), static_cast<int>(pImage.fPixels.size()))});
+    const OX::OXValue accepted = fProxy->genericCall("putImage", arguments);
+    if (accepted.isBool() && accepted.asBool()) {
+      ++fPushed;
+    } else if (fRefused++ == 0) {
+      std::cerr << kProgram << ": the device refused a frame (camera " << fOptions.camera << ", "
+                << fSource.width() << "x" << fSource.height() << ")\n";
+    }
+  }
+
+  void report(Clock::time_point pNow) {
+    const double span = std::chrono::duration<double>(pNow - fLastReport).count();
+    std::printf("%s: %lld frames pushed, %.1f fps%s\n", kProgram, fPushed,
+                (fPushed - fPushedAtReport) / span, refusedText().c_str());
+    std::fflush(stdout);
+    fLastReport = pNow;
+    fPushedAtReport = fPushed;
+  }
+
+  std::string refusedText() const {
+    return fRefused > 0 ? ", " + std::to_string(fRefused) + " refused" : "";
+  }
+
+  const Options& fOptions;
+  FrameSource& fSource;
+  boost::shared_ptr<OX::OXProxy> fProxy;
+  const Clock::duration fPeriod;
+  const Clock::time_point fStart = Clock::now();
+  Clock::time_point fNext = fStart;
+  Clock::time_point fLastReport = fStart;
+  long long fFrame = 0;
+  long long fPushed = 0;
+  long long fRefused = 0;
+  long long fPushedAtReport = 0;
+};
+
+int run(const Options& pOptions) {
+  FrameSource source(pOptions);
   oxtools::installStopHandler();
-  const boost::shared_ptr<OX::OXProxy> proxy =
-      oxtools::connectModule(url, oxtools::kDeviceModule, kProgram);
-  Scene scene(width, height);
-  const auto period =
-      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / rate));
-  const Clock::time_point start = Clock::now();
-  Clock::time_point next = start;
-  Clock::time_point lastReport = start;
-  long long pushed = 0;
-  long long refused = 0;
-  long long pushedAtReport = 0;
-  auto elapsed = [](Clock::time_point pFrom) {
-    return std::chrono::duration<double>(Clock::now() - pFrom).count();
-  };
-
-  try {
-    for (long long frame = 0; !oxtools::stopRequested() && (limit == 0 || frame < limit); ++frame) {
-      RgbImage loaded;
-      const RgbImage* image = nullptr;
-      if (files.empty()) {
-        image = &scene.draw(static_cast<double>(frame) / rate, frame);
-      } else {
-        loaded = oxtools::readPng(files[static_cast<size_t>(frame) % files.size()]);
-        image = &loaded;
-      }
-      const OX::OXValue arguments = OX::OXValue::array(
-          {cameraIndex, width, height,
-           OX::OXValue::binary(image->fPixels.data(), static_cast<int>(image->fPixels.size()))});
-      const OX::OXValue accepted = proxy->genericCall("putImage", arguments);
-      if (accepted.isBool() && accepted.asBool()) {
-        ++pushed;
-      } else if (refused++ == 0) {
-        std::cerr << kProgram << ": the device refused a frame (camera " << cameraIndex << ", "
-                  << width << "x" << height << ")\n";
-      }
-
-      const Clock::time_point now = Clock::now();
-      if (!quiet && now - lastReport >= std::chrono::seconds(1)) {
-        const double span = std::chrono::duration<double>(now - lastReport).count();
-        std::printf("%s: %lld frames pushed, %.1f fps%s\n", kProgram, pushed,
-                    (pushed - pushedAtReport) / span,
-                    refused > 0 ? (", " + std::to_string(refused) + " refused").c_str() : "");
-        std::fflush(stdout);
-        lastReport = now;
-        pushedAtReport = pushed;
-      }
-      // A steady schedule; after a stall it restarts from now instead of bursting to catch up.
-      next += period;
-      if (next + period < now) next = now;
-      oxtools::sleepUntil(next);
-    }
-  } catch (const std::exception&) {
-    // A signal may cut a call short (the remote proxy then throws zmq's "Interrupted system
-    // call"); stopping is what was asked for.
-    if (!oxtools::stopRequested()) throw;
-  }
-  if (!quiet) {
-    const double span = elapsed(start);
-    std::printf("%s: done, %lld frames pushed in %.1f s (%.1f fps)%s\n", kProgram, pushed, span,
-                span > 0 ? pushed / span : 0.0,
-                refused > 0 ? (", " + std::to_string(refused) + " refused").c_str() : "");
-  }
-  return pushed == 0 && refused > 0 ? oxtools::kExitFailure : oxtools::kExitOk;
+  Pusher pusher(pOptions, source,
+                oxtools::connectModule(pOptions.url, oxtools::kDeviceModule, kProgram));
+  oxtools::repeatUntilStopped([&pusher] { return pusher.step(); });
+  pusher.printSummary();
+  return pusher.exitCode();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  return oxtools::runTool(kProgram, [&] { return run(argc, argv); });
+  Options options;
+  oxtools::CommandLine line(kProgram, "oxsim [options]", kAbout, kEpilog);
+  declare(line, options);
+  return line.run(argc, argv, [&] {
+    options.sizeGiven = line.count("--size") > 0;
+    return run(options);
+  });
 }

@@ -1,8 +1,5 @@
 // oxv: recordings as files. A summary of .oxv recordings and video files, export to the video
 // formats everyone plays, import of any video FFmpeg reads, and cut and cat of recordings.
-#include <CLI/CLI.hpp>
-
-#include <algorithm>
 #include <iostream>
 #include <limits>
 #include <string>
@@ -10,8 +7,10 @@
 
 #include "kilog.h"
 #include "media.h"
+#include "oxvideo.h"
 #include "progress.h"
 #include "recordings.h"
+#include "toolcommandline.h"
 #include "toolimage.h"
 #include "toolsupport.h"
 
@@ -21,11 +20,16 @@ using oxtools::UsageError;
 
 constexpr const char* kProgram = "oxv";
 
+const char* const kUsage =
+    "oxv [--log-level N] COMMAND [options] ARGS... (COMMAND --help for more)";
+const std::string kCommandNames = "info, export, import, cut, cat or formats";
+
 const char* const kAbout =
     "Recordings (.oxv) as files: inspect them, export them to video files or PNG folders,\n"
     "import any video FFmpeg reads, cut and join them. Results appear under their final name\n"
     "only once complete. Exit status: 0 done, 1 bad command line, 2 bad input or failure\n"
-    "(and for info: some file unreadable or damaged).";
+    "(and for info: some file unreadable or damaged). --log-level 4 or more also shows\n"
+    "FFmpeg's own messages.";
 
 const char* const kExamples =
     "examples:\n"
@@ -105,136 +109,164 @@ int formats(bool pJson) {
   return oxtools::kExitOk;
 }
 
-int run(int pArgc, char** pArgv) {
-  CLI::App app(kAbout, kProgram);
-  app.require_subcommand(1, 1);
-  app.footer(kExamples);
-  bool verbose = false;
-  app.add_flag("--verbose", verbose, "show FFmpeg's own messages too");
+// The command line, declared once: the sub-commands with their options.
+struct Commands {
+  explicit Commands(oxtools::CommandLine& pLine);
 
-  std::vector<std::string> files;
-  bool json = false;
-  CLI::App* info = app.add_subcommand("info", "summarise recordings and video files");
-  info->footer(
+  oxtools::CommandLine& fLine;
+  std::string fUnknown;  // a first word that names no sub-command
+  std::vector<std::string> fFiles;
+  std::string fInput;
+  std::string fOutput;
+  std::string fRange;
+  std::string fResolution;
+  int fStep = 1;
+  int fStream = 0;
+  int fCamera = -1;
+  bool fJson = false;
+  bool fSalvage = false;
+  CLI::App* fInfo;
+  CLI::App* fExport;
+  CLI::App* fImport;
+  CLI::App* fCut;
+  CLI::App* fCat;
+  CLI::App* fFormats;
+};
+
+Commands::Commands(oxtools::CommandLine& pLine) : fLine(pLine) {
+  pLine.addLogOptions();
+  pLine.require_subcommand(0, 1);
+  // Not shown: it only lets an unknown sub-command be named in the error.
+  pLine.add_option("COMMAND", fUnknown)->group("");
+
+  fInfo = pLine.addCommand(
+      "info", "summarise recordings and video files", "oxv info [--json] FILE...",
       "For each file (.oxv or any video): streams, cameras, size, colour space, frame count,\n"
       "first and last time stamp, duration, mean and jitter of the frame interval, file size.\n"
       "A damaged file is reported with the frames that are readable, and the exit status is 2.");
-  info->add_option("FILE", files, "recordings or video files")->required();
-  info->add_flag("--json", json, "one JSON array, an object per file");
+  fInfo->add_option("FILE", fFiles, "recordings or video files")
+      ->required()
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  fInfo->add_flag("--json", fJson, "one JSON array, an object per file");
 
-  std::string input;
-  std::string output;
-  std::string range;
-  int step = 1;
-  int stream = 0;
-  bool salvage = false;
-  CLI::App* exporter = app.add_subcommand("export", "a recording to a video file or PNG files");
-  exporter->footer(
+  fExport = pLine.addCommand(
+      "export", "a recording to a video file or PNG files",
+      "oxv export [--range A:B] [--step N] [--stream N] [--salvage] FILE OUT",
       "Writes a recording as a video file whose format follows OUT's extension: .mp4 (H.264,\n"
       "else MPEG-4 part 2), .mkv (Ut Video, lossless), .avi (Motion JPEG), .y4m (raw YUV 4:2:2);\n"
       "or as PNG files and timestamps.csv in a folder (OUT ends with '/', is a folder or has no\n"
       "extension). Frame times come from the recording's time stamps.");
-  exporter->add_option("FILE", input, "the .oxv recording")->required();
-  exporter->add_option("OUT", output, "the video file or folder to write")->required();
-  exporter->add_option("--range", range, "images A to B - 1 (A:B, A:, :B; default all)");
-  exporter->add_option("--step", step, "one image in N (default 1)")->check(CLI::PositiveNumber);
-  exporter->add_option("--stream", stream, "stream of a multi-stream recording (default 0)")
-      ->check(CLI::NonNegativeNumber);
-  exporter->add_flag("--salvage", salvage, "take the readable images of a damaged recording");
+  fExport->add_option("FILE", fInput, "the .oxv recording")->required();
+  fExport->add_option("OUT", fOutput, "the video file or folder to write")->required();
+  fExport->add_option("--range", fRange, "images A to B - 1, as A:B, A: or :B (default all)")
+      ->type_name("RANGE");
+  fExport->add_option("--step", fStep, "one image in N")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()).description(""));
+  fExport->add_option("--stream", fStream, "stream of a multi-stream recording")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(CLI::Range(0, OX::OXVideo::kMaxStreams - 1).description(""));
+  fExport->add_flag("--salvage", fSalvage, "take the readable images of a damaged recording");
 
-  std::string resolution;
-  int camera = -1;
-  CLI::App* importer = app.add_subcommand("import", "any video to a recording");
-  importer->footer(
+  fImport = pLine.addCommand(
+      "import", "any video to a recording",
+      "oxv import [--resolution RES] [--camera N] VIDEO OUT.oxv",
       "Converts any video FFmpeg reads into a recording of kYUV422 frames, as the device\n"
       "records them, at a resolution of the device's table. Frame times come from the video;\n"
       "the time of the first frame from an exported file's tag or its creation time, else 0.");
-  importer->add_option("VIDEO", input, "the video file")->required();
-  importer->add_option("OUT", output, "the .oxv recording to write")->required();
-  importer->add_option("--resolution", resolution,
-                       "qqvga, qvga, vga or 4vga (default: the nearest to the video's size)");
-  importer->add_option("--camera", camera, "camera identifier of the frames (default 0)")
-      ->check(CLI::Range(0, 127));
+  fImport->add_option("VIDEO", fInput, "the video file")->required();
+  fImport->add_option("OUT", fOutput, "the .oxv recording to write")->required();
+  fImport
+      ->add_option("--resolution", fResolution,
+                   "qqvga, qvga, vga or 4vga (default: the nearest to the video's size)")
+      ->type_name("RES");
+  fImport->add_option("--camera", fCamera, "camera identifier of the frames (default 0)")
+      ->type_name("N")
+      ->check(CLI::Range(0, 127).description(""));
 
-  CLI::App* cutter = app.add_subcommand("cut", "part of a recording to a new recording");
-  cutter->footer("Copies images of a recording, with their time stamps, into a new recording.");
-  cutter->add_option("FILE", input, "the .oxv recording")->required();
-  cutter->add_option("OUT", output, "the .oxv recording to write")->required();
-  cutter->add_option("--range", range, "images A to B - 1 (A:B, A:, :B; default all)");
-  cutter->add_flag("--salvage", salvage, "take the readable images of a damaged recording");
+  fCut = pLine.addCommand(
+      "cut", "part of a recording to a new recording",
+      "oxv cut [--range A:B] [--salvage] FILE OUT.oxv",
+      "Copies images of a recording, every stream, with their time stamps, cameras and angles,\n"
+      "into a new recording. With --salvage and no range it repairs a damaged recording.");
+  fCut->add_option("FILE", fInput, "the .oxv recording")->required();
+  fCut->add_option("OUT", fOutput, "the .oxv recording to write")->required();
+  fCut->add_option("--range", fRange, "images A to B - 1, as A:B, A: or :B (default all)")
+      ->type_name("RANGE");
+  fCut->add_flag("--salvage", fSalvage, "take the readable images of a damaged recording");
 
-  CLI::App* joiner = app.add_subcommand("cat", "recordings one after the other into one");
-  joiner->footer(
+  fCat = pLine.addCommand(
+      "cat", "recordings one after the other into one", "oxv cat [--salvage] FILE... OUT.oxv",
       "Joins recordings with the same streams into one. A recording whose first time stamp is\n"
       "not after the last one so far is shifted to follow it, so time stamps keep rising.");
-  joiner->add_option("FILE", files, "the recordings, then the .oxv recording to write")
+  fCat->add_option("FILE", fFiles, "the recordings, then the .oxv recording to write")
       ->required()
-      ->expected(2, std::numeric_limits<int>::max());
-  joiner->add_flag("--salvage", salvage, "take the readable images of damaged recordings");
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  fCat->add_flag("--salvage", fSalvage, "take the readable images of damaged recordings");
 
-  const std::vector<std::string> commands = {"info", "export", "import", "cut", "cat", "formats"};
-  if (pArgc > 1 && pArgv[1][0] != '-' &&
-      std::find(commands.begin(), commands.end(), pArgv[1]) == commands.end()) {
-    throw UsageError(std::string("unknown sub-command '") + pArgv[1] +
-                     "': give info, export, import, cut, cat or formats");
-  }
-  bool formatsJson = false;
-  CLI::App* formats = app.add_subcommand("formats", "the video formats export writes here");
-  formats->footer(
+  fFormats = pLine.addCommand(
+      "formats", "the video formats export writes here", "oxv formats [--json]",
       "For each extension: the codec this FFmpeg encodes it with (.mp4 takes H.264 where\n"
       "libx264 is there, else MPEG-4 part 2), whether pixels survive exactly, and how frame\n"
       "times are kept.");
-  formats->add_flag("--json", formatsJson, "one JSON array, an object per extension");
+  fFormats->add_flag("--json", fJson, "one JSON array, an object per extension");
+}
 
-  try {
-    app.parse(pArgc, pArgv);
-  } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app.exit(error);
-    throw UsageError(error.what());
+int run(const Commands& pCommands) {
+  const Commands& c = pCommands;
+  if (c.fLine.get_subcommands().empty()) {
+    if (c.fUnknown.empty()) throw UsageError("give a sub-command: " + kCommandNames);
+    throw UsageError("unknown sub-command '" + c.fUnknown + "': give " + kCommandNames);
   }
-  oxmedia::showLibraryMessages(verbose);
-  // OXVideo's refusals reach the user as oxv's own messages.
-  if (!verbose) ki::log::setStderrThreshold(-1);
+  // OXVideo's refusals reach the user as oxv's own messages, unless logs were asked for.
+  const bool logs = c.fLine.count("--log-level") > 0;
+  if (!logs) ki::log::setStderrThreshold(ki::log::kLogSilent);
+  oxmedia::showLibraryMessages(logs && ki::log::getStderrThreshold() >= ki::log::kLogInfo);
 
-  if (info->parsed()) return ::info(files, json);
-  if (formats->parsed()) return ::formats(formatsJson);
-  if (exporter->parsed()) {
+  if (c.fInfo->parsed()) return info(c.fFiles, c.fJson);
+  if (c.fFormats->parsed()) return formats(c.fJson);
+  if (c.fExport->parsed()) {
     oxmedia::ExportOptions options;
-    options.fRange = rangeOf(range);
-    options.fStep = step;
-    options.fStream = stream;
-    options.fSalvage = salvage;
+    options.fRange = rangeOf(c.fRange);
+    options.fStep = c.fStep;
+    options.fStream = c.fStream;
+    options.fSalvage = c.fSalvage;
     return withProgress("export", [&](const oxmedia::Progress& pProgress) {
-      return oxmedia::exportRecording(input, output, options, pProgress);
+      return oxmedia::exportRecording(c.fInput, c.fOutput, options, pProgress);
     });
   }
-  if (importer->parsed()) {
+  if (c.fImport->parsed()) {
     oxmedia::ImportOptions options;
-    if (!resolution.empty()) {
-      options.fResolution = oxtools::parseResolution(resolution);
+    if (!c.fResolution.empty()) {
+      options.fResolution = oxtools::parseResolution(c.fResolution);
       if (options.fResolution < 0) {
-        throw UsageError("--resolution " + resolution + ": give qqvga, qvga, vga or 4vga");
+        throw UsageError("--resolution " + c.fResolution + ": give qqvga, qvga, vga or 4vga");
       }
     }
-    options.fCamera = camera;
+    options.fCamera = c.fCamera;
     return withProgress("import", [&](const oxmedia::Progress& pProgress) {
-      return oxmedia::importVideo(input, output, options, pProgress);
+      return oxmedia::importVideo(c.fInput, c.fOutput, options, pProgress);
     });
   }
-  if (cutter->parsed()) {
-    const oxmedia::Range cut = rangeOf(range);
+  if (c.fCut->parsed()) {
+    const oxmedia::Range cut = rangeOf(c.fRange);
     return withProgress("cut", [&](const oxmedia::Progress& pProgress) {
-      return oxmedia::cutRecording(input, output, cut, salvage, pProgress);
+      return oxmedia::cutRecording(c.fInput, c.fOutput, cut, c.fSalvage, pProgress);
     });
   }
-  const std::vector<std::string> inputs(files.begin(), files.end() - 1);
+  if (c.fFiles.size() < 2) throw UsageError("cat takes the recordings to join, then the output");
+  const std::vector<std::string> inputs(c.fFiles.begin(), c.fFiles.end() - 1);
   return withProgress("cat", [&](const oxmedia::Progress& pProgress) {
-    return oxmedia::catRecordings(inputs, files.back(), salvage, pProgress);
+    return oxmedia::catRecordings(inputs, c.fFiles.back(), c.fSalvage, pProgress);
   });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  return oxtools::runTool(kProgram, [&] { return run(argc, argv); });
+  oxtools::CommandLine line(kProgram, kUsage, kAbout, kExamples);
+  const Commands commands(line);
+  return line.run(argc, argv, [&] { return run(commands); });
 }

@@ -56,7 +56,7 @@ class TestCalls:
     def test_device_error_arrives_with_its_exact_text(self, device):
         with pytest.raises(OXError) as caught:
             device.getImageRemote("nobody")
-        line = throw_line(SOURCES / "oxvisionvideoinput.cpp", "pCheck.fUnknownPiece + pName")
+        line = throw_line(SOURCES / "device" / "oxvisionvideoinput.cpp", "pCheck.fUnknownPiece")
         error = caught.value
         assert error.description == "getDirectRawImageRemote(nobody) : module nobody unknown!"
         assert str(error) == ("OXVideoDevice::getImageRemote(): getDirectRawImageRemote(nobody) "
@@ -88,7 +88,7 @@ class TestCalls:
         with OXProxy(DEVICE, broker.host, broker.port, timeout_ms=10000) as device:
             with pytest.raises(OXError) as caught:
                 device.putImage(0, WIDTH, HEIGHT, uniform_frame())
-        line = throw_line(SOURCES / "oxvisionvideoinputqueries.cpp",
+        line = throw_line(SOURCES / "device" / "oxvisionvideoinputqueries.cpp",
                           "bool OXVisionVideoInput::putImage(const int&")
         assert str(caught.value) == (
             "OXVideoDevice::putImage(): Only implemented for simulator (oxvisionvideoinput:%d)"

@@ -12,7 +12,7 @@
 
 #include "oxbroker.h"
 #include "oxvalue/detail/oxfunctor.h"
-#include "oxvisionvideoinput.h"
+#include "device/oxvisionvideoinput.h"
 
 namespace vitest {
 
@@ -125,12 +125,12 @@ class FakeCam : public OX::OXVisionVideoInput {
   }
   bool xStartFrameGrabber(const int& pCameraIndex) override {
     ++fStarts[pCameraIndex];
-    camera(pCameraIndex).fGrabberState = 3;
+    camera(pCameraIndex).fGrabberState = OX::GrabberState::kRunning;
     return !fStartFails[pCameraIndex];
   }
   bool xStopFrameGrabber(const int& pCameraIndex) override {
     ++fStops[pCameraIndex];
-    camera(pCameraIndex).fGrabberState = 0;
+    camera(pCameraIndex).fGrabberState = OX::GrabberState::kStopped;
     return !fStopFails[pCameraIndex];
   }
 

@@ -9,7 +9,7 @@
 #include "oxbroker.h"
 #include "oxtypes.h"
 #include "oxvideo.h"
-#include "oxvisionfilecam.h"
+#include "cameras/file/oxvisionfilecam.h"
 
 namespace OX {
 

@@ -13,7 +13,8 @@
 #include "oxbroker.h"
 #include "oxerror.h"
 #include "oxtypes.h"
-#include "oxvisionsimulatorcam.h"
+#include "testsupport.h"
+#include "cameras/simulator/oxvisionsimulatorcam.h"
 
 namespace OX {
 
@@ -55,14 +56,6 @@ struct SimulatorCamTestHook {
   static bool reSize(Cam& pCam, int pCamera, OXImage& pSource, unsigned char* pTarget) {
     return pCam.xReSize(pCamera, pSource, pTarget);
   }
-  static bool subSample(int pRatio, int pWidth, int pHeight, const unsigned char* pSource,
-                        unsigned char* pTarget) {
-    return Cam::xSubSample(pRatio, pWidth, pHeight, pSource, pTarget);
-  }
-  static bool overSample(int pRatio, int pWidth, int pHeight, const unsigned char* pSource,
-                         unsigned char* pTarget) {
-    return Cam::xOverSample(pRatio, pWidth, pHeight, pSource, pTarget);
-  }
   static OXImage* getRaw(Cam& pCam, const std::string& pId) {
     OXCriticalSectionWrite lock(pCam.fVisionModulesLock);
     return pCam.xGetDirectRawImage(pId, false);
@@ -89,19 +82,6 @@ inline boost::shared_ptr<OX::OXVisionSimulatorCam> makeSimulatorCam(
   boost::shared_ptr<OX::OXBroker> broker = OX::OXBroker::createBroker("sim-test", {});
   if (pBroker != nullptr) *pBroker = broker;
   return OX::OXModule::createModule<OX::OXVisionSimulatorCam>(broker);
-}
-
-// Deterministic pseudo-random bytes (xorshift), different for each seed.
-inline std::vector<unsigned char> randomBytes(size_t pSize, uint32_t pSeed) {
-  std::vector<unsigned char> bytes(pSize);
-  uint32_t state = pSeed * 2654435761u + 1u;
-  for (unsigned char& byte : bytes) {
-    state ^= state << 13;
-    state ^= state >> 17;
-    state ^= state << 5;
-    byte = static_cast<unsigned char>(state >> 24);
-  }
-  return bytes;
 }
 
 // An RGB frame of a resolution as the simulator sends it: a binary of width x 3 x height bytes.

@@ -78,4 +78,17 @@ OX::OXError raised(F pCall) {
 // Path of a library or program of the build.
 std::string libraryPath(const std::string& pName);
 
+// Deterministic pseudo-random bytes (xorshift), different for each seed.
+inline std::vector<unsigned char> randomBytes(size_t pSize, uint32_t pSeed) {
+  std::vector<unsigned char> bytes(pSize);
+  uint32_t state = pSeed * 2654435761u + 1u;
+  for (unsigned char& byte : bytes) {
+    state ^= state << 13;
+    state ^= state >> 17;
+    state ^= state << 5;
+    byte = static_cast<unsigned char>(state >> 24);
+  }
+  return bytes;
+}
+
 }  // namespace vitest

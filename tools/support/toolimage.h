@@ -24,7 +24,8 @@ std::string colorSpaceName(int pColorSpace);
 // The accepted names, for help texts.
 std::string colorSpaceNames();
 
-// Converts one image as the device lays it out (see oxvisionvideoinputconversion.cpp) to RGB.
+// Converts one image as the device lays it out (see kernels/conversion.cpp of the library) to
+// RGB.
 // Exact for kRGB, kBGR, kH2RGB and the luma/chroma spaces (BT.601 studio range, as the device
 // converts); the hue spaces (kHsy, kHSY, kHSMixed) carry no complete colour and come back
 // approximately. False, leaving pOut empty, for an unknown colour space or a buffer of the wrong

@@ -4,8 +4,8 @@
 
 #include "kilog.h"
 #include "oxproxies.h"
-#include "oxvisionfilecam.h"
-#include "oxvisionsimulatorcam.h"
+#include "cameras/file/oxvisionfilecam.h"
+#include "cameras/simulator/oxvisionsimulatorcam.h"
 
 namespace {
 const std::string moduleVideoInputName = "VideoInput";
@@ -41,7 +41,7 @@ extern "C" int _createModule(boost::shared_ptr<OX::OXBroker> pBroker) {
         new OX::OXPreferencesProxy(pBroker->getProxy("OXPreferences", 0)));
     fPreferences = preferences->readPrefFile(moduleVideoInputName, true);
   } catch (const OX::OXError& error) {
-    ki::log::LogStream(3, kCategory, "", "_createModule", 0) << error.toString();
+    ki::log::LogStream(ki::log::kLogWarning, kCategory, "", "_createModule", 0) << error.toString();
   }
 
   std::string moduleName;
@@ -53,7 +53,7 @@ extern "C" int _createModule(boost::shared_ptr<OX::OXBroker> pBroker) {
   }
 
   if (moduleName.empty()) {
-    ki::log::LogStream(2, kCategory, "", "_createModule", 0)
+    ki::log::LogStream(ki::log::kLogError, kCategory, "", "_createModule", 0)
         << "VideoInput: Failed to read VideoInput.xml preference file." << std::endl
         << "No module will be loaded";
     return 1;
@@ -61,7 +61,7 @@ extern "C" int _createModule(boost::shared_ptr<OX::OXBroker> pBroker) {
 
   const auto found = moduleNameMap.find(moduleName);
   if (found == moduleNameMap.end()) {
-    ki::log::LogStream(2, kCategory, "", "_createModule", 0)
+    ki::log::LogStream(ki::log::kLogError, kCategory, "", "_createModule", 0)
         << "VideoInput: Unknown module name: " << moduleName << std::endl
         << "No module will be loaded";
     return 1;
@@ -69,21 +69,22 @@ extern "C" int _createModule(boost::shared_ptr<OX::OXBroker> pBroker) {
 
   switch (found->second) {
     case 2:
-      ki::log::LogStream(5, kCategory, "", "_createModule", 0)
+      ki::log::LogStream(ki::log::kLogVerbose, kCategory, "", "_createModule", 0)
           << "VideoInput: loading SimulatorCam";
       // The broker's registry keeps the module alive; the pointer is not needed here.
       OX::OXModule::createModule<OX::OXVisionSimulatorCam>(pBroker);
       return 0;
     case 3:
-      ki::log::LogStream(5, kCategory, "", "_createModule", 0) << "VideoInput: loading FileCam";
+      ki::log::LogStream(ki::log::kLogVerbose, kCategory, "", "_createModule", 0)
+          << "VideoInput: loading FileCam";
       OX::OXModule::createModule<OX::OXVisionFileCam>(pBroker);
       return 0;
     case 0:
-      ki::log::LogStream(2, kCategory, "", "_createModule", 0)
+      ki::log::LogStream(ki::log::kLogError, kCategory, "", "_createModule", 0)
           << "Could not load MioCam: library was not build with I_AM_A_ROBOT compilation flag";
       return 1;
     default:
-      ki::log::LogStream(2, kCategory, "", "_createModule", 0)
+      ki::log::LogStream(ki::log::kLogError, kCategory, "", "_createModule", 0)
           << "VideoInput: unknown moduleId: " << found->second;
       return 1;
   }
