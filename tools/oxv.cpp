@@ -153,7 +153,7 @@ Commands::Commands(oxtools::CommandLine& pLine) : fLine(pLine) {
       "export", "a recording to a video file or PNG files",
       "oxv export [--range A:B] [--step N] [--stream N] [--salvage] FILE OUT",
       "Writes a recording as a video file whose format follows OUT's extension: .mp4 (H.264,\n"
-      "else MPEG-4 part 2), .mkv (Ut Video, lossless), .avi (Motion JPEG), .y4m (raw YUV 4:2:2);\n"
+      "else MPEG-4 Visual), .mkv (Ut Video, lossless), .avi (Motion JPEG), .y4m (raw YUV 4:2:2);\n"
       "or as PNG files and timestamps.csv in a folder (OUT ends with '/', is a folder or has no\n"
       "extension). Frame times come from the recording's time stamps.");
   fExport->add_option("FILE", fInput, "the .oxv recording")->required();
@@ -209,7 +209,7 @@ Commands::Commands(oxtools::CommandLine& pLine) : fLine(pLine) {
   fFormats = pLine.addCommand(
       "formats", "the video formats export writes here", "oxv formats [--json]",
       "For each extension: the codec this FFmpeg encodes it with (.mp4 takes H.264 where\n"
-      "libx264 is there, else MPEG-4 part 2), whether pixels survive exactly, and how frame\n"
+      "libx264 is there, else MPEG-4 Visual), whether pixels survive exactly, and how frame\n"
       "times are kept.");
   fFormats->add_flag("--json", fJson, "one JSON array, an object per extension");
 }

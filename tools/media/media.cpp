@@ -219,9 +219,9 @@ OutputFormat outputFormatFor(const std::string& pPath) {
       format.fDescription = "H.264 in MP4";
       format.fTimeUnits = 1000000;
     } else {
-      // MPEG-4 part 2 is built into every libavcodec; its clock allows at most 65535 ticks/s.
+      // MPEG-4 Visual is built into every libavcodec; its clock allows at most 65535 ticks/s.
       format.fEncoder = "mpeg4";
-      format.fDescription = "MPEG-4 part 2 in MP4 (no H.264 encoder here)";
+      format.fDescription = "MPEG-4 Visual in MP4 (no H.264 encoder here)";
       format.fTimeUnits = 1000;
     }
   } else if (extension == ".mkv") {

@@ -40,7 +40,7 @@ struct OutputFormat {
   bool fLossless = false;
 };
 // The format of pPath's extension, .mp4, .mkv, .avi or .y4m (any case), with the encoder chosen
-// from what this libavcodec has (.mp4: H.264 through libx264, else MPEG-4 part 2). Throws
+// from what this libavcodec has (.mp4: H.264 through libx264, else MPEG-4 Visual). Throws
 // MediaError naming the extensions known for any other.
 OutputFormat outputFormatFor(const std::string& pPath);
 // True when this libavcodec has the encoder of that name.
