@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kilog.h"
@@ -33,14 +34,24 @@ const char* const kUsage =
     "  --threads N              worker threads serving calls (default 8)\n"
     "  --heartbeat-timeout MS   a client that answers no heartbeat for this long is\n"
     "                           disconnected (default 5000)\n"
-    "  --max-message BYTES      largest request accepted (default 67108864)\n"
+    "  --max-message BYTES      largest request accepted, each frame counting 64 bytes\n"
+    "                           more (default 67108864)\n"
+    "  --max-frames N           most frames in one request (default 256)\n"
+    "  --max-in-flight N        most requests of one client queued or running (default 64)\n"
+    "  --max-session-bytes B    most bytes of requests and unread replies held for one\n"
+    "                           client (default 268435456)\n"
+    "  --max-queued-bytes B     the same for all clients together (default 1073741824)\n"
+    "  --keep-subscribers       leave the subscribers of a client that went away\n"
+    "                           registered (default: unsubscribe them)\n"
     "  --name NAME              the broker's name (default oxbroker)\n"
     "  --log-level N            log records of level N or more important to stderr\n"
     "                           (2 error, 3 warning, 4 information, 5 verbose; default 3)\n"
     "  --log-json               log records as JSON lines: level, category, function, message\n"
     "  --help                   this text\n"
     "\n"
-    "Once it listens, it prints one line on stdout: \"oxbroker: listening on URL\".\n";
+    "Once it listens, it prints one line on stdout: \"oxbroker: listening on URL\".\n"
+    "The first SIGINT or SIGTERM stops it within two seconds (queued requests are\n"
+    "answered with an error, running calls finish); a second one ends it at once.\n";
 
 [[noreturn]] void usageError(const std::string& pText) {
   std::cerr << "oxbroker: " << pText << "\nTry 'oxbroker --help'.\n";
@@ -89,6 +100,33 @@ bool loadModule(const std::string& pLibrary, const boost::shared_ptr<OX::OXBroke
   return true;
 }
 
+// Serves until the first stop signal. A second one ends the process at once, should stopping
+// take longer than its user wants to wait.
+int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const OX::OXBrokerHost::Options& pOptions,
+          const sigset_t& pStopSignals) {
+  OX::OXBrokerHost host(pBroker, pOptions);
+  try {
+    host.start();
+  } catch (const OX::OXError& error) {
+    std::cerr << "oxbroker: " << error.getDescription() << "\n";
+    return 1;
+  }
+  std::cout << "oxbroker: listening on " << host.getUrl() << std::endl;
+  ki::log::LogStream(4, "framework.oxbroker", "", "main", 0)
+      << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl();
+  int received = 0;
+  sigwait(&pStopSignals, &received);
+  std::thread([pStopSignals] {
+    int again = 0;
+    sigwait(&pStopSignals, &again);
+    std::cerr << "oxbroker: signal " << again << " while stopping: exiting now\n";
+    std::_Exit(128 + again);
+  }).detach();
+  ki::log::LogStream(4, "framework.oxbroker", "", "main", 0) << "stopping on signal " << received;
+  host.stop();
+  return 0;
+}
+
 }  // namespace
 
 int main(int pArgc, char** pArgv) {
@@ -124,6 +162,16 @@ int main(int pArgc, char** pArgv) {
       options.fHeartbeatTimeoutMs = parseInt(arg, value(), 50, 3600000);
     } else if (arg == "--max-message") {
       options.fMaxMessageBytes = static_cast<std::size_t>(parseInt(arg, value(), 1024, 1 << 30));
+    } else if (arg == "--max-frames") {
+      options.fMaxFrames = parseInt(arg, value(), 1, 1 << 20);
+    } else if (arg == "--max-in-flight") {
+      options.fMaxInFlight = parseInt(arg, value(), 1, 1 << 16);
+    } else if (arg == "--max-session-bytes") {
+      options.fMaxSessionBytes = static_cast<std::size_t>(parseInt(arg, value(), 1 << 20, INT_MAX));
+    } else if (arg == "--max-queued-bytes") {
+      options.fMaxQueuedBytes = static_cast<std::size_t>(parseInt(arg, value(), 1 << 20, INT_MAX));
+    } else if (arg == "--keep-subscribers") {
+      options.fKeepSubscribers = true;
     } else if (arg == "--name") {
       name = value();
     } else if (arg == "--log-level") {
@@ -153,23 +201,7 @@ int main(int pArgc, char** pArgv) {
   for (const std::string& library : modules) {
     if (!loadModule(library, broker)) return 1;
   }
-  int status = 0;
-  {
-    OX::OXBrokerHost host(broker, options);
-    try {
-      host.start();
-    } catch (const OX::OXError& error) {
-      std::cerr << "oxbroker: " << error.getDescription() << "\n";
-      return 1;
-    }
-    std::cout << "oxbroker: listening on " << host.getUrl() << std::endl;
-    ki::log::LogStream(4, "framework.oxbroker", "", "main", 0)
-        << "serving " << broker->getModuleNames().size() << " modules on " << host.getUrl();
-    int received = 0;
-    sigwait(&stopSignals, &received);
-    ki::log::LogStream(4, "framework.oxbroker", "", "main", 0) << "stopping on signal " << received;
-    host.stop();
-  }
+  const int status = serve(broker, options, stopSignals);
   broker->removeAllModules();
   return status;
 }
