@@ -101,6 +101,7 @@ class OXBrokerHost::Impl {
   void answer(const std::string& pRoutingId, int pId, const OXError& pError);
   Delivery deliver(const std::string& pRoutingId, std::vector<zmq::message_t>& pFrames);
   void connectionGone(const std::string& pRoutingId);
+  bool cameBack(const std::string& pRoutingId);
 
   boost::shared_ptr<OXBroker> fBroker;
   Options fOptions;
@@ -316,7 +317,7 @@ bool OXBrokerHost::Impl::readMessage(std::string& pRoutingId, std::vector<zmq::m
 
 void OXBrokerHost::Impl::admit(const std::string& pRoutingId, std::vector<zmq::message_t>&& pFrames,
                                const FrameTally& pTally) {
-  if (fGone.count(pRoutingId) != 0) return;  // read after its connection was found gone
+  if (fGone.count(pRoutingId) != 0 && !cameBack(pRoutingId)) return;
   if (pFrames.empty()) {
     answer(pRoutingId, -1, hostError("decode", "malformed message: no frames"));
     return;
@@ -427,6 +428,18 @@ void OXBrokerHost::Impl::sweepIfDue() {
     probe.emplace_back(fProbe.data(), fProbe.size());
     if (deliver(routingId, probe) == Delivery::kGone) connectionGone(routingId);
   }
+}
+
+// A message of an identity found gone is a late one of the closed connection, and makes nothing;
+// unless a new connection took the identity (a client may choose its own), which a probe tells:
+// ZeroMQ gives an identity to a new connection only once the old one has let it go.
+bool OXBrokerHost::Impl::cameBack(const std::string& pRoutingId) {
+  std::vector<zmq::message_t> probe;
+  probe.emplace_back(fProbe.data(), fProbe.size());
+  if (deliver(pRoutingId, probe) == Delivery::kGone) return false;
+  fGone.erase(pRoutingId);
+  fGoneOrder.erase(std::find(fGoneOrder.begin(), fGoneOrder.end(), pRoutingId));
+  return true;
 }
 
 void OXBrokerHost::Impl::connectionGone(const std::string& pRoutingId) {
