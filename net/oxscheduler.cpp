@@ -64,12 +64,12 @@ void Scheduler::retire(const std::string& pRoutingId, std::function<void()> pThe
     if (lane != fLanes.end()) {
       dropped.swap(lane->second.fQueue);
       lane->second.fInFlight -= static_cast<int>(dropped.size());
-      lane->second.fRetired = true;
       if (lane->second.fHeld) {
         lane->second.fHeld = false;
         --fHeldLanes;
       }
       if (lane->second.fRunning) {
+        lane->second.fRetired = true;
         lane->second.fOnRetired = std::move(pThen);
         return;
       }
@@ -112,8 +112,7 @@ void Scheduler::stop() {
 }
 
 bool Scheduler::offer(const std::string& pRoutingId, Lane& pLane) {
-  if (pLane.fRunning || pLane.fInTurn || pLane.fHeld || pLane.fRetired || pLane.fQueue.empty())
-    return false;
+  if (pLane.fRunning || pLane.fInTurn || pLane.fHeld || pLane.fQueue.empty()) return false;
   if (pLane.fBytes->held() > fLimits.fMaxSessionBytes) {
     pLane.fHeld = true;
     ++fHeldLanes;
@@ -148,7 +147,7 @@ void Scheduler::work(Worker& pWorker) {
     auto lane = fLanes.find(routingId);
     if (lane == fLanes.end()) continue;
     lane->second.fInTurn = false;
-    if (lane->second.fQueue.empty() || lane->second.fRetired) {
+    if (lane->second.fQueue.empty()) {
       dropIfUnused(lane);
       continue;
     }
@@ -160,17 +159,22 @@ void Scheduler::work(Worker& pWorker) {
     job = Job();  // its cost is given back before the lane is looked at again
     guard.lock();
     lane = fLanes.find(routingId);  // the lane stays while it runs: fRunning keeps it
-    lane->second.fRunning = false;
     if (lane->second.fRetired) {
+      // The session ends before anything that came since under the same identity runs.
+      lane->second.fRetired = false;
       std::function<void()> then = std::move(lane->second.fOnRetired);
-      dropIfUnused(lane);
       guard.unlock();
-      if (then) then();
+      then();
       guard.lock();
-      continue;
+      lane = fLanes.find(routingId);
     }
+    lane->second.fRunning = false;
     // This worker takes the next turn as it loops; another is woken only for a second one.
-    if (offer(routingId, lane->second) && fTurns.size() > 1) fWork.notify_one();
+    if (offer(routingId, lane->second)) {
+      if (fTurns.size() > 1) fWork.notify_one();
+    } else {
+      dropIfUnused(lane);  // its reply may have gone out already
+    }
   }
 }
 

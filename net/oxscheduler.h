@@ -71,8 +71,8 @@ class Scheduler {
     bool fHeld = false;    // waiting for its client to read replies
     int fInFlight = 0;
     std::shared_ptr<ByteAccount> fBytes = std::make_shared<ByteAccount>();
+    bool fRetired = false;  // its connection went while a request ran: fOnRetired follows it
     std::function<void()> fOnRetired;
-    bool fRetired = false;
   };
   using Lanes = std::map<std::string, Lane>;
   void work(Worker& pWorker);
