@@ -117,7 +117,10 @@ def test_help_and_usage_errors(tools, tool, bad):
     assert refused.stderr.startswith(tool + ": ") and "--help" in refused.stderr
 
 
-def test_call_round_trip_with_binary(tools, broker, tmp_path):
+def test_call_round_trip_with_binary(tools, start_broker, tmp_path):
+    # Each oxcall is a session of its own: without --keep-subscribers the broker would
+    # unsubscribe t_call as soon as the oxcall that made it ends.
+    broker = start_broker(keep_subscribers=True)
     assert json.loads(call(tools, broker, DEVICE, "getFrameRate", 0).stdout) > 0
     name = json.loads(call(tools, broker, DEVICE, "subscribeCamera", '"t_call"', 0, 0, 11, 5)
                       .stdout)
