@@ -5,9 +5,9 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
+#include <unistd.h>
 
 #include "kilog.h"
-#include "oxremote.h"
 #include "oxservices.h"
 
 namespace OX {
@@ -121,20 +121,7 @@ std::atomic<int> sRemoteTimeoutMs{30000};
 OXProxy::OXProxy(boost::shared_ptr<OXBroker> pBroker, const std::string& pModuleName)
     : fBroker(pBroker), fModuleName(pModuleName) {}
 
-OXProxy::OXProxy(const std::string& pModuleName, const std::string& pHost, int pPort)
-    : fModuleName(pModuleName),
-      fRemote(new OXRemoteConnection("tcp://" + pHost + ":" + std::to_string(pPort),
-                                     getClientName(), pModuleName, getRemoteTimeout())) {}
-
 OXProxy::~OXProxy() = default;
-
-boost::shared_ptr<OXProxy> OXProxy::connect(const std::string& pUrl,
-                                            const std::string& pModuleName) {
-  boost::shared_ptr<OXProxy> proxy(new OXProxy(boost::shared_ptr<OXBroker>(), pModuleName));
-  proxy->fRemote.reset(
-      new OXRemoteConnection(pUrl, getClientName(), pModuleName, getRemoteTimeout()));
-  return proxy;
-}
 
 std::string OXProxy::getUrl() const {
   return fRemote ? fRemote->getUrl() : std::string();
@@ -147,7 +134,8 @@ void OXProxy::setClientName(const std::string& pName) {
 
 std::string OXProxy::getClientName() {
   std::lock_guard<std::mutex> guard(sClientNameMutex);
-  return sClientName.empty() ? std::string(program_invocation_short_name) : sClientName;
+  if (!sClientName.empty()) return sClientName;
+  return std::string(program_invocation_short_name) + "-" + std::to_string(getpid());
 }
 
 void OXProxy::setRemoteTimeout(int pMilliseconds) {
@@ -177,7 +165,7 @@ OXValue OXProxy::genericCall(const std::string& pMethod, const OXValue& pArgumen
     operands.emplace_back(fModuleName);
     operands.emplace_back(pMethod);
     operands.push_back(pArguments);
-    return fRemote->request("call", std::move(operands), pMethod, fRemote->getTimeout());
+    return fRemote->request("call", std::move(operands), pMethod);
   }
   OXValue result;
   module()->execute(pMethod, pArguments, result);
@@ -186,8 +174,7 @@ OXValue OXProxy::genericCall(const std::string& pMethod, const OXValue& pArgumen
 
 std::vector<std::string> OXProxy::getMethodList() {
   if (!fRemote) return module()->getMethodList();
-  const OXValue names =
-      fRemote->request("methods", {fModuleName}, "getMethodList", fRemote->getTimeout());
+  const OXValue names = fRemote->request("methods", {fModuleName}, "getMethodList");
   std::vector<std::string> list;
   for (int i = 0; i < names.getSize(); ++i) list.push_back(names[i].asString());
   return list;
@@ -195,7 +182,7 @@ std::vector<std::string> OXProxy::getMethodList() {
 
 OXValue OXProxy::getMethodHelp(const std::string& pMethod) {
   if (!fRemote) return module()->getMethodHelp(pMethod);
-  return fRemote->request("help", {fModuleName, pMethod}, "getMethodHelp", fRemote->getTimeout());
+  return fRemote->request("help", {fModuleName, pMethod}, "getMethodHelp");
 }
 
 OXValue OXProxy::getModuleHelp() {
@@ -205,7 +192,7 @@ OXValue OXProxy::getModuleHelp() {
 
 OXValue OXProxy::describe() {
   if (!fRemote) return module()->describe();
-  return fRemote->request("describe", {fModuleName}, "describe", fRemote->getTimeout());
+  return fRemote->request("describe", {fModuleName}, "describe");
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -100,6 +100,8 @@ OXVideo::OXVideo()
     : fFile(nullptr),
       fMode(Mode::kClosed),
       fPeriod(0),
+      fFileSize(0),
+      fIndexEnd(0),
       fRecordsWritten(0),
       fPosition(-1),
       fCurrentStream(0),
@@ -194,10 +196,19 @@ bool OXVideo::write(const char* pData, int pSize, int64_t pTimeStamp, signed cha
 }
 
 bool OXVideo::readVideo(const std::string& pPath) {
+  return open(pPath, false);
+}
+
+bool OXVideo::readVideoUpToDamage(const std::string& pPath) {
+  return open(pPath, true);
+}
+
+bool OXVideo::open(const std::string& pPath, bool pUpToDamage) {
   closeVideo();
   if (!namesAFile(pPath, __func__)) return false;
   fFile = std::fopen(pPath.c_str(), "rb");
   if (fFile == nullptr) {
+    fProblem = std::string("cannot open: ") + std::strerror(errno);
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "cannot open " << pPath << ": " << std::strerror(errno);
     return false;
@@ -206,6 +217,7 @@ bool OXVideo::readVideo(const std::string& pPath) {
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "refusing " << pPath << ": " << pWhy;
     closeVideo();
+    fProblem = pWhy;
     return false;
   };
 
@@ -237,27 +249,47 @@ bool OXVideo::readVideo(const std::string& pPath) {
 
   // One pass over the frame headers, seeking over the pixels. Sizes are checked against the file
   // length rather than by reading, so a frame cut short at the end is simply left out.
+  std::string problem;
   int64_t offset = kFileHeaderFixedSize + 16 * static_cast<int64_t>(streamCount);
-  while (fileSize - offset >= kFrameHeaderSize) {
+  while (offset < fileSize) {
+    const std::string where = " at byte " + std::to_string(offset);
+    if (fileSize - offset < kFrameHeaderSize) {
+      problem = "frame header cut short" + where;
+      break;
+    }
     if (fseeko(fFile, static_cast<off_t>(offset), SEEK_SET) != 0 ||
         std::fread(fFrameHeader.data(), 1, fFrameHeader.size(), fFile) != fFrameHeader.size()) {
-      return refuse("cannot read the frame at byte " + std::to_string(offset));
+      return refuse("cannot read the frame" + where);
     }
     if (!isFrameHeaderSane(fFrameHeader.data())) {
-      return refuse("corrupt frame at byte " + std::to_string(offset));
+      if (!pUpToDamage) return refuse("corrupt frame" + where);
+      problem = "corrupt frame" + where;
+      break;
     }
     const int64_t next = offset + kFrameHeaderSize + getI32(fFrameHeader.data() + kSizeAt);
-    if (next > fileSize) break;
+    if (next > fileSize) {
+      problem = "frame cut short" + where + " (" + std::to_string(fileSize - offset) + " of " +
+                std::to_string(next - offset) + " bytes)";
+      break;
+    }
     fFrameOffsets.push_back(offset);
     offset = next;
   }
   if (fFrameOffsets.size() > static_cast<size_t>(std::numeric_limits<int>::max())) {
     return refuse("too many frames");
   }
+  const size_t spare = fFrameOffsets.size() % streamCount;
+  if (spare != 0 && problem.empty()) {
+    problem = "last image incomplete: " + std::to_string(spare) + " of " +
+              std::to_string(streamCount) + " stream frames";
+  }
 
   fMode = Mode::kReading;
   fPeriod = getU32(fixed + 8);
   fStreams = std::move(streams);
+  fFileSize = fileSize;
+  fIndexEnd = offset;
+  fProblem = problem;
   fPosition = -1;
   fCurrentStream = 0;
   fCursor = 0;
@@ -283,13 +315,8 @@ bool OXVideo::getFrame(OXImage* pImage, int pIndex, int pStream, bool /*pFlag*/)
   return true;
 }
 
-bool OXVideo::readRecord(OXImage* pImage, int pIndex, int pStream) {
-  if (fMode != Mode::kReading || pImage == nullptr) return false;
-  if (pStream < 0 || pStream >= getNumberOfStreams()) return false;
-  if (pIndex < 0 || pIndex >= getNumberOfImages()) return false;
-  const size_t record = static_cast<size_t>(pIndex) * fStreams.size() + pStream;
-  const int64_t offset = fFrameOffsets[record];
-
+bool OXVideo::readRecordHeader(size_t pRecord) {
+  const int64_t offset = fFrameOffsets[pRecord];
   if (!seekTo(offset)) return false;
   if (std::fread(fFrameHeader.data(), 1, fFrameHeader.size(), fFile) != fFrameHeader.size()) {
     fPosition = -1;
@@ -297,7 +324,25 @@ bool OXVideo::readRecord(OXImage* pImage, int pIndex, int pStream) {
   }
   fPosition = offset + kFrameHeaderSize;
   // The file was indexed, but it may have been rewritten since.
-  if (!isFrameHeaderSane(fFrameHeader.data())) return false;
+  return isFrameHeaderSane(fFrameHeader.data());
+}
+
+bool OXVideo::getFrameInfo(int pIndex, int pStream, FrameInfo& pInfo) {
+  if (fMode != Mode::kReading) return false;
+  if (pStream < 0 || pStream >= getNumberOfStreams()) return false;
+  if (pIndex < 0 || pIndex >= getNumberOfImages()) return false;
+  if (!readRecordHeader(static_cast<size_t>(pIndex) * fStreams.size() + pStream)) return false;
+  pInfo.fSize = getI32(fFrameHeader.data() + kSizeAt);
+  pInfo.fTimeStamp = static_cast<int64_t>(getU64(fFrameHeader.data() + kTimeStampAt));
+  pInfo.fCameraId = static_cast<signed char>(fFrameHeader[kCameraIdAt]);
+  return true;
+}
+
+bool OXVideo::readRecord(OXImage* pImage, int pIndex, int pStream) {
+  if (fMode != Mode::kReading || pImage == nullptr) return false;
+  if (pStream < 0 || pStream >= getNumberOfStreams()) return false;
+  if (pIndex < 0 || pIndex >= getNumberOfImages()) return false;
+  if (!readRecordHeader(static_cast<size_t>(pIndex) * fStreams.size() + pStream)) return false;
   const int size = getI32(fFrameHeader.data() + kSizeAt);
 
   // The stream's own format, or else the resolution whose size matches, in the stream's colours.
@@ -345,26 +390,37 @@ bool OXVideo::seekTo(int64_t pOffset) {
   return true;
 }
 
-void OXVideo::closeVideo() {
-  closeFile();
+bool OXVideo::closeVideo() {
+  const bool flushed = closeFile();
   fMode = Mode::kClosed;
   fPeriod = 0;
   fStreams.clear();
   fFrameOffsets.clear();
+  fFileSize = 0;
+  fIndexEnd = 0;
+  fProblem.clear();
   fRecordsWritten = 0;
   fPosition = -1;
   fCurrentStream = 0;
   fCursor = 0;
+  return flushed;
 }
 
-void OXVideo::closeFile() {
-  if (fFile == nullptr) return;
+bool OXVideo::closeFile() {
+  if (fFile == nullptr) return true;
   // fclose flushes; its result is the only report of a failed final write.
-  if (std::fclose(fFile) != 0 && fMode == Mode::kRecording) {
+  const bool closed = std::fclose(fFile) == 0;
+  fFile = nullptr;
+  if (!closed && fMode == Mode::kRecording) {
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "closing the recording failed: the last frames may be lost";
+    return false;
   }
-  fFile = nullptr;
+  return true;
+}
+
+int64_t OXVideo::getUnreadBytes() const {
+  return fMode == Mode::kReading ? fFileSize - fIndexEnd : 0;
 }
 
 int OXVideo::getNumberOfImages() const {

@@ -3,11 +3,13 @@
 
 Starts a broker host on the default simulator configuration, feeds it with oxsim, runs three
 subscribers at once in different formats (PNG files under out/), records 50 raw frames with
-recordVideo, then replays the recording in a second broker configured for FileCam and grabs a few
-of its frames. Prints a summary and stops every process it started, whatever happens.
+recordVideo, then replays the recording in a second broker configured for FileCam, grabs a few of
+its frames, and exports the recording to out/recording.mp4 (out/recording.mkv where FFmpeg has no
+H.264 encoder) with oxv. Prints a summary and stops every process it started, whatever happens.
 """
 
 import argparse
+import json
 import os
 import re
 import signal
@@ -100,6 +102,29 @@ def record(host, port, path):
     return taken
 
 
+def export_recording(bindir, recording, out):
+    """Exports the recording to out/recording.mp4 where this FFmpeg encodes H.264, else to
+    out/recording.mkv; prints `oxv info` of the result and returns (path, frames)."""
+    oxv = os.path.join(bindir, "oxv")
+    formats = json.loads(subprocess.run([oxv, "formats", "--json"], capture_output=True,
+                                        text=True, check=True, timeout=30).stdout)
+    h264 = any(f["extension"] == ".mp4" and f["encoder"] == "libx264" for f in formats)
+    video = os.path.join(out, "recording.mp4" if h264 else "recording.mkv")
+    print("mainjob: exporting the recording to %s" % os.path.relpath(video, ROOT))
+    done = subprocess.run([oxv, "export", recording, video], capture_output=True, text=True,
+                          timeout=120)
+    if done.returncode != 0:
+        raise RuntimeError("oxv export failed: " + done.stderr.strip())
+    shown = subprocess.run([oxv, "info", os.path.relpath(video, ROOT)], capture_output=True,
+                           text=True, timeout=60, cwd=ROOT)
+    print(shown.stdout, end="")
+    summary = subprocess.run([oxv, "info", "--json", video], capture_output=True, text=True,
+                             timeout=60)
+    if shown.returncode != 0 or summary.returncode != 0:
+        raise RuntimeError("oxv info failed: " + shown.stderr.strip())
+    return video, json.loads(summary.stdout)[0]["streams"][0]["frames"]
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", default=os.path.join(ROOT, "build"), help="build directory")
@@ -110,7 +135,7 @@ def main():
     logs = os.path.join(out, "logs")
     os.makedirs(logs, exist_ok=True)
     for entry in os.listdir(out):
-        if entry.endswith(".oxv"):
+        if entry.endswith(".oxv") or entry in ("recording.mp4", "recording.mkv"):
             os.remove(os.path.join(out, entry))
 
     processes = Processes(logs)
@@ -188,6 +213,12 @@ def main():
         if grab.returncode != 0 or written != 5:
             failed = True
             print(grab.stdout + grab.stderr)
+
+        video, exported = export_recording(bindir, recording, out)
+        summary.append(("export", os.path.splitext(video)[1][1:] + " video", exported, "-",
+                        "%s (%d bytes)" % (os.path.relpath(video, ROOT), os.path.getsize(video))))
+        if exported != recorded:
+            failed = True
     except (OXError, RuntimeError, OSError, subprocess.TimeoutExpired) as error:
         print("mainjob: failed: %s" % error)
         failed = True

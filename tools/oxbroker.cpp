@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
+#include <cstdlib>
 #include <iostream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kilog.h"
@@ -29,7 +31,9 @@ constexpr int kExitNotServing = 1;
 const char* const kAbout =
     "Loads module libraries into a broker and serves their published methods to other\n"
     "processes (ZeroMQ, see docs/protocol.md) until SIGINT or SIGTERM.\n"
-    "Once it listens, it prints one line on stdout: \"oxbroker: listening on URL\".";
+    "Once it listens, it prints one line on stdout: \"oxbroker: listening on URL\".\n"
+    "The first SIGINT or SIGTERM stops it within two seconds (queued requests are answered\n"
+    "with an error, running calls finish); a second one ends it at once.";
 
 struct Options {
   std::string prefs;
@@ -82,8 +86,20 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
   pLine.addNumber("--threads", host.fThreads, "N", "worker threads serving calls", 1, 1024);
   pLine.addNumber("--heartbeat-timeout", host.fHeartbeatTimeoutMs, "MS",
                   "a client that answers no heartbeat for this long is disconnected", 50, 3600000);
-  pLine.addNumber("--max-message", host.fMaxMessageBytes, "BYTES", "largest request accepted",
-                  std::size_t{1024}, std::size_t{1} << 30);
+  pLine.addNumber("--max-message", host.fMaxMessageBytes, "BYTES",
+                  "largest request accepted, each frame counting 64 bytes more", std::size_t{1024},
+                  std::size_t{1} << 30);
+  pLine.addNumber("--max-frames", host.fMaxFrames, "N", "most frames in one request", 1, 1 << 20);
+  pLine.addNumber("--max-in-flight", host.fMaxInFlight, "N",
+                  "most requests of one client queued or running", 1, 1 << 16);
+  pLine.addNumber("--max-session-bytes", host.fMaxSessionBytes, "BYTES",
+                  "most bytes of requests and unread replies held for one client",
+                  std::size_t{1} << 20, std::size_t{1} << 40);
+  pLine.addNumber("--max-queued-bytes", host.fMaxQueuedBytes, "BYTES",
+                  "the same for all clients together", std::size_t{1} << 20, std::size_t{1} << 40);
+  pLine.add_flag("--keep-subscribers", host.fKeepSubscribers,
+                 "leave the subscribers of a client that went away registered (default: "
+                 "unsubscribe them)");
   pLine.addClientName(pOptions.name, "the broker's name");
   pLine.addLogOptions();
 }
@@ -122,7 +138,7 @@ sigset_t blockStopSignals() {
   return stopSignals;
 }
 
-// Serves the broker's modules until a stop signal.
+// Serves the broker's modules until the first stop signal.
 int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOptions,
           const sigset_t& pStopSignals) {
   OX::OXBrokerHost host(pBroker, pOptions.host);
@@ -137,6 +153,14 @@ int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOption
       << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl();
   int received = 0;
   sigwait(&pStopSignals, &received);
+  // A second signal ends the process at once, should stopping take longer than its user wants to
+  // wait.
+  std::thread([pStopSignals] {
+    int again = 0;
+    sigwait(&pStopSignals, &again);
+    std::cerr << kProgram << ": signal " << again << " while stopping: exiting now\n";
+    std::_Exit(128 + again);
+  }).detach();
   ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
       << "stopping on signal " << received;
   host.stop();

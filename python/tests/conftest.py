@@ -37,7 +37,7 @@ class Broker:
         arguments.update({key.replace("_", "-"): value for key, value in options.items()})
         command = [str(broker_binary())]
         for key, value in arguments.items():
-            command += ["--" + key, str(value)]
+            command += ["--" + key] if value is True else ["--" + key, str(value)]
         self.command = command
         self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                         stdin=subprocess.DEVNULL, cwd=cwd, env=env)
@@ -106,7 +106,8 @@ class Broker:
 def start_broker():
     """start_broker(prefs=None, cwd=None, env=None, **options) starts a broker in the working
     directory cwd with the environment env; options are its command-line flags
-    (heartbeat_timeout=1000 gives --heartbeat-timeout 1000). Each is stopped at teardown, which
+    (heartbeat_timeout=1000 gives --heartbeat-timeout 1000, keep_subscribers=True gives
+    --keep-subscribers). Each is stopped at teardown, which
     checks that it exited cleanly."""
     if not broker_binary().is_file():
         pytest.skip("no broker host at %s (set OX_BUILD_DIR to the build directory)"

@@ -31,6 +31,11 @@ class CommandLine : public CLI::App {
   CommandLine(const std::string& pProgram, const std::string& pUsage, const std::string& pAbout,
               const std::string& pEpilog = "");
 
+  // A sub-command ("oxv export ..."), listed with pSummary in the tool's --help; its own --help
+  // shows pUsage, pAbout, its options and pEpilog.
+  CLI::App* addCommand(const std::string& pName, const std::string& pSummary,
+                       const std::string& pUsage, const std::string& pAbout,
+                       const std::string& pEpilog = "");
   // --url URL: a ZeroMQ address "transport://endpoint".
   CLI::Option* addUrl(std::string& pUrl);
   // --name NAME: the name this process gives the broker; not empty.

@@ -9,13 +9,14 @@
 #include <vector>
 
 #include "oxerror.h"
+#include "oxrequests.h"
 #include "oxwire.h"
 
 namespace OX {
 
 namespace {
 
-const char* const kRemoteFile = "framework/oxremote";
+const char* const kRemoteFile = "net/oxremote";
 // How long a closing client waits for the broker to acknowledge its goodbye.
 constexpr int kByeTimeoutMs = 1000;
 // Introductions are short: a broker that does not answer one within this time is not there.
@@ -32,7 +33,11 @@ zmq::context_t& context() {
 
 OXRemoteConnection::OXRemoteConnection(const std::string& pUrl, const std::string& pClientName,
                                        const std::string& pModuleName, int pTimeoutMs)
-    : fUrl(pUrl), fTimeoutMs(pTimeoutMs), fSocket(context(), zmq::socket_type::dealer) {
+    : fUrl(pUrl),
+      fClientName(pClientName),
+      fModuleName(pModuleName),
+      fTimeoutMs(pTimeoutMs),
+      fSocket(context(), zmq::socket_type::dealer) {
   fSocket.set(zmq::sockopt::linger, 0);
   try {
     fSocket.connect(pUrl);
@@ -40,34 +45,68 @@ OXRemoteConnection::OXRemoteConnection(const std::string& pUrl, const std::strin
     throw OXError("OXProxy", "connect", "cannot connect to " + pUrl + ": " + error.what(),
                   kRemoteFile, __LINE__);
   }
-  request("hello", {pClientName, pModuleName.empty() ? OXValue() : OXValue(pModuleName)}, "connect",
-          std::min(pTimeoutMs, kHelloTimeoutMs));
+  std::lock_guard<std::mutex> guard(fMutex);
+  hello("connect", std::min(pTimeoutMs, kHelloTimeoutMs));
 }
 
 OXRemoteConnection::~OXRemoteConnection() {
   try {
-    request("bye", {}, "close", kByeTimeoutMs);
+    std::lock_guard<std::mutex> guard(fMutex);
+    int id = 0;
+    const OXValue sent = message("bye", {}, id);
+    exchange(sent, id, "close", kByeTimeoutMs);
   } catch (const std::exception&) {
     // The broker is gone or slow: it notices the closed connection by itself.
   }
 }
 
 OXValue OXRemoteConnection::request(const std::string& pOperation, OXValue::Array pOperands,
-                                    const std::string& pFunction, int pTimeoutMs) {
+                                    const std::string& pFunction) {
   std::lock_guard<std::mutex> guard(fMutex);
-  const int id = fNextId++;
+  int id = 0;
+  // The encoded frames point into this value: it must live until they are sent, a second time
+  // too if the session has to be introduced again.
+  const OXValue sent = message(pOperation, std::move(pOperands), id);
+  try {
+    return exchange(sent, id, pFunction, fTimeoutMs);
+  } catch (const OXError& error) {
+    const bool unknownSession =
+        error.getModuleName() == "OXBroker" && error.getDescription() == net::kUnknownSession;
+    if (!unknownSession || pOperation == "hello" || pOperation == "bye") throw;
+  }
+  // The connection was made again by ZeroMQ after it dropped (a heartbeat timeout while this
+  // process was stopped, say): the broker ended the old session. The request was refused
+  // without being run, so it is sent again once, as the new session's.
+  hello(pFunction, std::min(fTimeoutMs, kHelloTimeoutMs));
+  return exchange(sent, id, pFunction, fTimeoutMs);
+}
+
+OXValue OXRemoteConnection::hello(const std::string& pFunction, int pTimeoutMs) {
+  int id = 0;
+  const OXValue sent =
+      message("hello", {fClientName, fModuleName.empty() ? OXValue() : OXValue(fModuleName)}, id);
+  return exchange(sent, id, pFunction, pTimeoutMs);
+}
+
+OXValue OXRemoteConnection::message(const std::string& pOperation, OXValue::Array&& pOperands,
+                                    int& pId) {
+  pId = fNextId;
+  // Id 0 is the broker's own; after 2^31 - 1 requests the ids start again at 1.
+  fNextId = fNextId == INT32_MAX ? 1 : fNextId + 1;
   // The operands are moved in: a binary argument is not copied on its way to the socket.
   OXValue::Array header;
   header.reserve(3 + pOperands.size());
   header.emplace_back(wire::kProtocolVersion);
-  header.emplace_back(id);
+  header.emplace_back(pId);
   header.emplace_back(pOperation);
   std::move(pOperands.begin(), pOperands.end(), std::back_inserter(header));
-  // The encoded frames point into this value: it must live until they are sent.
-  const OXValue message(std::move(header));
-  wire::Encoded encoded;
-  wire::encode(message, encoded);
+  return OXValue(std::move(header));
+}
 
+OXValue OXRemoteConnection::exchange(const OXValue& pMessage, int pId, const std::string& pFunction,
+                                     int pTimeoutMs) {
+  wire::Encoded encoded;
+  wire::encode(pMessage, encoded);
   const auto sendFlags = [](bool pLast) {
     return pLast ? zmq::send_flags::dontwait : zmq::send_flags::sndmore | zmq::send_flags::dontwait;
   };
@@ -84,7 +123,6 @@ OXValue OXRemoteConnection::request(const std::string& pOperation, OXValue::Arra
     throw OXError("OXProxy", pFunction, "cannot send to " + fUrl + ": too many requests queued",
                   kRemoteFile, __LINE__);
   }
-
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(pTimeoutMs);
   while (true) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -111,17 +149,28 @@ OXValue OXRemoteConnection::request(const std::string& pOperation, OXValue::Arra
     } while (frames.back().more());
     std::vector<wire::FrameView> views;
     for (const zmq::message_t& frame : frames) views.push_back({frame.data(), frame.size()});
-    OXValue reply = wire::decode(views, SIZE_MAX);
+    OXValue reply = wire::decode(views, SIZE_MAX, wire::DecodeBudget::unlimited());
     if (!reply.isArray() || reply.getSize() != 4 || !reply[1].isInt() || !reply[2].isString()) {
       throw OXError("OXProxy", pFunction, "malformed reply from " + fUrl, kRemoteFile, __LINE__);
     }
-    const int replyId = reply[1].asInt();
-    // A late reply to a request that timed out; -1 answers a request the broker could not read,
-    // which can only be this one, since requests go one at a time.
-    if (replyId != id && replyId != -1) continue;
+    // Another id: a late reply to a request that timed out, or the broker's probe (id 0).
+    if (reply[1].asInt() != pId) continue;
     if (reply[2].asString() == "error") wire::throwErrorValue(reply[3]);
     return std::move(reply[3]);  // the pixels of an image are not copied once more
   }
+}
+
+OXProxy::OXProxy(const std::string& pModuleName, const std::string& pHost, int pPort)
+    : fModuleName(pModuleName),
+      fRemote(new OXRemoteConnection("tcp://" + pHost + ":" + std::to_string(pPort),
+                                     getClientName(), pModuleName, getRemoteTimeout())) {}
+
+boost::shared_ptr<OXProxy> OXProxy::connect(const std::string& pUrl,
+                                            const std::string& pModuleName) {
+  boost::shared_ptr<OXProxy> proxy(new OXProxy(boost::shared_ptr<OXBroker>(), pModuleName));
+  proxy->fRemote.reset(
+      new OXRemoteConnection(pUrl, getClientName(), pModuleName, getRemoteTimeout()));
+  return proxy;
 }
 
 }  // namespace OX
