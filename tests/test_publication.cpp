@@ -125,7 +125,8 @@ TEST(Publication, MethodTableMatchesTheListing) {
 }
 
 // Guards against the broker reaching the wrong overload or arity: by camera index the camera's
-// values, by name the subscriber's; setParam/getParam with a camera or on the active one.
+// values, by name the subscriber's; setParam/getParam with a camera or on the active one; and a
+// wrongly typed argument entering the operation instead of being refused by the conversion.
 TEST(Publication, GenericCallPicksTheOverload) {
   vitest::TestClock clock;
   boost::shared_ptr<OX::OXBroker> broker;
@@ -154,10 +155,21 @@ TEST(Publication, GenericCallPicksTheOverload) {
   EXPECT_EQ(Hook::camera(*cam, 0).fFrameRate, 30);
   EXPECT_EQ(proxy->genericCall("getParam", args({frameRate, 1})).asInt(), 10);
   EXPECT_EQ(proxy->genericCall("getParam", args({frameRate})).asInt(), 30);
+
+  const std::vector<std::pair<const char*, OXValue>> mistyped = {
+      {"getParam", args({"x"})},
+      {"getParam", args({frameRate, "one"})},
+      {"setParam", args({frameRate, "ten", 1})}};
+  for (const auto& call : mistyped) {
+    EXPECT_EQ(vitest::raised([&] { proxy->genericCall(call.first, call.second); }).getDescription(),
+              "Parameter type is string instead of int")
+        << call.first;
+  }
+  EXPECT_EQ(Hook::camera(*cam, 1).fFrameRate, 10);  // the operation was not entered
 }
 
 // Guards against a client that knows only the broker being unable to run a whole session:
-// subscribe, push, an image, settings, parameters, geometry.
+// subscribe, push, images in every published colour space, settings, parameters, geometry.
 TEST(Publication, ClientSessionThroughGenericCallAlone) {
   vitest::TestClock clock;
   boost::shared_ptr<OX::OXBroker> broker;
@@ -166,14 +178,29 @@ TEST(Publication, ClientSessionThroughGenericCallAlone) {
   const std::string id =
       proxy->genericCall("subscribeCamera", args({"client", 0, OX::kQVGA, OX::kYUV422, 15}))
           .asString();
-  // One colour space here: every one comes back through the host in python/tests/test_tools.py.
-  clock.advance(40000);
-  ASSERT_TRUE(
-      proxy->genericCall("putImage", args({0, 320, 240, vitest::rgbFrame(OX::kQVGA, 1)})).asBool());
-  const OXValue image = proxy->genericCall("getImageRemote", args({id}));
-  ASSERT_EQ(image.getSize(), 12);
-  EXPECT_EQ(image[6].getSize(), 320 * 240 * 2);
-  EXPECT_EQ(image[3].asInt(), OX::kYUV422);
+  int seed = 1;
+  const auto push = [&] {
+    clock.advance(40000);
+    ASSERT_TRUE(
+        proxy->genericCall("putImage", args({0, 320, 240, vitest::rgbFrame(OX::kQVGA, seed++)}))
+            .asBool());
+  };
+
+  const std::map<int, int> layers = {{OX::kYuv, 1}, {OX::kYUV422, 2}, {OX::kYUV, 3},
+                                     {OX::kRGB, 3}, {OX::kHSY, 3},    {OX::kBGR, 3}};
+  for (const auto& space : layers) {
+    EXPECT_TRUE(proxy->genericCall("setColorSpace", args({id, space.first})).asBool());
+    push();
+    const OXValue image = proxy->genericCall("getImageRemote", args({id}));
+    ASSERT_TRUE(image.isArray()) << space.first;
+    ASSERT_EQ(image.getSize(), 12);
+    EXPECT_EQ(image[0].asInt(), 320);
+    EXPECT_EQ(image[1].asInt(), 240);
+    EXPECT_EQ(image[2].asInt(), space.second);
+    EXPECT_EQ(image[3].asInt(), space.first);
+    EXPECT_EQ(image[6].getSize(), 320 * 240 * space.second);
+    EXPECT_EQ(image[7].asInt(), 0);
+  }
 
   EXPECT_TRUE(proxy->genericCall("setFrameRate", args({id, 30})).asBool());
   EXPECT_EQ(proxy->genericCall("getFrameRate", args({id})).asInt(), 30);

@@ -8,13 +8,21 @@ import sys
 import numpy as np
 import pytest
 
-from helpers import child_environment, poll_until
+from helpers import REPO, child_environment, poll_until
 from oxclient import OXError, OXProxy, describe, image_to_numpy
 
 DEVICE = "OXVideoDevice"
 QVGA, RGB, FPS = 1, 11, 30
 WIDTH, HEIGHT = 320, 240
 COLOUR = (200, 100, 50)
+SOURCES = REPO / "vision" / "videoinput" / "src"
+
+
+def throw_line(source, marker):
+    """The line of the __LINE__ that follows marker in source: the line an OXError reports."""
+    lines = source.read_text().splitlines()
+    start = next(i for i, line in enumerate(lines) if marker in line)
+    return next(i + 1 for i in range(start, len(lines)) if "__LINE__" in lines[i])
 
 
 def uniform_frame(colour=COLOUR):
@@ -45,6 +53,29 @@ class TestCalls:
         finally:
             device.unsubscribe(name)
 
+    def test_device_error_arrives_with_its_exact_text(self, device):
+        with pytest.raises(OXError) as caught:
+            device.getImageRemote("nobody")
+        line = throw_line(SOURCES / "device" / "oxvisionvideoinput.cpp", "pCheck.fUnknownPiece")
+        error = caught.value
+        assert error.description == "getDirectRawImageRemote(nobody) : module nobody unknown!"
+        assert str(error) == ("OXVideoDevice::getImageRemote(): getDirectRawImageRemote(nobody) "
+                              ": module nobody unknown! (oxvisionvideoinput:%d)" % line)
+
+    def test_unknown_method_and_unfit_arguments_are_the_modules_errors(self, device):
+        with pytest.raises(OXError) as caught:
+            device.noSuchMethod(1)
+        assert (caught.value.module, caught.value.method, caught.value.description) == (
+            DEVICE, "noSuchMethod", "Method noSuchMethod is not published by module " + DEVICE)
+        with pytest.raises(OXError) as caught:
+            device.putImage("a", "b")
+        assert (caught.value.module, caught.value.description) == (
+            DEVICE, "Method putImage takes 4, 1 argument(s), not 2")
+        # The right count with a wrong type is refused while the argument is converted.
+        with pytest.raises(OXError, match="Parameter type is string instead of int"):
+            device.putImage(0, "wide", HEIGHT, b"")
+        assert device.ping() is None  # the connection is still good
+
     def test_unknown_module_is_refused_at_hello(self, broker):
         with pytest.raises(OXError) as caught:
             OXProxy("NoSuchModule", broker.host, broker.port, timeout_ms=5000)
@@ -52,27 +83,71 @@ class TestCalls:
         assert caught.value.description == (
             "no module named NoSuchModule is registered with broker oxbroker")
 
+    def test_filecam_source_refuses_pushed_frames(self, start_broker, filecam_prefs):
+        broker = start_broker(filecam_prefs)
+        with OXProxy(DEVICE, broker.host, broker.port, timeout_ms=10000) as device:
+            with pytest.raises(OXError) as caught:
+                device.putImage(0, WIDTH, HEIGHT, uniform_frame())
+        line = throw_line(SOURCES / "device" / "oxvisionvideoinputqueries.cpp",
+                          "bool OXVisionVideoInput::putImage(const int&")
+        assert str(caught.value) == (
+            "OXVideoDevice::putImage(): Only implemented for simulator (oxvisionvideoinput:%d)"
+            % line)
+
+
+def read_method_table():
+    """tests/data/method_table.txt as describe() presents it."""
+    def unescape(text):
+        return re.sub(r"\\(.)", lambda m: {"n": "\n", "t": "\t"}.get(m.group(1), m.group(1)),
+                      text)
+
+    methods = []
+    for line in (REPO / "tests" / "data" / "method_table.txt").read_text().splitlines():
+        if not line.strip() or line.startswith("#"):
+            continue
+        name, class_name, flags, binding, *fields = line.split("\t")
+        method = {"name": name, "class": class_name, "flags": int(flags[len("flags="):]),
+                  "overload": binding == "bindMethodOverload", "parameters": [], "examples": []}
+        for field in fields:
+            key, text = field.split("=", 1)
+            if key == "description":
+                method["description"] = unescape(text)
+            elif key in ("param", "return"):
+                pname, ptype, ptext = text.split("|", 2)
+                entry = {"name": pname, "description": unescape(ptext), "type": ptype}
+                if key == "param":
+                    method["parameters"].append(entry)
+                else:
+                    method["return"] = entry
+            else:
+                language, example = text.split("|", 1)
+                method["examples"].append({"language": language, "text": unescape(example)})
+        methods.append(method)
+    return methods
+
 
 class TestIntrospection:
-    # The texts of the table are pinned in-process (tests/data/method_table.txt) and the remote
-    # description is compared with the in-process one (test_remote.cpp): here the client's view.
-    def test_describe_methods_and_help_agree(self, device):
+    def test_describe_matches_the_method_table(self, device):
         described = describe(device)
+        expected = read_method_table()
+        assert len(described["methods"]) >= 84
         assert described["module"] == DEVICE
-        assert len(described["methods"]) == 52 + 32
-        names = [m["name"] for m in described["methods"]]
-        assert device.methods() == list(dict.fromkeys(names))
-        put_image = [m for m in described["methods"] if m["name"] == "putImage"]
-        records = device.help("putImage")
-        assert [[p[0] for p in record[4]] for record in records] == [
-            [p["name"] for p in m["parameters"]] for m in put_image] == [
-            ["cameraIndex", "width", "height", "imageBuffer"], ["imageBuffer"]]
-        assert [p["type"] for p in put_image[0]["parameters"]] == ["int"] * 3 + ["OXValue"]
-        assert put_image[0]["overload"] and put_image[0]["return"]["type"] == "bool"
-        assert device.help("noSuchMethod") == []
-        assert device.module_help()[0] == DEVICE
+        assert [m["name"] for m in described["methods"]] == [m["name"] for m in expected]
+        assert [m["overload"] for m in described["methods"]] == [m["overload"] for m in expected]
+        for got, want in zip(described["methods"], expected):
+            assert got == want, got["name"]
         assert any('OXProxy("OXVideoDevice", "127.0.0.1", 7761)' in example["text"]
                    for example in described["examples"])
+
+    def test_methods_and_help_follow_the_table(self, device):
+        expected = read_method_table()
+        names = list(dict.fromkeys(m["name"] for m in expected))
+        assert device.methods() == names
+        records = device.help("putImage")
+        assert [[p[0] for p in record[4]] for record in records] == [
+            ["cameraIndex", "width", "height", "imageBuffer"], ["imageBuffer"]]
+        assert device.help("noSuchMethod") == []
+        assert device.module_help()[0] == DEVICE
 
 
 CHILD = r"""
