@@ -284,8 +284,8 @@ bool fixtureIntact(Device& pDevice, int pCameras) {
 }
 
 // Every input starts from the same state: its own subscribers gone, nothing held or recorded by
-// "m" and "s", the device on camera 0, the simulator with a fresh frame on each camera, the file
-// camera on its video again (rewritten when an input recorded over it).
+// "m" and "s", the device on camera 0, the simulator running with a fresh frame on each camera,
+// the file camera stopped on its video (rewritten when an input recorded over it).
 void reset(Device& pDevice, bool pSimulator) {
   std::vector<std::string> made;
   made.swap(pDevice.fMade);
@@ -316,8 +316,20 @@ void reset(Device& pDevice, bool pSimulator) {
                          OXValue(std::vector<int>(all.size(), OX::kRGB)), 30}));
     pDevice.fMade.clear();  // "m" and "s" are reset by name
   }
-  for (int camera = 0; pSimulator && camera < cameras; ++camera) {
-    call(pDevice, "putImage", OXValue::array({camera, 160, 120, frame()}));
+  if (pSimulator) {
+    // What the subscribers make of the cameras, also when an input set them otherwise, and
+    // running grabbers whatever an input stopped.
+    for (int camera = 0; camera < cameras; ++camera) {
+      call(pDevice, "setParam", OXValue::array({OX::kCameraResolutionID, OX::kQVGA, camera}));
+      call(pDevice, "setParam", OXValue::array({OX::kCameraFrameRateID, 30, camera}));
+    }
+    call(pDevice, "startFrameGrabber", OXValue::array({}));
+    for (int camera = 0; camera < cameras; ++camera) {
+      call(pDevice, "putImage", OXValue::array({camera, 160, 120, frame()}));
+    }
+  } else {
+    // Stopped, on the whole video from its first image, whether or not "m" and "s" were made.
+    call(pDevice, "setVideo", OXValue::array({kVideo, OXValue(), true, 0, 0}));
   }
 }
 

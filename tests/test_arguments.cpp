@@ -149,4 +149,16 @@ TEST(ArgumentFaults, FileCamRangeAndSpeedThatWouldOverflow) {
   EXPECT_EQ(vitest::FileHook::replayPeriod(*cameras.file), -250000);
 }
 
+// previousImage before any opening stepped back from the end of the whole file (the largest
+// int), and the next start of the grabber counted one image past it: a signed overflow (found by
+// the call fuzzer). That start fails, as for any image beyond the file; the next one replays.
+TEST(ArgumentFaults, FileCamPreviousImageBeforeTheFirstOpeningThenStart) {
+  Cameras cameras;
+  cameras.rec->genericCall("previousImage", args({}));
+  const OX::OXError error =
+      vitest::raised([&] { cameras.rec->genericCall("startFrameGrabber", args({})); });
+  EXPECT_EQ(error.getDescription(), "Can't open video file.");
+  EXPECT_TRUE(cameras.rec->genericCall("startFrameGrabber", args({})).asBool());
+}
+
 }  // namespace

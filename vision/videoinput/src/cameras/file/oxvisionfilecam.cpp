@@ -258,7 +258,9 @@ bool OXVisionFileCam::xOpenDevice() {
   for (int i = 0; i < kRingSize; ++i) {
     result = fVideo.getFrame(fFrames[i].fImage, fCurrentImage, fStreamNumber, true);
   }
-  ++fCurrentImage;
+  // previousImage before any opening steps back from the end of the whole file, the largest int:
+  // the count stops there, and the read-ahead below brings it back into the range.
+  if (fCurrentImage < std::numeric_limits<int>::max()) ++fCurrentImage;
 
   OXImage& next = xSlot(fNextFrame);
   if (fCurrentImage > fLastImage) {
