@@ -24,6 +24,7 @@ bool namesAFile(const std::string& pPath, const char* pFunction) {
       << "refusing " << pPath.c_str() << "...: a path with a NUL byte";
   return false;
 }
+
 const unsigned char kMagic[4] = {'O', 'X', 'V', 'R'};
 const unsigned char kFrameMarker[4] = {'O', 'X', 'F', 'R'};
 constexpr uint32_t kVersion = 1;

@@ -44,8 +44,9 @@ using OX::OXValue;
 
 // Texts of the standard library or the compiler's runtime: none may reach a caller.
 const char* const kForeignTexts[] = {
-    "vector::",      "basic_string", "_M_",          "std::",   "bad_alloc",
-    "__n (which is", "out_of_range", "length_error", "map::at", "filesystem error"};
+    "vector::",     "basic_string",     "_M_",    "std::",        "bad_alloc",
+    "bad_function", "__n (which is",    "stoi",   "out_of_range", "invalid_argument",
+    "length_error", "filesystem error", "map::at"};
 
 constexpr int kCallsPerInput = 8;
 constexpr int kFrameBytes = 160 * 120 * 3;
@@ -76,7 +77,7 @@ const OXValue& frame() {
 }
 
 // The values of the sweep, by declared type; entry 0 is a value that the device accepts. Names:
-// "m" is a mono-stream subscriber and "s" a multi-stream one, both made anew for each input.
+// "m" is a mono-stream subscriber and "s" a multi-stream one, as each input finds them.
 const std::vector<OXValue>& edges(int pType) {
   static const std::vector<OXValue> ints = {0,  -1, 1,  2,  3,  4,  5,   14,      15,     16,
                                             17, 18, 20, 21, 30, 31, 255, INT_MIN, INT_MAX};

@@ -40,9 +40,8 @@ bool OXVisionSimulatorCam::putImage(const OXValue& pImage) {
 }
 
 // Takes no device lock, unlike setSimCamInputSize: kept so that a pusher never waits on
-// subscribers.
-// A camera index that the caller names and no camera has is refused with an error; the forms
-// that follow the device's active camera answer false instead.
+// subscribers. A camera that the caller names and that does not exist is refused with an error;
+// the forms that follow the device's active camera answer false instead.
 bool OXVisionSimulatorCam::putImage(const int& pCameraIndex, const int& pWidth, const int& pHeight,
                                     const OXValue& pImage) {
   xCheckCameraArgument(pCameraIndex, "putImage()", __LINE__);
