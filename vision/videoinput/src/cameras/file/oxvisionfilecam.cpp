@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "oxerror.h"
+#include "oxfilepolicy.h"
 #include "oxtypes.h"
 #include "oxvalue/detail/oxfunctor.h"
 
@@ -178,15 +179,19 @@ void OXVisionFileCam::xUnableToOpen() {
 void OXVisionFileCam::setVideo(const std::string& pFilePath, const OXValue& pRange,
                                const bool& pLoop, const int& pReplayMode,
                                const int& pStreamNumber) {
+  // A remote caller's file lies in the broker's data directory and is a regular one, or nothing
+  // changes: the existence of other files is nobody's business. The texts keep the caller's path.
+  const std::string path =
+      resolveCallerPath(*this, pFilePath, OXFilePolicy::Access::kRead, "setVideo");
   // The grabber is not restarted here: the next subscriber or client does it.
   stopFrameGrabber();
   boost::system::error_code error;
-  const boost::filesystem::file_status status = boost::filesystem::status(pFilePath, error);
+  const boost::filesystem::file_status status = boost::filesystem::status(path, error);
   if (error || status.type() == boost::filesystem::file_not_found) {
     xLog(kLogError, "setVideo", pFilePath + " file doesn't exist. Return!", kCategory);
     return;
   }
-  fFilePath = pFilePath;
+  fFilePath = path;
   fLoop = pLoop;
   fReplayMode = pReplayMode;
   fStreamNumber = pStreamNumber;
