@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "kilog.h"
+#include "oxcaller.h"
 #include "oxservices.h"
 
 namespace OX {
@@ -320,9 +321,20 @@ void OXModuleCore::execute(const std::string& pMethod, const OXValue& pArguments
                   __LINE__);
   }
   boost::shared_ptr<OXFunctorBase> functor;
+  int flags = 0;
   {
     std::shared_lock<std::shared_mutex> guard(fTableMutex);
-    functor = resolve(pMethod, pArguments)->functor;
+    const OXMethodInfo* info = resolve(pMethod, pArguments);
+    functor = info->functor;
+    flags = info->flags;
+  }
+  // Refused before it runs: nothing is taken or held for a pointer that could not be used.
+  if ((flags & OXMethodInfo::kSameProcessOnly) != 0 && isRemoteCall()) {
+    throw OXError(fName, pMethod,
+                  pMethod +
+                      " is for the broker's process only: it deals in pointers valid "
+                      "there, not in another process",
+                  kBrokerFile, __LINE__);
   }
   const OXValue noArguments = [] {
     OXValue empty;
@@ -495,6 +507,16 @@ bool OXBroker::unregisterModule(const std::string& pName) {
     }
   }
   return false;
+}
+
+void OXBroker::setFilePolicy(boost::shared_ptr<const OXFilePolicy> pPolicy) {
+  std::lock_guard<std::mutex> guard(fPolicyMutex);
+  fFilePolicy = std::move(pPolicy);
+}
+
+boost::shared_ptr<const OXFilePolicy> OXBroker::getFilePolicy() const {
+  std::lock_guard<std::mutex> guard(fPolicyMutex);
+  return fFilePolicy;
 }
 
 void OXBroker::removeAllModules() {

@@ -20,8 +20,9 @@ constexpr const char* kUnknownSession = "unknown session: say hello first";
 
 class RequestHandler {
  public:
+  // pAllowRemoteEvents: see OXBrokerHost::Options::fAllowRemoteEvents.
   RequestHandler(boost::shared_ptr<OXBroker> pBroker, SessionTable& pSessions,
-                 std::size_t pMaxMessageBytes);
+                 std::size_t pMaxMessageBytes, bool pAllowRemoteEvents = false);
 
   // The reply to the message pFrames of the connection pRoutingId: [1, id, "ok", result] or
   // [1, id, "error", fields]. Never throws for anything the client sent.
@@ -35,6 +36,7 @@ class RequestHandler {
   boost::shared_ptr<OXBroker> fBroker;
   SessionTable& fSessions;
   const std::size_t fMaxMessageBytes;
+  const bool fAllowRemoteEvents;
 };
 
 OXValue okReply(int pId, OXValue&& pResult);

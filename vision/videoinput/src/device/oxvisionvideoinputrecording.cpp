@@ -6,6 +6,7 @@
 
 #include "device/oxvisionvideoinput.h"
 #include "device/oxvisionvideoinputtexts.h"
+#include "oxfilepolicy.h"
 
 namespace OX {
 
@@ -32,6 +33,9 @@ boost::shared_ptr<VisionModuleInfo> OXVisionVideoInput::xFindRecorder(
 
 bool OXVisionVideoInput::recordVideo(const std::string& pName, const std::string& pPath,
                                      const int& pTotalNumber, const int& pPeriod) {
+  // A remote caller's file lies in the broker's data directory and is new, or nothing changes.
+  const std::string path =
+      resolveCallerPath(*this, pPath, OXFilePolicy::Access::kCreate, "recordVideo");
   // The write side: the fields of the subscriber change, and two calls on one subscriber must
   // not interleave.
   OXCriticalSectionWrite lock(fVisionModulesLock);
@@ -64,7 +68,7 @@ bool OXVisionVideoInput::recordVideo(const std::string& pName, const std::string
     delete info->fVideo;
   }
   info->fVideo = video;
-  const bool opened = video->recordVideo(pPath, 0, headers);
+  const bool opened = video->recordVideo(path, 0, headers);
   // A file that could not be opened still counts as a recording; its writes do nothing.
   info->fIsRecording = true;
   return opened;

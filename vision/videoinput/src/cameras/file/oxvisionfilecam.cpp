@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "oxerror.h"
+#include "oxfilepolicy.h"
 #include "oxtypes.h"
 #include "oxvalue/detail/oxfunctor.h"
 
@@ -180,10 +181,14 @@ void OXVisionFileCam::xUnableToOpen() {
 void OXVisionFileCam::setVideo(const std::string& pFilePath, const OXValue& pRange,
                                const bool& pLoop, const int& pReplayMode,
                                const int& pStreamNumber) {
+  // A remote caller's file lies in the broker's data directory and is a regular one, or nothing
+  // changes: the existence of other files is nobody's business. The texts keep the caller's path.
+  const std::string path =
+      resolveCallerPath(*this, pFilePath, OXFilePolicy::Access::kRead, "setVideo");
   // The grabber is not restarted here: the next subscriber or client does it.
   stopFrameGrabber();
   boost::system::error_code error;
-  const boost::filesystem::file_status status = boost::filesystem::status(pFilePath, error);
+  const boost::filesystem::file_status status = boost::filesystem::status(path, error);
   // A path with a NUL byte names no file: its first part would be asked for instead.
   if (error || status.type() == boost::filesystem::file_not_found ||
       pFilePath.find('\0') != std::string::npos) {
@@ -203,7 +208,7 @@ void OXVisionFileCam::setVideo(const std::string& pFilePath, const OXValue& pRan
                "for the whole file",
            __LINE__);
   }
-  fFilePath = pFilePath;
+  fFilePath = path;
   fLoop = pLoop;
   fReplayMode = pReplayMode;
   fStreamNumber = pStreamNumber;
