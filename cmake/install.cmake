@@ -1,11 +1,13 @@
 # What `cmake --install` puts under its prefix, so that another project can write a module or a
 # client against our framework:
 #   bin/                          every tool of tools/ (oxbroker, oxcall, ...)
-#   lib/                          liboxframework.so and the module libvideoinput.so
-#   include/libvideoinput/        the framework's headers, oxvalue/detail/ and ivideoinput.h
+#   lib/                          liboxframework.so, liboxnet.so (remote proxies and the host) and
+#                                 the module libvideoinput.so
+#   include/libvideoinput/        the framework's and net/'s headers, oxvalue/detail/ and
+#                                 ivideoinput.h
 #   share/libvideoinput/preferences/   the default preference files
-#   lib/pkgconfig/libvideoinput.pc and lib/cmake/libvideoinput/ (package libvideoinput, target
-#   libvideoinput::oxframework; libvideoinput_MODULE and libvideoinput_PREFERENCES_DIR say where
+#   lib/pkgconfig/libvideoinput.pc (and libvideoinput-net.pc) and lib/cmake/libvideoinput/ (package
+#   libvideoinput, targets libvideoinput::oxframework and libvideoinput::oxnet; libvideoinput_MODULE and libvideoinput_PREFERENCES_DIR say where
 #   the module and the preferences are).
 # Everything finds its neighbours relative to itself, so the tree may be moved.
 # Included from the top-level CMakeLists.txt once every target exists.
@@ -19,7 +21,7 @@ set(VI_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/libvideoinput)
 # Installed programs and libraries find ours through a relative RPATH.
 file(RELATIVE_PATH VI_LIB_FROM_BIN /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 file(RELATIVE_PATH VI_PREFERENCES_FROM_BIN /${CMAKE_INSTALL_BINDIR} /${VI_INSTALL_PREFERENCESDIR})
-set_target_properties(oxframework videoinput PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(oxframework oxnet videoinput PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 # The broker host looks for the installed preferences and module beside itself first.
 target_compile_definitions(oxbroker PRIVATE
@@ -37,13 +39,15 @@ endforeach()
 set_target_properties(${VI_INSTALLED_TOOLS} PROPERTIES INSTALL_RPATH "$ORIGIN/${VI_LIB_FROM_BIN}")
 install(TARGETS ${VI_INSTALLED_TOOLS} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-install(TARGETS oxframework EXPORT libvideoinputTargets
+install(TARGETS oxframework oxnet EXPORT libvideoinputTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${VI_INSTALL_INCLUDEDIR})
 # A module, loaded with dlopen: no target to link against.
 install(TARGETS videoinput LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/framework/ DESTINATION ${VI_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/net/ DESTINATION ${VI_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/liboxvalue/oxvalue/detail/
   DESTINATION ${VI_INSTALL_INCLUDEDIR}/oxvalue/detail FILES_MATCHING PATTERN "*.h")
@@ -68,7 +72,9 @@ file(RELATIVE_PATH VI_PREFIX_FROM_PC /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" VI_PREFIX_FROM_PC ${VI_PREFIX_FROM_PC})
 configure_file(${CMAKE_CURRENT_LIST_DIR}/libvideoinput.pc.in ${PROJECT_BINARY_DIR}/libvideoinput.pc
   @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/libvideoinput.pc
+configure_file(${CMAKE_CURRENT_LIST_DIR}/libvideoinput-net.pc.in
+  ${PROJECT_BINARY_DIR}/libvideoinput-net.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/libvideoinput.pc ${PROJECT_BINARY_DIR}/libvideoinput-net.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # The install as another project sees it; sanitizer builds are left out, since an ordinary

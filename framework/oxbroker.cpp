@@ -5,8 +5,10 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
+#include <unistd.h>
 
-#include "oxremote.h"
+#include "kilog.h"
+#include "oxcaller.h"
 #include "oxservices.h"
 
 namespace OX {
@@ -120,20 +122,7 @@ std::atomic<int> sRemoteTimeoutMs{30000};
 OXProxy::OXProxy(boost::shared_ptr<OXBroker> pBroker, const std::string& pModuleName)
     : fBroker(pBroker), fModuleName(pModuleName) {}
 
-OXProxy::OXProxy(const std::string& pModuleName, const std::string& pHost, int pPort)
-    : fModuleName(pModuleName),
-      fRemote(new OXRemoteConnection("tcp://" + pHost + ":" + std::to_string(pPort),
-                                     getClientName(), pModuleName, getRemoteTimeout())) {}
-
 OXProxy::~OXProxy() = default;
-
-boost::shared_ptr<OXProxy> OXProxy::connect(const std::string& pUrl,
-                                            const std::string& pModuleName) {
-  boost::shared_ptr<OXProxy> proxy(new OXProxy(boost::shared_ptr<OXBroker>(), pModuleName));
-  proxy->fRemote.reset(
-      new OXRemoteConnection(pUrl, getClientName(), pModuleName, getRemoteTimeout()));
-  return proxy;
-}
 
 std::string OXProxy::getUrl() const {
   return fRemote ? fRemote->getUrl() : std::string();
@@ -146,7 +135,8 @@ void OXProxy::setClientName(const std::string& pName) {
 
 std::string OXProxy::getClientName() {
   std::lock_guard<std::mutex> guard(sClientNameMutex);
-  return sClientName.empty() ? std::string(program_invocation_short_name) : sClientName;
+  if (!sClientName.empty()) return sClientName;
+  return std::string(program_invocation_short_name) + "-" + std::to_string(getpid());
 }
 
 void OXProxy::setRemoteTimeout(int pMilliseconds) {
@@ -176,7 +166,7 @@ OXValue OXProxy::genericCall(const std::string& pMethod, const OXValue& pArgumen
     operands.emplace_back(fModuleName);
     operands.emplace_back(pMethod);
     operands.push_back(pArguments);
-    return fRemote->request("call", std::move(operands), pMethod, fRemote->getTimeout());
+    return fRemote->request("call", std::move(operands), pMethod);
   }
   OXValue result;
   module()->execute(pMethod, pArguments, result);
@@ -185,8 +175,7 @@ OXValue OXProxy::genericCall(const std::string& pMethod, const OXValue& pArgumen
 
 std::vector<std::string> OXProxy::getMethodList() {
   if (!fRemote) return module()->getMethodList();
-  const OXValue names =
-      fRemote->request("methods", {fModuleName}, "getMethodList", fRemote->getTimeout());
+  const OXValue names = fRemote->request("methods", {fModuleName}, "getMethodList");
   std::vector<std::string> list;
   for (int i = 0; i < names.getSize(); ++i) list.push_back(names[i].asString());
   return list;
@@ -194,7 +183,7 @@ std::vector<std::string> OXProxy::getMethodList() {
 
 OXValue OXProxy::getMethodHelp(const std::string& pMethod) {
   if (!fRemote) return module()->getMethodHelp(pMethod);
-  return fRemote->request("help", {fModuleName, pMethod}, "getMethodHelp", fRemote->getTimeout());
+  return fRemote->request("help", {fModuleName, pMethod}, "getMethodHelp");
 }
 
 OXValue OXProxy::getModuleHelp() {
@@ -204,7 +193,7 @@ OXValue OXProxy::getModuleHelp() {
 
 OXValue OXProxy::describe() {
   if (!fRemote) return module()->describe();
-  return fRemote->request("describe", {fModuleName}, "describe", fRemote->getTimeout());
+  return fRemote->request("describe", {fModuleName}, "describe");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -332,22 +321,45 @@ void OXModuleCore::execute(const std::string& pMethod, const OXValue& pArguments
                   __LINE__);
   }
   boost::shared_ptr<OXFunctorBase> functor;
+  int flags = 0;
   {
     std::shared_lock<std::shared_mutex> guard(fTableMutex);
-    functor = resolve(pMethod, pArguments)->functor;
+    const OXMethodInfo* info = resolve(pMethod, pArguments);
+    functor = info->functor;
+    flags = info->flags;
+  }
+  // Refused before it runs: nothing is taken or held for a pointer that could not be used.
+  if ((flags & OXMethodInfo::kSameProcessOnly) != 0 && isRemoteCall()) {
+    throw OXError(fName, pMethod,
+                  pMethod +
+                      " is for the broker's process only: it deals in pointers valid "
+                      "there, not in another process",
+                  kBrokerFile, __LINE__);
   }
   const OXValue noArguments = [] {
     OXValue empty;
     empty.arraySetSize(0);
     return empty;
   }();
+  // Only our own errors reach a caller. Anything else that escapes a method is a fault of ours:
+  // its text (a library's words, e.g. an index check of the standard library) goes to the log,
+  // and the caller learns which method failed.
+  std::string internal;
   try {
     functor->call(pArguments.isArray() ? pArguments : noArguments, pResult);
+    return;
   } catch (const OXError&) {
     throw;
   } catch (const std::exception& error) {
-    throw OXError(fName, pMethod, error.what(), kBrokerFile, __LINE__);
+    internal = error.what();
+  } catch (...) {
+    internal = "an exception of unknown type";
   }
+  ki::log::LogStream(ki::log::kLogError, "framework.broker", "", "execute", 0)
+      << fName << "." << pMethod << ": " << internal;
+  throw OXError(fName, pMethod,
+                "Method " + pMethod + " failed on an internal error (logged by the host)",
+                kBrokerFile, __LINE__);
 }
 
 std::vector<std::string> OXModuleCore::getMethodList() const {
@@ -495,6 +507,16 @@ bool OXBroker::unregisterModule(const std::string& pName) {
     }
   }
   return false;
+}
+
+void OXBroker::setFilePolicy(boost::shared_ptr<const OXFilePolicy> pPolicy) {
+  std::lock_guard<std::mutex> guard(fPolicyMutex);
+  fFilePolicy = std::move(pPolicy);
+}
+
+boost::shared_ptr<const OXFilePolicy> OXBroker::getFilePolicy() const {
+  std::lock_guard<std::mutex> guard(fPolicyMutex);
+  return fFilePolicy;
 }
 
 void OXBroker::removeAllModules() {

@@ -21,9 +21,24 @@
 namespace OX {
 
 class OXBroker;
+class OXFilePolicy;
+struct ConnectOptions;
 class OXModule;
 class OXModuleCore;
-class OXRemoteConnection;
+
+// The transport of a remote proxy. The net library provides it, together with the remote
+// constructors of OXProxy below, so that this layer knows nothing of sockets: a program that makes
+// remote proxies links that library.
+class OXRemoteChannel {
+ public:
+  virtual ~OXRemoteChannel() = default;
+  // Sends one request [version, id, pOperation, operands...] and returns the result of its reply;
+  // an error reply is raised as the OXError it carries. pFunction names the caller's operation in
+  // the errors of the transport itself.
+  virtual OXValue request(const std::string& pOperation, OXValue::Array pOperands,
+                          const std::string& pFunction) = 0;
+  virtual const std::string& getUrl() const = 0;
+};
 
 // The process's registry of brokers.
 class OXBrokerManager {
@@ -51,11 +66,15 @@ class OXProxy {
   OXProxy(boost::shared_ptr<OXBroker> pBroker, const std::string& pModuleName);
   // A proxy on the module pModuleName of the broker host at tcp://pHost:pPort. It introduces this
   // process under the client name (setClientName) and throws OXError when the broker does not
-  // answer within the remote timeout or hosts no such module.
+  // answer within the remote timeout or hosts no such module. Defined by the net library.
   OXProxy(const std::string& pModuleName, const std::string& pHost, int pPort);
-  // The same for a ZeroMQ address such as "tcp://127.0.0.1:7761".
+  // The same for a ZeroMQ address such as "tcp://127.0.0.1:7761". Defined by the net library.
   static boost::shared_ptr<OXProxy> connect(const std::string& pUrl,
                                             const std::string& pModuleName);
+  // The same with the options of the connection (net/oxconnectoptions.h), such as CURVE keys;
+  // throws OXError when a key file cannot be read. Defined by the net library.
+  static boost::shared_ptr<OXProxy> connect(const std::string& pUrl, const std::string& pModuleName,
+                                            const ConnectOptions& pOptions);
   virtual ~OXProxy();
 
   // Calls a published method with its arguments as an array (an invalid value means none).
@@ -79,7 +98,9 @@ class OXProxy {
   std::string getUrl() const;
 
   // The name under which remote proxies made afterwards introduce this process (by default the
-  // program's name); the broker raises "ClientDisconnected" with it when the client goes away.
+  // program's name and the process id, "oxgrab-4242", so that two processes never share it
+  // unless told to); the broker raises "ClientDisconnected" with it when the last session under
+  // that name ends.
   static void setClientName(const std::string& pName);
   static std::string getClientName();
   // How long a remote proxy waits for a reply before it throws OXError (default 30000 ms).
@@ -92,7 +113,7 @@ class OXProxy {
  private:
   boost::weak_ptr<OXBroker> fBroker;
   std::string fModuleName;
-  boost::shared_ptr<OXRemoteConnection> fRemote;
+  boost::shared_ptr<OXRemoteChannel> fRemote;
 };
 
 // The core of every module: its name, its broker and its method table.
@@ -223,6 +244,11 @@ class OXBroker : public boost::enable_shared_from_this<OXBroker> {
 
   boost::weak_ptr<OXBrokerManager> getBrokerManager() const { return fBrokerManager; }
 
+  // Where the files that remote callers name may be (oxfilepolicy.h); null, the default: paths
+  // are opened as they are given. The broker host applies it to every call it serves.
+  void setFilePolicy(boost::shared_ptr<const OXFilePolicy> pPolicy);
+  boost::shared_ptr<const OXFilePolicy> getFilePolicy() const;
+
  private:
   OXBroker(const std::string& pName, const std::vector<std::string>& pPreferencePaths);
 
@@ -231,6 +257,8 @@ class OXBroker : public boost::enable_shared_from_this<OXBroker> {
   boost::weak_ptr<OXBrokerManager> fBrokerManager;
   mutable std::shared_mutex fModulesMutex;
   std::vector<boost::shared_ptr<OXModuleCore>> fModules;  // in order of registration
+  mutable std::mutex fPolicyMutex;
+  boost::shared_ptr<const OXFilePolicy> fFilePolicy;
 };
 
 }  // namespace OX

@@ -25,7 +25,11 @@ void OXMutexRW::lockRead() {
   std::unique_lock<std::mutex> guard(fMutex);
   // The writer itself, or a thread already reading, goes in at once: waiting would deadlock.
   if (fWriter != self && readCountOf(self) == 0) {
-    fChanged.wait(guard, [&] { return fWriteDepth == 0 && fWritersWaiting == 0; });
+    const std::uint64_t ticket = fNextTicket++;
+    fChanged.wait(guard, [&] { return fServing == ticket && fWriteDepth == 0; });
+    // The next in line goes in too if it is a reader: readers share the lock.
+    ++fServing;
+    fChanged.notify_all();
   }
   auto found = std::find_if(fReaders.begin(), fReaders.end(),
                             [&](const Reader& pReader) { return pReader.fThread == self; });
@@ -55,11 +59,24 @@ void OXMutexRW::lockWrite() {
     ++fWriteDepth;
     return;
   }
-  ++fWritersWaiting;
-  fChanged.wait(guard, [&] { return fWriteDepth == 0 && fReaderTotal - readCountOf(self) == 0; });
-  --fWritersWaiting;
+  const int ownReads = readCountOf(self);
+  if (ownReads > 0) {
+    // A reader that asks for the write lock cannot wait in line: a writer ahead of it waits for
+    // it to stop reading. It goes in once it is the last reader.
+    fChanged.wait(guard, [&] { return fWriteDepth == 0 && fReaderTotal - ownReads == 0; });
+  } else {
+    const std::uint64_t ticket = fNextTicket++;
+    fChanged.wait(guard,
+                  [&] { return fServing == ticket && fWriteDepth == 0 && fReaderTotal == 0; });
+    ++fServing;
+  }
   fWriter = self;
   fWriteDepth = 1;
+}
+
+int OXMutexRW::waiting() const {
+  std::lock_guard<std::mutex> guard(fMutex);
+  return static_cast<int>(fNextTicket - fServing);
 }
 
 void OXMutexRW::unlockWrite() {

@@ -3,6 +3,7 @@
 
 #include <boost/shared_ptr.hpp>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -25,9 +26,13 @@ class OXMutex {
 // A reader-writer lock with these re-entrance rules:
 // - the thread that holds the write lock may take it again, and may also take the read lock;
 // - a thread that holds a read lock may take it again, even while a writer waits;
-// - new readers otherwise wait behind a waiting writer, so that writers are not starved;
+// - everyone else takes it in the order of arrival, consecutive readers together: a writer is
+//   never starved by readers, and a thread waits for those that came before it only, never for
+//   a stream of later writers (a caller waits at most for the holds that were asked before its
+//   own, however busy another client keeps the device);
 // - a thread that holds only read locks and asks for the write lock waits until it is the last
-//   reader (two threads doing so at once would wait on each other: nothing here does that).
+//   reader, ahead of the line (two threads doing so at once would wait on each other: nothing
+//   here does that).
 class OXMutexRW {
  public:
   static boost::shared_ptr<OXMutexRW> createOXMutexRW();
@@ -35,6 +40,8 @@ class OXMutexRW {
   void unlockRead();
   void lockWrite();
   void unlockWrite();
+  // Threads waiting in line (for diagnostics and tests).
+  int waiting() const;
 
  private:
   OXMutexRW() = default;
@@ -44,11 +51,12 @@ class OXMutexRW {
   };
   int readCountOf(std::thread::id pThread) const;  // fMutex held
 
-  std::mutex fMutex;
+  mutable std::mutex fMutex;
   std::condition_variable fChanged;
   std::thread::id fWriter;  // default id: no writer
   int fWriteDepth = 0;
-  int fWritersWaiting = 0;
+  std::uint64_t fNextTicket = 0;  // the place in line of the next thread to ask
+  std::uint64_t fServing = 0;     // the place in line whose turn it is
   int fReaderTotal = 0;
   std::vector<Reader> fReaders;
 };

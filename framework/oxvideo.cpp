@@ -6,9 +6,13 @@
 #include <limits>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include "kilog.h"
+#include "oxcaller.h"
 #include "oxtypes.h"
 
 namespace OX {
@@ -16,12 +20,44 @@ namespace OX {
 namespace {
 
 const char* const kCategory = "framework.oxvideo";
+
+// A path with a NUL byte would open the file that its first part names: it names no file.
+bool namesAFile(const std::string& pPath, const char* pFunction) {
+  if (pPath.find('\0') == std::string::npos) return true;
+  ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, pFunction, __LINE__)
+      << "refusing " << pPath.c_str() << "...: a path with a NUL byte";
+  return false;
+}
+
 const unsigned char kMagic[4] = {'O', 'X', 'V', 'R'};
 const unsigned char kFrameMarker[4] = {'O', 'X', 'F', 'R'};
 constexpr uint32_t kVersion = 1;
 
 static_assert(sizeof(float) == 4 && std::numeric_limits<float>::is_iec559,
               "angles are stored as IEEE 754 single precision");
+
+// Under the file policy of a remote call (oxfilepolicy.h) a recording is a new file, made without
+// following a link, and a file to read must be a regular one, opened without waiting (a FIFO
+// would block the call for ever). Elsewhere files open as they always have.
+std::FILE* openFile(const std::string& pPath, bool pWrite) {
+  if (currentFilePolicy() == nullptr) return std::fopen(pPath.c_str(), pWrite ? "wb" : "rb");
+  const int flags = pWrite ? O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW : O_RDONLY | O_NONBLOCK;
+  const int fd = ::open(pPath.c_str(), flags | O_CLOEXEC, 0644);
+  if (fd < 0) return nullptr;
+  struct stat info;
+  std::FILE* file = nullptr;
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    errno = EINVAL;
+  } else if (fcntl(fd, F_SETFL, 0) == 0) {
+    file = fdopen(fd, pWrite ? "wb" : "rb");
+  }
+  if (file == nullptr) {
+    const int why = errno;
+    ::close(fd);
+    errno = why;
+  }
+  return file;
+}
 
 void putU32(unsigned char* pOut, uint32_t pValue) {
   for (int i = 0; i < 4; ++i) pOut[i] = static_cast<unsigned char>(pValue >> (8 * i));
@@ -92,6 +128,8 @@ OXVideo::OXVideo()
     : fFile(nullptr),
       fMode(Mode::kClosed),
       fPeriod(0),
+      fFileSize(0),
+      fIndexEnd(0),
       fRecordsWritten(0),
       fPosition(-1),
       fCurrentStream(0),
@@ -105,6 +143,7 @@ OXVideo::~OXVideo() {
 bool OXVideo::recordVideo(const std::string& pPath, unsigned int pPeriod,
                           const std::vector<streamHeader>& pStreams) {
   closeVideo();
+  if (!namesAFile(pPath, __func__)) return false;
   if (pStreams.empty() || pStreams.size() > static_cast<size_t>(kMaxStreams)) {
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "refusing " << pPath << ": " << pStreams.size() << " streams (1 to " << kMaxStreams
@@ -135,7 +174,7 @@ bool OXVideo::recordVideo(const std::string& pPath, unsigned int pPeriod,
     out += 16;
   }
 
-  fFile = std::fopen(pPath.c_str(), "wb");
+  fFile = openFile(pPath, true);
   if (fFile == nullptr) {
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "cannot create " << pPath << ": " << std::strerror(errno);
@@ -185,9 +224,19 @@ bool OXVideo::write(const char* pData, int pSize, int64_t pTimeStamp, signed cha
 }
 
 bool OXVideo::readVideo(const std::string& pPath) {
+  return open(pPath, false);
+}
+
+bool OXVideo::readVideoUpToDamage(const std::string& pPath) {
+  return open(pPath, true);
+}
+
+bool OXVideo::open(const std::string& pPath, bool pUpToDamage) {
   closeVideo();
-  fFile = std::fopen(pPath.c_str(), "rb");
+  if (!namesAFile(pPath, __func__)) return false;
+  fFile = openFile(pPath, false);
   if (fFile == nullptr) {
+    fProblem = std::string("cannot open: ") + std::strerror(errno);
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "cannot open " << pPath << ": " << std::strerror(errno);
     return false;
@@ -196,6 +245,7 @@ bool OXVideo::readVideo(const std::string& pPath) {
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "refusing " << pPath << ": " << pWhy;
     closeVideo();
+    fProblem = pWhy;
     return false;
   };
 
@@ -227,27 +277,47 @@ bool OXVideo::readVideo(const std::string& pPath) {
 
   // One pass over the frame headers, seeking over the pixels. Sizes are checked against the file
   // length rather than by reading, so a frame cut short at the end is simply left out.
+  std::string problem;
   int64_t offset = kFileHeaderFixedSize + 16 * static_cast<int64_t>(streamCount);
-  while (fileSize - offset >= kFrameHeaderSize) {
+  while (offset < fileSize) {
+    const std::string where = " at byte " + std::to_string(offset);
+    if (fileSize - offset < kFrameHeaderSize) {
+      problem = "frame header cut short" + where;
+      break;
+    }
     if (fseeko(fFile, static_cast<off_t>(offset), SEEK_SET) != 0 ||
         std::fread(fFrameHeader.data(), 1, fFrameHeader.size(), fFile) != fFrameHeader.size()) {
-      return refuse("cannot read the frame at byte " + std::to_string(offset));
+      return refuse("cannot read the frame" + where);
     }
     if (!isFrameHeaderSane(fFrameHeader.data())) {
-      return refuse("corrupt frame at byte " + std::to_string(offset));
+      if (!pUpToDamage) return refuse("corrupt frame" + where);
+      problem = "corrupt frame" + where;
+      break;
     }
     const int64_t next = offset + kFrameHeaderSize + getI32(fFrameHeader.data() + kSizeAt);
-    if (next > fileSize) break;
+    if (next > fileSize) {
+      problem = "frame cut short" + where + " (" + std::to_string(fileSize - offset) + " of " +
+                std::to_string(next - offset) + " bytes)";
+      break;
+    }
     fFrameOffsets.push_back(offset);
     offset = next;
   }
   if (fFrameOffsets.size() > static_cast<size_t>(std::numeric_limits<int>::max())) {
     return refuse("too many frames");
   }
+  const size_t spare = fFrameOffsets.size() % streamCount;
+  if (spare != 0 && problem.empty()) {
+    problem = "last image incomplete: " + std::to_string(spare) + " of " +
+              std::to_string(streamCount) + " stream frames";
+  }
 
   fMode = Mode::kReading;
   fPeriod = getU32(fixed + 8);
   fStreams = std::move(streams);
+  fFileSize = fileSize;
+  fIndexEnd = offset;
+  fProblem = problem;
   fPosition = -1;
   fCurrentStream = 0;
   fCursor = 0;
@@ -273,13 +343,8 @@ bool OXVideo::getFrame(OXImage* pImage, int pIndex, int pStream, bool /*pFlag*/)
   return true;
 }
 
-bool OXVideo::readRecord(OXImage* pImage, int pIndex, int pStream) {
-  if (fMode != Mode::kReading || pImage == nullptr) return false;
-  if (pStream < 0 || pStream >= getNumberOfStreams()) return false;
-  if (pIndex < 0 || pIndex >= getNumberOfImages()) return false;
-  const size_t record = static_cast<size_t>(pIndex) * fStreams.size() + pStream;
-  const int64_t offset = fFrameOffsets[record];
-
+bool OXVideo::readRecordHeader(size_t pRecord) {
+  const int64_t offset = fFrameOffsets[pRecord];
   if (!seekTo(offset)) return false;
   if (std::fread(fFrameHeader.data(), 1, fFrameHeader.size(), fFile) != fFrameHeader.size()) {
     fPosition = -1;
@@ -287,7 +352,25 @@ bool OXVideo::readRecord(OXImage* pImage, int pIndex, int pStream) {
   }
   fPosition = offset + kFrameHeaderSize;
   // The file was indexed, but it may have been rewritten since.
-  if (!isFrameHeaderSane(fFrameHeader.data())) return false;
+  return isFrameHeaderSane(fFrameHeader.data());
+}
+
+bool OXVideo::getFrameInfo(int pIndex, int pStream, FrameInfo& pInfo) {
+  if (fMode != Mode::kReading) return false;
+  if (pStream < 0 || pStream >= getNumberOfStreams()) return false;
+  if (pIndex < 0 || pIndex >= getNumberOfImages()) return false;
+  if (!readRecordHeader(static_cast<size_t>(pIndex) * fStreams.size() + pStream)) return false;
+  pInfo.fSize = getI32(fFrameHeader.data() + kSizeAt);
+  pInfo.fTimeStamp = static_cast<int64_t>(getU64(fFrameHeader.data() + kTimeStampAt));
+  pInfo.fCameraId = static_cast<signed char>(fFrameHeader[kCameraIdAt]);
+  return true;
+}
+
+bool OXVideo::readRecord(OXImage* pImage, int pIndex, int pStream) {
+  if (fMode != Mode::kReading || pImage == nullptr) return false;
+  if (pStream < 0 || pStream >= getNumberOfStreams()) return false;
+  if (pIndex < 0 || pIndex >= getNumberOfImages()) return false;
+  if (!readRecordHeader(static_cast<size_t>(pIndex) * fStreams.size() + pStream)) return false;
   const int size = getI32(fFrameHeader.data() + kSizeAt);
 
   // The stream's own format, or else the resolution whose size matches, in the stream's colours.
@@ -335,26 +418,37 @@ bool OXVideo::seekTo(int64_t pOffset) {
   return true;
 }
 
-void OXVideo::closeVideo() {
-  closeFile();
+bool OXVideo::closeVideo() {
+  const bool flushed = closeFile();
   fMode = Mode::kClosed;
   fPeriod = 0;
   fStreams.clear();
   fFrameOffsets.clear();
+  fFileSize = 0;
+  fIndexEnd = 0;
+  fProblem.clear();
   fRecordsWritten = 0;
   fPosition = -1;
   fCurrentStream = 0;
   fCursor = 0;
+  return flushed;
 }
 
-void OXVideo::closeFile() {
-  if (fFile == nullptr) return;
+bool OXVideo::closeFile() {
+  if (fFile == nullptr) return true;
   // fclose flushes; its result is the only report of a failed final write.
-  if (std::fclose(fFile) != 0 && fMode == Mode::kRecording) {
+  const bool closed = std::fclose(fFile) == 0;
+  fFile = nullptr;
+  if (!closed && fMode == Mode::kRecording) {
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "closing the recording failed: the last frames may be lost";
+    return false;
   }
-  fFile = nullptr;
+  return true;
+}
+
+int64_t OXVideo::getUnreadBytes() const {
+  return fMode == Mode::kReading ? fFileSize - fIndexEnd : 0;
 }
 
 int OXVideo::getNumberOfImages() const {

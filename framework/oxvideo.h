@@ -41,6 +41,8 @@ class OXVideo {
   // Writer.
   // Creates or truncates pPath and writes the whole header at once, so that a recording stopped
   // at any moment stays readable up to its last complete frame. Closes whatever was open first.
+  // While the calling thread serves a remote call under a file policy (oxcaller.h), it only
+  // creates a new file, never through a symbolic link, and the readers open regular files only.
   // False (nothing left open) when the file cannot be written, pStreams is empty or holds more
   // than kMaxStreams, or a stream has a non-positive size or more than kMaxFrameSize bytes.
   bool recordVideo(const std::string& pPath, unsigned int pPeriod,
@@ -58,6 +60,10 @@ class OXVideo {
   // no recording or of an unknown version, a bad stream table, or a corrupt frame. A last frame
   // cut short is left out; every complete frame before it replays.
   bool readVideo(const std::string& pPath);
+  // Like readVideo, but a corrupt frame ends the index instead of refusing the file, so that the
+  // frames before it can still be inspected or salvaged. False only when the file cannot be
+  // opened or its header is unusable. getProblem() says what was left out.
+  bool readVideoUpToDamage(const std::string& pPath);
   // The three readers fill pImage with one frame and move the cursor (see getCurrentImageNumber).
   // A failed read (nothing open, null image, index or stream out of range, a frame of no known
   // format, external pixels missing) returns false and changes neither the cursor nor the image.
@@ -71,7 +77,8 @@ class OXVideo {
   // + 1.
   bool getFrame(OXImage* pImage, int pIndex, int pStream, bool pFlag);
   // Closes the reader or the writer (flushing it). Safe to call at any time, any number of times.
-  void closeVideo();
+  // False only when the final flush of a recording failed (the last frames may be lost).
+  bool closeVideo();
 
   bool isReading() const { return fMode == Mode::kReading; }
   bool isRecording() const { return fMode == Mode::kRecording; }
@@ -91,6 +98,23 @@ class OXVideo {
   // The period given to recordVideo, stored unchanged.
   unsigned int getPeriod() const { return fPeriod; }
 
+  // Inspection of what the last readVideo or readVideoUpToDamage found.
+  // Why the file was refused, or what was left out of a file that was read (a frame cut short,
+  // a corrupt frame, an incomplete image); empty for a whole file.
+  const std::string& getProblem() const { return fProblem; }
+  // Complete frames indexed, of all streams together.
+  int getNumberOfFrames() const { return static_cast<int>(fFrameOffsets.size()); }
+  // Bytes of the file, and bytes after the last complete frame (0 for a whole file).
+  int64_t getFileSize() const { return fFileSize; }
+  int64_t getUnreadBytes() const;
+  // The header of image pIndex of stream pStream, without its pixels; the cursor does not move.
+  struct FrameInfo {
+    int32_t fSize;
+    int64_t fTimeStamp;
+    signed char fCameraId;
+  };
+  bool getFrameInfo(int pIndex, int pStream, FrameInfo& pInfo);
+
   // Bytes of the file header and of each frame header.
   static constexpr int kFileHeaderFixedSize = 16;
   static constexpr int kFrameHeaderSize = 36;
@@ -98,9 +122,12 @@ class OXVideo {
  private:
   enum class Mode { kClosed, kReading, kRecording };
 
+  bool open(const std::string& pPath, bool pUpToDamage);
+  // Reads and checks the header of record pRecord into fFrameHeader; false on any failure.
+  bool readRecordHeader(size_t pRecord);
   bool readRecord(OXImage* pImage, int pIndex, int pStream);
   bool seekTo(int64_t pOffset);
-  void closeFile();
+  bool closeFile();
 
   std::FILE* fFile;
   Mode fMode;
@@ -108,6 +135,10 @@ class OXVideo {
   std::vector<streamHeader> fStreams;
   // Reader: byte offset of every complete frame, in file order.
   std::vector<int64_t> fFrameOffsets;
+  // Reader: the file's length, and where its last complete frame ends.
+  int64_t fFileSize;
+  int64_t fIndexEnd;
+  std::string fProblem;
   // Writer: frames written so far.
   int64_t fRecordsWritten;
   // Where the file position is, or -1 when unknown; saves a seek on sequential reads.

@@ -3,11 +3,13 @@
 
 Starts a broker host on the default simulator configuration, feeds it with oxsim, runs three
 subscribers at once in different formats (PNG files under out/), records 50 raw frames with
-recordVideo, then replays the recording in a second broker configured for FileCam and grabs a few
-of its frames. Prints a summary and stops every process it started, whatever happens.
+recordVideo, then replays the recording in a second broker configured for FileCam, grabs a few of
+its frames, and exports the recording to out/recording.mp4 (out/recording.mkv where FFmpeg has no
+H.264 encoder) with oxv. Prints a summary and stops every process it started, whatever happens.
 """
 
 import argparse
+import json
 import os
 import re
 import signal
@@ -62,10 +64,11 @@ class Processes:
             log.close()
 
 
-def start_broker(processes, name, prefs, bindir):
-    """Starts oxbroker on a free loopback port and returns (process, host, port)."""
+def start_broker(processes, name, prefs, bindir, data):
+    """Starts oxbroker on a free loopback port, its clients' files in the folder data, and
+    returns (process, host, port)."""
     process = processes.start(name, [os.path.join(bindir, "oxbroker"), "--port", "0",
-                                     "--prefs", prefs, "--log-level", "3"],
+                                     "--prefs", prefs, "--data-dir", data, "--log-level", "3"],
                               stdout=subprocess.PIPE, text=True)
     line = process.stdout.readline()
     match = re.search(r"listening on tcp://([\d.]+):(\d+)", line)
@@ -79,7 +82,8 @@ def count_pngs(folder):
 
 
 def record(host, port, path):
-    """Subscribes a recorder and records RECORDED_FRAMES raw frames; returns the frames taken."""
+    """Subscribes a recorder and records RECORDED_FRAMES raw frames to path, a name in the
+    broker's data directory; returns the frames taken."""
     proxy = OXProxy("OXVideoDevice", host, port, name="mainjob-recorder")
     name = proxy.subscribeCamera("recorder", 0, VGA, KYUV422, 30)
     taken = 0
@@ -89,15 +93,38 @@ def record(host, port, path):
         deadline = time.monotonic() + 20
         # The recording takes a frame each time the subscriber takes a raw one.
         while taken < RECORDED_FRAMES and time.monotonic() < deadline:
+            # The remote form gives the raw frame back by itself.
             if proxy.getDirectRawImageRemote(name) is not None:
                 taken += 1
-                proxy.releaseDirectRawImage(name)
             time.sleep(1 / 30)
         proxy.stopVideo(name)
     finally:
         proxy.unsubscribe(name)
         proxy.close()
     return taken
+
+
+def export_recording(bindir, recording, out):
+    """Exports the recording to out/recording.mp4 where this FFmpeg encodes H.264, else to
+    out/recording.mkv; prints `oxv info` of the result and returns (path, frames)."""
+    oxv = os.path.join(bindir, "oxv")
+    formats = json.loads(subprocess.run([oxv, "formats", "--json"], capture_output=True,
+                                        text=True, check=True, timeout=30).stdout)
+    h264 = any(f["extension"] == ".mp4" and f["encoder"] == "libx264" for f in formats)
+    video = os.path.join(out, "recording.mp4" if h264 else "recording.mkv")
+    print("mainjob: exporting the recording to %s" % os.path.relpath(video, ROOT))
+    done = subprocess.run([oxv, "export", recording, video], capture_output=True, text=True,
+                          timeout=120)
+    if done.returncode != 0:
+        raise RuntimeError("oxv export failed: " + done.stderr.strip())
+    shown = subprocess.run([oxv, "info", os.path.relpath(video, ROOT)], capture_output=True,
+                           text=True, timeout=60, cwd=ROOT)
+    print(shown.stdout, end="")
+    summary = subprocess.run([oxv, "info", "--json", video], capture_output=True, text=True,
+                             timeout=60)
+    if shown.returncode != 0 or summary.returncode != 0:
+        raise RuntimeError("oxv info failed: " + shown.stderr.strip())
+    return video, json.loads(summary.stdout)[0]["streams"][0]["frames"]
 
 
 def main():
@@ -110,7 +137,7 @@ def main():
     logs = os.path.join(out, "logs")
     os.makedirs(logs, exist_ok=True)
     for entry in os.listdir(out):
-        if entry.endswith(".oxv"):
+        if entry.endswith(".oxv") or entry in ("recording.mp4", "recording.mkv"):
             os.remove(os.path.join(out, entry))
 
     processes = Processes(logs)
@@ -119,7 +146,7 @@ def main():
     try:
         print("mainjob: starting the broker host (SimulatorCam)")
         broker, host, port = start_broker(processes, "broker-simulator",
-                                          os.path.join(ROOT, "share", "preferences"), bindir)
+                                          os.path.join(ROOT, "share", "preferences"), bindir, out)
         url = "tcp://%s:%d" % (host, port)
         print("mainjob: broker listening on %s; starting oxsim (640x480 at 30 fps)" % url)
         processes.start("oxsim", [os.path.join(bindir, "oxsim"), "--url", url, "--size",
@@ -158,7 +185,7 @@ def main():
         recording = os.path.join(out, "recording.oxv")
         print("mainjob: recording %d raw frames to %s" % (RECORDED_FRAMES,
                                                             os.path.relpath(recording, ROOT)))
-        recorded = record(host, port, recording)
+        recorded = record(host, port, os.path.basename(recording))
         size = os.path.getsize(recording) if os.path.exists(recording) else 0
         summary.append(("recorder", "vga yuv422 raw", recorded, "-",
                         "%s (%d bytes)" % (os.path.relpath(recording, ROOT), size)))
@@ -171,9 +198,9 @@ def main():
         print("mainjob: replaying the recording in a second broker (FileCam)")
         _, host, port = start_broker(processes, "broker-filecam",
                                      os.path.join(ROOT, "share", "preferences", "filecam"),
-                                     bindir)
+                                     bindir, out)
         with OXProxy("OXVideoDevice", host, port, name="mainjob") as proxy:
-            proxy.setVideo(recording, None, True, 0, 0)
+            proxy.setVideo(os.path.basename(recording), None, True, 0, 0)
         folder = os.path.join(out, "replay-rgb")
         os.makedirs(folder, exist_ok=True)
         for stale in os.listdir(folder):
@@ -188,6 +215,12 @@ def main():
         if grab.returncode != 0 or written != 5:
             failed = True
             print(grab.stdout + grab.stderr)
+
+        video, exported = export_recording(bindir, recording, out)
+        summary.append(("export", os.path.splitext(video)[1][1:] + " video", exported, "-",
+                        "%s (%d bytes)" % (os.path.relpath(video, ROOT), os.path.getsize(video))))
+        if exported != recorded:
+            failed = True
     except (OXError, RuntimeError, OSError, subprocess.TimeoutExpired) as error:
         print("mainjob: failed: %s" % error)
         failed = True

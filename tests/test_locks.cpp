@@ -112,6 +112,37 @@ TEST(OXMutexRWTest, ReaderReentersWhileWriterWaits) {
   EXPECT_TRUE(state->writerCameAfterReader.load());
 }
 
+// A later writer overtook a reader that was already waiting: one client that kept calling a slow
+// method held every other client's device calls for as long as it kept calling.
+TEST(OXMutexRWTest, LaterWriterDoesNotOvertakeAWaitingReader) {
+  Lock lock = OX::OXMutexRW::createOXMutexRW();
+  auto turns = std::make_shared<std::atomic<int>>(0);
+  auto readerTurn = std::make_shared<std::atomic<int>>(0);
+  auto writerTurn = std::make_shared<std::atomic<int>>(0);
+  auto inLine = [&](int pCount) {
+    const auto deadline = std::chrono::steady_clock::now() + 2s;
+    while (lock->waiting() != pCount && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::yield();
+    return lock->waiting() == pCount;
+  };
+  lock->lockWrite();
+  Attempt reader([lock, turns, readerTurn] {
+    OX::OXCriticalSectionRead hold(lock);
+    *readerTurn = ++*turns;
+  });
+  ASSERT_TRUE(inLine(1));
+  Attempt writer([lock, turns, writerTurn] {
+    OX::OXCriticalSectionWrite hold(lock);
+    *writerTurn = ++*turns;
+  });
+  ASSERT_TRUE(inLine(2));
+  lock->unlockWrite();
+  EXPECT_TRUE(reader.finishes());
+  EXPECT_TRUE(writer.finishes());
+  EXPECT_EQ(readerTurn->load(), 1);
+  EXPECT_EQ(writerTurn->load(), 2);
+}
+
 // Writers must exclude readers and each other: no lost increment and no torn read.
 TEST(OXMutexRWTest, WritersExcludeReadersAndWriters) {
   struct State {

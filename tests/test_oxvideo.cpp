@@ -103,6 +103,13 @@ TEST_F(OXVideoTest, FiftyFramesOfOneStreamReplayExactly) {
   for (int r = 0; r < 50; ++r) expectNext(r);
   EXPECT_FALSE(fVideo.getNextFrame(&fImage, false));
   EXPECT_EQ(fVideo.getCurrentImageNumber(), 50);
+  // Frame headers alone, without moving the cursor.
+  OXVideo::FrameInfo info{};
+  ASSERT_TRUE(fVideo.getFrameInfo(7, 0, info));
+  EXPECT_EQ(std::make_tuple(info.fSize, info.fTimeStamp, int(info.fCameraId)),
+            std::make_tuple(kQQVGAGrey, int64_t(1007), 0));
+  EXPECT_FALSE(fVideo.getFrameInfo(50, 0, info));
+  EXPECT_EQ(fVideo.getCurrentImageNumber(), 50);
 }
 
 // Guards against frames of interleaved streams being attributed to the wrong stream or image.
@@ -181,6 +188,10 @@ TEST_F(OXVideoTest, FileCutShortReplaysEveryCompleteFrame) {
     }
     EXPECT_EQ(video.getNumberOfImages(), std::max(images, 0));
     EXPECT_FALSE(video.getNextFrame(&fImage, false));
+    // What was left out is told, so that tools can report a damaged file.
+    const int64_t unread = images < 0 ? 0 : cut - kHeader1 - images * kFrame;
+    EXPECT_EQ(video.getUnreadBytes(), unread);
+    EXPECT_EQ(video.getProblem().empty(), images >= 0 && unread == 0) << video.getProblem();
   }
 }
 
@@ -199,7 +210,8 @@ TEST_F(OXVideoTest, GarbageEmptyAndCorruptFilesAreRefused) {
   record(fDir.file("good.oxv"), {kGrey}, 6);
   const std::string good = readBytes(fDir.file("good.oxv"));
   // Offset in the file, replacement byte: version, stream count (0 and 17), stream width, a
-  // frame marker in the middle, a frame size made negative and made too large.
+  // frame marker in the middle, a frame size made negative and made too large. Damage to a frame
+  // leaves the images before it to readVideoUpToDamage.
   for (const auto& [offset, byte] :
        {P{4, 2}, P{12, 0}, P{12, 17}, P{16, 0}, P{kHeader1 + 3 * kFrame + 1, 'Y'},
         P{kHeader1 + 2 * kFrame + 7, '\x80'}, P{kHeader1 + 2 * kFrame + 7, '\x10'}}) {
@@ -209,6 +221,15 @@ TEST_F(OXVideoTest, GarbageEmptyAndCorruptFilesAreRefused) {
     EXPECT_FALSE(fVideo.readVideo(fDir.file("bad.oxv"))) << "byte " << offset;
     EXPECT_FALSE(fVideo.isReading());
     EXPECT_EQ(fVideo.getNumberOfStreams(), 0);
+    EXPECT_FALSE(fVideo.getProblem().empty());
+    const int damaged = offset < kHeader1 ? -1 : (offset - kHeader1) / kFrame;
+    EXPECT_EQ(fVideo.readVideoUpToDamage(fDir.file("bad.oxv")), damaged >= 0);
+    if (damaged < 0) continue;
+    EXPECT_EQ(fVideo.getNumberOfImages(), damaged);
+    EXPECT_EQ(fVideo.getProblem(),
+              "corrupt frame at byte " + std::to_string(kHeader1 + damaged * kFrame));
+    ASSERT_TRUE(fVideo.getFrame(&fImage, damaged - 1, 0, false));
+    expectRecord(fImage, damaged - 1);
   }
   EXPECT_TRUE(fVideo.readVideo(fDir.file("good.oxv")));
   EXPECT_EQ(fVideo.getNumberOfImages(), 6);

@@ -1,20 +1,11 @@
 // The broker host in its own process, driven through the remote OXProxy and through raw
-// ZeroMQ messages: results, errors and introspection arrive as they would in-process, calls run
-// concurrently, and nothing a client sends brings the host down.
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
+// ZeroMQ messages: results, errors and introspection arrive as they would in-process, every
+// refusal is answered under the request's id, and a client carries on across a reconnection.
+#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
-#include <zmq.hpp>
 
+#include "brokerprocess.h"
 #include "oxbroker.h"
 #include "oxwire.h"
 #include "simulatorsupport.h"
@@ -24,59 +15,8 @@ namespace {
 
 using OX::OXProxy;
 using OX::OXValue;
-
-// oxbroker started on a free loopback port; stopped with SIGTERM, which must end it cleanly.
-class BrokerProcess {
- public:
-  explicit BrokerProcess(std::vector<std::string> pOptions = {}) {
-    std::vector<std::string> args = {std::string(VI_PROGRAM_DIR) + "/oxbroker", "--port", "0",
-                                     "--log-level", "-1"};
-    args.insert(args.end(), pOptions.begin(), pOptions.end());
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    int pipeFds[2];
-    EXPECT_EQ(pipe(pipeFds), 0);
-    const pid_t parent = getpid();
-    fPid = fork();
-    if (fPid == 0) {
-      // The broker must not outlive a test that dies: it would keep the test's output open.
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      if (getppid() != parent) _exit(1);
-      dup2(pipeFds[1], 1);
-      close(pipeFds[0]);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(pipeFds[1]);
-    fOutput = pipeFds[0];
-    // The first line says where it listens.
-    std::string line;
-    char c;
-    pollfd ready{fOutput, POLLIN, 0};
-    while (line.find('\n') == std::string::npos && poll(&ready, 1, 10000) > 0 &&
-           read(fOutput, &c, 1) == 1) {
-      line += c;
-    }
-    const std::string prefix = "oxbroker: listening on tcp://127.0.0.1:";
-    EXPECT_EQ(line.rfind(prefix, 0), 0u) << line;
-    fPort = std::atoi(line.c_str() + prefix.size());
-  }
-  ~BrokerProcess() {
-    kill(fPid, SIGTERM);
-    int status = 0;
-    waitpid(fPid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-    close(fOutput);
-  }
-  int port() const { return fPort; }
-  std::string url() const { return "tcp://127.0.0.1:" + std::to_string(fPort); }
-
- private:
-  pid_t fPid = -1;
-  int fOutput = -1;
-  int fPort = 0;
-};
+using vitest::BrokerProcess;
+using vitest::RawClient;
 
 OXValue uniformFrame(int pWidth, int pHeight) {
   std::vector<unsigned char> rgb(static_cast<size_t>(pWidth) * pHeight * 3);
@@ -137,81 +77,86 @@ TEST(Remote, CallsErrorsAndIntrospectionMatchInProcess) {
             "no module named Nope is registered with broker oxbroker");
 }
 
-TEST(Remote, SlowCallsHoldOneWorkerOnly) {
-  BrokerProcess broker;
-  OXProxy setup("OXVideoDevice", "127.0.0.1", broker.port());
-  // Camera 1 never gets a frame: asking for one waits for the first frame until it gives up.
-  setup.genericCall("subscribeCamera", OXValue::array({"slow", 1, 0, 11, 30}));
-
-  std::atomic<bool> slowDone{false};
-  std::thread slow([&] {
-    OXProxy proxy("OXVideoDevice", "127.0.0.1", broker.port());
-    proxy.genericCall("getImageRemote", OXValue::array({"slow"}));
-    slowDone = true;
-  });
-  // Meanwhile other clients are served by other workers.
-  std::vector<std::thread> fast;
-  std::atomic<int> served{0};
-  for (int t = 0; t < 4; ++t) {
-    fast.emplace_back([&] {
-      OXProxy proxy("OXMemory", "127.0.0.1", broker.port());
-      for (int i = 0; i < 5; ++i) {
-        proxy.genericCall("insertData", OXValue::array({"key", i}));
-        if (proxy.genericCall("getData", OXValue::array({"key"})).isInt()) ++served;
-      }
-    });
+// A refusal under id -1, or under another request's id, would be taken by a pipelining client
+// as the answer to the wrong request; a refusal must also cost the host nothing.
+TEST(Remote, EveryRefusalIsAnsweredUnderItsRequestsId) {
+  BrokerProcess broker({"--max-message", "100000", "--max-frames", "4", "--max-in-flight", "4"});
+  RawClient raw(broker.url());
+  auto header = [](const OXValue& pHeader) {
+    OX::wire::Encoded encoded;
+    OX::wire::encode(pHeader, encoded);
+    return encoded.fHeader;
+  };
+  const std::string big(60000, 'x');
+  struct Case {
+    std::vector<std::string> frames;
+    int id;
+    std::string description;
+  };
+  const std::vector<Case> cases = {
+      {{header(OXValue::array({1, 11, "call", "OXMemory", "getData", OXValue::array({"k"})}))},
+       11,
+       "unknown session: say hello first"},
+      {{header(OXValue::array({1, 12, "hello", "raw", OXValue()}))}, 12, ""},
+      {{"\x93\x01\x0d"}, 13, "malformed message: truncated header"},
+      {{header(OXValue::array({1, 14, "ping"})), "a", "b", "c", "d"},
+       14,
+       "message too large: more than 4 frames"},
+      {{header(OXValue::array({1, 15, "ping"})), big, big},
+       15,
+       "message too large: more than 100000 bytes (each frame counts 64 more)"},
+      {{header(OXValue::array({2, 16, "ping"}))},
+       16,
+       "unsupported protocol version 2 (this broker speaks 1)"},
+      {{header(OXValue::array({1, 17, "dance"}))}, 17, "unknown operation \"dance\""},
+      {{header(OXValue::array({1, 18, "call", "OXVideoDevice", "getFrameRate", 5}))},
+       18,
+       "the arguments of getFrameRate must be an array"},
+      {{header(OXValue::array({1, 19, "hello", 3}))}, 19, "operand 0 of hello must be a string"},
+  };
+  for (const Case& c : cases) {
+    raw.sendFrames(c.frames);
+    const OXValue reply = raw.receive();
+    ASSERT_TRUE(reply.isArray()) << "no reply to request " << c.id;
+    EXPECT_EQ(reply[1], OXValue(c.id));
+    if (c.description.empty()) {
+      EXPECT_EQ(reply[2], OXValue("ok"));
+    } else {
+      EXPECT_EQ(reply[3][2], OXValue(c.description)) << "request " << c.id;
+    }
   }
-  for (std::thread& thread : fast) thread.join();
-  EXPECT_EQ(served, 20);
-  EXPECT_FALSE(slowDone) << "the fast calls waited for the slow one";
-  slow.join();
+
+  // Over the in-flight bound: a call waiting for a first frame that never comes (camera 1 is
+  // never fed) holds the connection's lane, three more wait behind it, the fifth is refused.
+  raw.send(20, "call",
+           {"OXVideoDevice", "subscribeCamera", OXValue::array({"slow", 1, 0, 11, 30})});
+  EXPECT_EQ(raw.receive()[3], OXValue("slow"));
+  raw.send(21, "call", {"OXVideoDevice", "getImageRemote", OXValue::array({"slow"})});
+  for (int id = 22; id <= 25; ++id) raw.send(id, "ping");
+  std::vector<int> order;
+  for (int i = 0; i < 5; ++i) {
+    const OXValue reply = raw.receive();
+    ASSERT_TRUE(reply.isArray()) << testing::PrintToString(order);
+    order.push_back(reply[1].asInt());
+    if (reply[1] == OXValue(25)) {
+      EXPECT_EQ(reply[3][2], OXValue("too many requests in flight: at most 4 per connection"));
+    }
+  }
+  EXPECT_EQ(order, (std::vector<int>{25, 21, 22, 23, 24}));  // the refusal first, then in order
 }
 
-TEST(Remote, BadInputGetsAnErrorReplyAndHarmsNobody) {
-  BrokerProcess broker({"--max-message", "100000"});
-  zmq::context_t context;
-  zmq::socket_t raw(context, zmq::socket_type::dealer);
-  raw.set(zmq::sockopt::linger, 0);
-  raw.set(zmq::sockopt::rcvtimeo, 10000);
-  raw.connect(broker.url());
-  auto answer = [&](std::vector<std::string> pFrames) {
-    for (size_t i = 0; i < pFrames.size(); ++i) {
-      raw.send(zmq::buffer(pFrames[i]),
-               i + 1 < pFrames.size() ? zmq::send_flags::sndmore : zmq::send_flags::none);
-    }
-    std::vector<zmq::message_t> reply;
-    do {
-      reply.emplace_back();
-      EXPECT_TRUE(raw.recv(reply.back()).has_value());
-    } while (reply.back().more());
-    const OXValue value = OX::wire::decode({{reply[0].data(), reply[0].size()}});
-    EXPECT_EQ(value[2], OXValue("error"));
-    return value[3][2].asString();
-  };
-  EXPECT_EQ(answer({"\x92\x01"}), "malformed message: truncated header");
-  EXPECT_EQ(answer({std::string(200000, 'x')}), "message too large: more than 100000 bytes");
-  OX::wire::Encoded encoded;
-  OX::wire::encode(OXValue::array({1, 7, "hello"}), encoded);
-  EXPECT_EQ(answer({encoded.fHeader}), "operand 0 of hello must be a string");
-  OX::wire::encode(OXValue::array({2, 7, "ping"}), encoded);
-  EXPECT_EQ(answer({encoded.fHeader}), "unsupported protocol version 2 (this broker speaks 1)");
-  OX::wire::encode(OXValue::array({1, 7, "dance"}), encoded);
-  EXPECT_EQ(answer({encoded.fHeader}), "unknown operation \"dance\"");
-  OX::wire::encode(OXValue::array({1, 7, "call", "OXVideoDevice", "getFrameRate", 5}), encoded);
-  EXPECT_EQ(answer({encoded.fHeader}), "the arguments of getFrameRate must be an array");
-
-  // A client that never reads its replies, and one that vanishes mid-message, stall nobody.
-  {
-    zmq::socket_t deaf(context, zmq::socket_type::dealer);
-    deaf.set(zmq::sockopt::linger, 0);
-    deaf.connect(broker.url());
-    OX::wire::encode(OXValue::array({1, 1, "ping"}), encoded);
-    for (int i = 0; i < 200; ++i)
-      deaf.send(zmq::buffer(encoded.fHeader), zmq::send_flags::dontwait);
-    deaf.send(zmq::str_buffer("partial"), zmq::send_flags::sndmore);
-  }
-  OXProxy proxy("OXVideoDevice", "127.0.0.1", broker.port());
-  EXPECT_EQ(proxy.genericCall("getActiveCamera", OXValue()), OXValue(0));
+// A client whose connection was made again (here: the broker restarted on its port) has a new
+// routing identity; without a new hello its calls would all fail, or run without a session.
+TEST(Remote, ClientIntroducesItselfAgainAfterItsConnectionIsMadeAgain) {
+  auto broker = std::make_unique<BrokerProcess>();
+  const std::string port = std::to_string(broker->port());
+  OXProxy proxy("OXMemory", "127.0.0.1", broker->port());
+  proxy.genericCall("insertData", OXValue::array({"key", 1}));
+  broker.reset();
+  broker = std::make_unique<BrokerProcess>(std::vector<std::string>{"--port", port});
+  EXPECT_EQ(proxy.genericCall("getData", OXValue::array({"key"})), OXValue());  // a new memory
+  proxy.genericCall("insertData", OXValue::array({"key", 2}));
+  EXPECT_EQ(proxy.genericCall("getData", OXValue::array({"key"})), OXValue(2));
 }
 
 }  // namespace

@@ -65,7 +65,7 @@ TEST(Wire, MalformedMessagesAreRefused) {
       {"\xc1"s, {}, "malformed message: parse error"},
       {"\x92\x01"s, {}, "malformed message: truncated header"},
       {"\x01\x02"s, {}, "malformed message: bytes after the header"},
-      {"\x81\x01\x02"s, {}, "malformed message: map size overflow"},
+      {"\x81\x01\x02"s, {}, "malformed message: a map, which no OXValue is"},
       {"\xce\x80\x00\x00\x00"s, {}, "malformed message: integer 2147483648 out of range"},
       {"\xd3\xff\xff\xff\xff\x7f\xff\xff\xff"s,
        {},
@@ -75,8 +75,16 @@ TEST(Wire, MalformedMessagesAreRefused) {
       {"\x01"s, {"x"}, "malformed message: frame 1 is not referenced"},
       {"\xd6\x02\x00\x00\x00\x01"s, {"x"}, "malformed message: unknown extension type 2"},
       // An array that claims more elements than the header has bytes.
-      {"\xdd\x00\x10\x00\x00\x01"s, {}, "malformed message: array size overflow"},
-      {std::string(200, '\x91') + "\x01"s, {}, "malformed message: depth size overflow"},
+      {"\xdd\x00\x10\x00\x00\x01"s,
+       {},
+       "malformed message: 1048576 elements in a header of 6 bytes"},
+      {std::string(200, '\x91') + "\x01"s, {}, "malformed message: nested deeper than 64"},
+      // Nils cost a byte each on the wire but an OXValue each decoded: past the budget of the
+      // message's size, nothing is allocated.
+      {"\xdd\x00\x00\x20\x00"s + std::string(8192, '\xc0'),
+       {},
+       "message too large: decoding it needs more than its budget of 4352 elements and 278538 "
+       "bytes"},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(decodeError(c.header, c.frames), c.error) << testing::PrintToString(c.header);
@@ -84,6 +92,28 @@ TEST(Wire, MalformedMessagesAreRefused) {
   EXPECT_EQ(decodeError("\x01", {}, 0), "message too large: 1 bytes (limit 0)");
   EXPECT_EQ(vitest::raised([] { wire::decode({}); }).getDescription(),
             "malformed message: no frames");
+}
+
+// A request refused before it is decoded must still be answered under its own id.
+TEST(Wire, RequestStartIsReadWithoutDecodingTheRest) {
+  struct Case {
+    std::string header;
+    int id;
+    std::string operation;
+  };
+  const std::vector<Case> cases = {
+      {"\x94\x01\x07\xa4" "call\xc1"s, 7, "call"},  // the rest is not even MessagePack
+      {"\x93\x01\xd2\xff\xff\xff\xfe\xa5hello"s, -2, "hello"},
+      {"\x93\x01\xce\x80\x00\x00\x00\xa4ping"s, -1, "ping"},  // an id out of range
+      {"\x93\x91\x01\x07\xa4ping"s, -1, ""},                  // a nested array first
+      {"\x92\x01"s, -1, ""},
+      {"\x07"s, -1, ""},
+  };
+  for (const Case& c : cases) {
+    const wire::RequestStart start = wire::peekRequest({c.header.data(), c.header.size()});
+    EXPECT_EQ(start.fId, c.id) << testing::PrintToString(c.header);
+    EXPECT_EQ(start.fOperation, c.operation) << testing::PrintToString(c.header);
+  }
 }
 
 TEST(Wire, ErrorRepliesCarryTheFiveFields) {

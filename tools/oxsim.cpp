@@ -1,5 +1,6 @@
 // oxsim: feeds the device's simulated camera with frames through its published putImage, at a
-// steady rate: a drawn scene a person can recognise, or the PNG files of a folder.
+// steady rate: a drawn scene a person can recognise, the PNG files of a folder, or any video that
+// FFmpeg reads.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -15,6 +16,8 @@
 #include "oxerror.h"
 #include "oxtypes.h"
 #include "oxvalue.h"
+#include "media.h"
+#include "recordings.h"
 #include "toolcommandline.h"
 #include "toolimage.h"
 #include "toolsupport.h"
@@ -33,7 +36,9 @@ const char* const kAbout =
     "The default scene: a gradient, a bouncing red disc, a sliding blue square and the frame\n"
     "number in big digits. The device takes 160x120, 320x240, 640x480 and 1280x960 only.\n"
     "With --png-dir, the .png files of DIR are sent in name order, looping; all must have one\n"
-    "of those sizes, the same for every file. Prints the frames pushed and the rate achieved\n"
+    "of those sizes, the same for every file. With --input, the frames of any video FFmpeg\n"
+    "reads, scaled to the nearest of those sizes (or --size), at the video's own pace (or\n"
+    "--fps), once or with --loop over and over. Prints the frames pushed and the rate achieved\n"
     "every second unless --quiet. Exit status: 0 done or stopped, 1 bad command line or\n"
     "unusable PNG folder, 2 error from the broker or the device, or every frame refused.";
 
@@ -41,7 +46,8 @@ const char* const kEpilog =
     "examples:\n"
     "  oxsim --size 320x240 --fps 15\n"
     "  oxsim --frames 100 --quiet\n"
-    "  oxsim --url tcp://robot.local:7761 --camera 1 --png-dir ./frames";
+    "  oxsim --url tcp://robot.local:7761 --camera 1 --png-dir ./frames\n"
+    "  oxsim --input walk.mp4 --loop";
 
 void checkAccepted(int pWidth, int pHeight, const std::string& pWhat) {
   // The simulated camera takes exactly the sizes of the four resolutions.
@@ -171,17 +177,22 @@ std::vector<std::string> pngFiles(const std::string& pFolder, int& pWidth, int& 
 
 struct Options {
   std::string url = oxtools::kDefaultUrl;
+  OX::ConnectOptions keys;  // --server-key, --client-key
   int camera = 0;
   std::string size = "640x480";
   double fps = 30;
   int frames = 0;  // 0: until stopped
   std::string pngDir;
+  std::string input;  // a video file
+  bool loop = false;
   bool quiet = false;
-  bool sizeGiven = false;  // --size must then match the PNG files
+  bool sizeGiven = false;  // --size must then match the PNG files, or is the video's size
+  bool fpsGiven = false;   // a video then goes at --fps rather than at its own pace
 };
 
 void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   pLine.addUrl(pOptions.url);
+  pLine.addKeyOptions(pOptions.keys);
   pLine.addNumber("--camera", pOptions.camera, "N", "camera index", 0, 127);
   pLine.add_option("--size", pOptions.size, "frame size of the drawn scene")
       ->type_name("WxH")
@@ -202,18 +213,83 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions) {
       .addNumber("--frames", pOptions.frames, "N", "stop after N frames", 1,
                  std::numeric_limits<int>::max())
       ->default_str("run until stopped");
-  pLine.add_option("--png-dir", pOptions.pngDir, "send the PNG files of DIR instead of the scene")
-      ->type_name("DIR")
-      ->check(oxtools::kNonEmpty);
+  CLI::Option* pngDir = pLine
+                            .add_option("--png-dir", pOptions.pngDir,
+                                        "send the PNG files of DIR instead of the scene")
+                            ->type_name("DIR")
+                            ->check(oxtools::kNonEmpty);
+  CLI::Option* input =
+      pLine
+          .add_option("--input", pOptions.input,
+                      "send the frames of a video instead of the scene, scaled to the nearest "
+                      "size the device takes, at the video's own pace unless --fps is given")
+          ->type_name("VIDEO")
+          ->check(oxtools::kNonEmpty)
+          ->excludes(pngDir);
+  pLine.add_flag("--loop", pOptions.loop, "start the video again at its end")->needs(input);
   pLine.add_flag("--quiet", pOptions.quiet, "print nothing but errors");
   pLine.addLogOptions();
 }
 
-// The frames to send: the drawn scene, or the PNG files of --png-dir in turn.
+// The frames of a video, decoded and scaled to the size the device takes that is nearest to the
+// video's (or --size), with their times: the video's own, or those of --fps.
+class VideoSource {
+ public:
+  explicit VideoSource(const Options& pOptions)
+      : fReader(pOptions.input), fLoop(pOptions.loop), fOwnPace(!pOptions.fpsGiven) {
+    if (pOptions.sizeGiven) {
+      oxtools::parseSize(pOptions.size, fImage.fWidth, fImage.fHeight);
+      checkAccepted(fImage.fWidth, fImage.fHeight, "--size");
+    } else {
+      OX::setSizeFromResolution(oxmedia::nearestResolution(fReader.width(), fReader.height()),
+                                fImage.fWidth, fImage.fHeight);
+    }
+    fImage.fPixels.resize(
+        oxmedia::frameBytes(oxmedia::Layout::kRGB, fImage.fWidth, fImage.fHeight));
+  }
+
+  int width() const { return fImage.fWidth; }
+  int height() const { return fImage.fHeight; }
+
+  // The next frame, null at the end of a video that does not loop. pSeconds holds the frame's
+  // time by --fps; at the video's own pace it becomes the video's time, running on across loops.
+  const RgbImage* next(double& pSeconds) {
+    int64_t time = 0;
+    if (!fReader.next(fImage.fPixels.data(), width(), height(), oxmedia::Layout::kRGB, time)) {
+      if (!fLoop || fPerPass == 0) return nullptr;
+      // A pass lasts up to its last frame and one interval more.
+      fOffset += fLastTime + (fPerPass > 1 ? fLastTime / (fPerPass - 1) : 0);
+      fReader.rewind();
+      fPerPass = 0;
+      if (!fReader.next(fImage.fPixels.data(), width(), height(), oxmedia::Layout::kRGB, time)) {
+        return nullptr;
+      }
+    }
+    ++fPerPass;
+    fLastTime = time;
+    if (fOwnPace) pSeconds = static_cast<double>(fOffset + time) / 1e6;
+    return &fImage;
+  }
+
+ private:
+  oxmedia::VideoReader fReader;
+  bool fLoop;
+  bool fOwnPace;
+  RgbImage fImage;
+  int64_t fOffset = 0;    // microseconds of the passes before this one
+  int64_t fLastTime = 0;  // time of the last frame read in this pass
+  int64_t fPerPass = 0;   // frames read in this pass
+};
+
+// The frames to send: the drawn scene, the PNG files of --png-dir in turn, or a video's frames.
 class FrameSource {
  public:
   explicit FrameSource(const Options& pOptions) : fRate(pOptions.fps) {
-    if (!pOptions.pngDir.empty()) {
+    if (!pOptions.input.empty()) {
+      fVideo = std::make_unique<VideoSource>(pOptions);
+      fWidth = fVideo->width();
+      fHeight = fVideo->height();
+    } else if (!pOptions.pngDir.empty()) {
       fFiles = pngFiles(pOptions.pngDir, fWidth, fHeight);
       int width = 0;
       int height = 0;
@@ -231,14 +307,18 @@ class FrameSource {
   int width() const { return fWidth; }
   int height() const { return fHeight; }
 
-  const RgbImage& frame(long long pNumber) {
-    if (fFiles.empty()) return fScene->draw(static_cast<double>(pNumber) / fRate, pNumber);
+  // Frame pNumber and its time in seconds from the first; null when a video has ended.
+  const RgbImage* frame(long long pNumber, double& pSeconds) {
+    pSeconds = static_cast<double>(pNumber) / fRate;
+    if (fVideo) return fVideo->next(pSeconds);
+    if (fFiles.empty()) return &fScene->draw(pSeconds, pNumber);
     fLoaded = oxtools::readPng(fFiles[static_cast<size_t>(pNumber) % fFiles.size()]);
-    return fLoaded;
+    return &fLoaded;
   }
 
  private:
   double fRate;
+  std::unique_ptr<VideoSource> fVideo;
   int fWidth = 0;
   int fHeight = 0;
   std::vector<std::string> fFiles;
@@ -246,26 +326,31 @@ class FrameSource {
   RgbImage fLoaded;
 };
 
-// Pushes frames on a steady schedule and keeps the numbers of the reports.
+// Pushes frames on the schedule of their times and keeps the numbers of the reports.
 class Pusher {
  public:
   Pusher(const Options& pOptions, FrameSource& pSource, boost::shared_ptr<OX::OXProxy> pProxy)
-      : fOptions(pOptions),
-        fSource(pSource),
-        fProxy(std::move(pProxy)),
-        fPeriod(std::chrono::duration_cast<Clock::duration>(
-            std::chrono::duration<double>(1.0 / pOptions.fps))) {}
+      : fOptions(pOptions), fSource(pSource), fProxy(std::move(pProxy)) {}
 
-  // One frame pushed, reported and paced. False once --frames are sent or a stop came.
+  // One frame paced, pushed and reported. False once --frames are sent, the video has ended, or
+  // a stop came.
   bool step() {
-    push(fSource.frame(fFrame));
+    double seconds = 0.0;
+    const RgbImage* image = fSource.frame(fFrame, seconds);
+    if (image == nullptr) return false;
+    // The interval since the frame before; after a stall the schedule restarts from now instead
+    // of bursting to catch up.
+    const Clock::duration interval = std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(std::max(0.0, seconds - fLastSeconds)));
+    fLastSeconds = seconds;
+    fNext += interval;
+    if (fNext + interval < Clock::now()) fNext = Clock::now();
+    if (!oxtools::sleepUntil(fNext)) return false;
+    push(*image);
     const Clock::time_point now = Clock::now();
     if (!fOptions.quiet && now - fLastReport >= std::chrono::seconds(1)) report(now);
-    // A steady schedule; after a stall it restarts from now instead of bursting to catch up.
-    fNext += fPeriod;
-    if (fNext + fPeriod < now) fNext = now;
     ++fFrame;
-    return (fOptions.frames == 0 || fFrame < fOptions.frames) && oxtools::sleepUntil(fNext);
+    return fOptions.frames == 0 || fFrame < fOptions.frames;
   }
 
   void printSummary() const {
@@ -309,7 +394,7 @@ class Pusher {
   const Options& fOptions;
   FrameSource& fSource;
   boost::shared_ptr<OX::OXProxy> fProxy;
-  const Clock::duration fPeriod;
+  double fLastSeconds = 0.0;
   const Clock::time_point fStart = Clock::now();
   Clock::time_point fNext = fStart;
   Clock::time_point fLastReport = fStart;
@@ -322,8 +407,9 @@ class Pusher {
 int run(const Options& pOptions) {
   FrameSource source(pOptions);
   oxtools::installStopHandler();
-  Pusher pusher(pOptions, source,
-                oxtools::connectModule(pOptions.url, oxtools::kDeviceModule, kProgram));
+  Pusher pusher(
+      pOptions, source,
+      oxtools::connectModule(pOptions.url, oxtools::kDeviceModule, kProgram, pOptions.keys));
   oxtools::repeatUntilStopped([&pusher] { return pusher.step(); });
   pusher.printSummary();
   return pusher.exitCode();
@@ -337,6 +423,7 @@ int main(int argc, char** argv) {
   declare(line, options);
   return line.run(argc, argv, [&] {
     options.sizeGiven = line.count("--size") > 0;
+    options.fpsGiven = line.count("--fps") > 0;
     return run(options);
   });
 }

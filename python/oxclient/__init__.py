@@ -27,7 +27,7 @@ import time
 
 import zmq
 
-from . import _wire
+from . import _keys, _wire
 from ._error import OXError
 
 __all__ = ["OXProxy", "OXError", "describe", "describe_from_value", "image_to_numpy"]
@@ -38,8 +38,16 @@ DEFAULT_PORT = 7761
 _BYE_TIMEOUT_MS = 1000
 
 
+# The broker's answer to a request of a connection that has no session: ZeroMQ reconnected by
+# itself after the connection dropped, under an identity the broker does not know.
+_UNKNOWN_SESSION = "unknown session: say hello first"
+
+
 def _default_client_name():
-    return os.path.basename(sys.argv[0]) if sys.argv and sys.argv[0] else "python"
+    """The program's name and the process id: two processes never share a name by accident, and
+    the broker announces one's end only when its last session ends."""
+    program = os.path.basename(sys.argv[0]) if sys.argv and sys.argv[0] else "python"
+    return "%s-%d" % (program or "python", os.getpid())
 
 
 class OXProxy:
@@ -50,20 +58,29 @@ class OXProxy:
 
     A proxy is not thread-safe: it sends one request and waits for its reply on a socket of its
     own. Threads that call at the same time should each make their own proxy.
+
+    With ``server_key`` (the broker's NAME.pub) and ``client_key`` (this client's NAME.key, both
+    made by oxkeygen) the connection is encrypted with CURVE; a broker that does not admit the
+    key never answers (see docs/security.md).
     """
 
     def __init__(self, module, host="127.0.0.1", port=DEFAULT_PORT, name=None,
-                 timeout_ms=30000):
+                 timeout_ms=30000, server_key=None, client_key=None):
         self._socket = None
         self.module = module
         self.url = "tcp://%s:%d" % (host, port)
         self.name = _default_client_name() if name is None else name
         self.timeout_ms = timeout_ms
-        self._ids = itertools.count(1)
+        self._ids = itertools.count(1)  # id 0 is the broker's own
         socket = zmq.Context.instance().socket(zmq.DEALER)
         socket.setsockopt(zmq.LINGER, 0)
-        socket.connect(self.url)
         self._socket = socket
+        try:
+            _keys.use_curve(socket, server_key, client_key)
+        except BaseException:
+            self._close_socket()
+            raise
+        socket.connect(self.url)
         try:
             self.broker_name, self.modules_at_hello = self._request("hello", self.name, module)
         except BaseException:
@@ -160,6 +177,18 @@ class OXProxy:
         request_id = next(self._ids)
         # Encoding first: a value the broker would refuse never leaves this process.
         frames = _wire.encode([_wire.PROTOCOL_VERSION, request_id, op] + list(operands))
+        try:
+            return self._exchange(op, request_id, frames, what, timeout_ms)
+        except OXError as error:
+            unknown = error.module == "OXBroker" and error.description == _UNKNOWN_SESSION
+            if not unknown or op in ("hello", "bye"):
+                raise
+        # The broker ended the session of the dropped connection; the request was not run, so it
+        # is sent once more after a new hello.
+        self._request("hello", self.name, self.module)
+        return self._exchange(op, request_id, frames, what, timeout_ms)
+
+    def _exchange(self, op, request_id, frames, what, timeout_ms):
         self._socket.send_multipart(frames, copy=False)
         timeout_ms = self.timeout_ms if timeout_ms is None else timeout_ms
         deadline = time.monotonic() + timeout_ms / 1000.0
@@ -176,9 +205,9 @@ class OXProxy:
             if version != _wire.PROTOCOL_VERSION:
                 raise OXError("OXProxy", "decode",
                               "unsupported protocol version %r in a reply" % (version,))
-            # One request is in flight at a time, so an error about an unreadable id is ours;
-            # any other id is a late reply to a request that timed out.
-            if reply_id != request_id and not (reply_id == -1 and status == "error"):
+            # Any other id is a late reply to a request that timed out, or the broker asking
+            # whether this connection is still there (id 0).
+            if reply_id != request_id:
                 continue
             if status == "ok":
                 return result

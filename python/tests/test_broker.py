@@ -153,52 +153,90 @@ class TestIntrospection:
 CHILD = r"""
 import sys
 from oxclient import OXProxy
-port, client, subscriber = int(sys.argv[1]), sys.argv[2], sys.argv[3]
+port, client = int(sys.argv[1]), sys.argv[2]
 device = OXProxy("OXVideoDevice", "127.0.0.1", port, name=client, timeout_ms=10000)
 device.putImage(0, 320, 240, bytes(320 * 240 * 3))
-assert device.subscribeCamera(subscriber, 0, 1, 11, 30) == subscriber
+assert device.subscribeCamera("VideoMonitorGestura", 0, 1, 11, 30) == "VideoMonitorGestura"
+assert device.subscribeCameras("Multi", [0, 1], [1, 1], [11, 11], 30) == "Multi"
 print("ready", flush=True)
-sys.stdin.read()
+if sys.stdin.readline():  # resumed: the session ended meanwhile, the proxy says hello again
+    print(device.getActiveCamera(), flush=True)
+    device.close()
 """
+SUBSCRIBERS = ("VideoMonitorGestura", "Multi")
 
 
-class TestClientDisconnected:
-    """The device drops the video monitor's subscription when the client "Gestura" goes away,
-    however it goes; other clients going away leave it alone."""
+def start_child(broker, client):
+    child = subprocess.Popen([sys.executable, "-c", CHILD, str(broker.port), client],
+                             stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                             env=child_environment())
+    assert child.stdout.readline() == b"ready\n"
+    return child
 
-    @pytest.mark.parametrize("client,how,dropped", [
-        ("Gestura", signal.SIGSTOP, True),
-        ("Gestura", signal.SIGKILL, True),
-        ("Other", signal.SIGKILL, False),
-    ], ids=["Gestura-silent", "Gestura-killed", "Other-killed"])
-    def test_subscription_follows_the_client(self, broker, device, client, how, dropped):
-        subscriber = "VideoMonitorGestura"
-        child = subprocess.Popen(
-            [sys.executable, "-c", CHILD,
-             str(broker.port), client, subscriber],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=child_environment())
+
+def registered(device, name):
+    """Whether the device has a subscriber of that name: a new one would get another name."""
+    given = device.subscribeCamera(name, 0, 1, 11, 30)
+    device.unsubscribe(given)
+    return given != name
+
+
+def announced(broker, client):
+    return len(re.findall(r"client %s .*; raising ClientDisconnected" % client, broker.log()))
+
+
+class TestClientGoesAway:
+    """Whatever way a client goes, the broker announces it once its last session ends and
+    unsubscribes what it subscribed; with --keep-subscribers only the device's own rule (the video
+    monitor of "Gestura") cleans up."""
+
+    @pytest.mark.parametrize("client,how,keep,dropped", [
+        ("Gestura", signal.SIGSTOP, False, SUBSCRIBERS),
+        ("Other", signal.SIGKILL, False, SUBSCRIBERS),
+        ("Gestura", signal.SIGKILL, True, ("VideoMonitorGestura",)),
+        ("Other", signal.SIGKILL, True, ()),
+    ], ids=["silent", "killed", "kept-but-Gestura", "kept"])
+    def test_subscribers_follow_the_client(self, start_broker, client, how, keep, dropped):
+        broker = start_broker(**({"keep_subscribers": True} if keep else {}))
+        with OXProxy(DEVICE, broker.host, broker.port, name="pytest", timeout_ms=10000) as device:
+            child = start_child(broker, client)
+            try:
+                child.send_signal(how)
+                assert poll_until(lambda: announced(broker, client) == 1), broker.log()
+                assert poll_until(lambda: not any(registered(device, name) for name in dropped))
+                kept = [name for name in SUBSCRIBERS if name not in dropped]
+                assert all(registered(device, name) for name in kept)
+                # This test's own client sat idle all along: its process answers the heartbeats,
+                # so its session is still there.
+                assert announced(broker, "pytest") == 0, broker.log()
+            finally:
+                child.kill()
+                child.wait(5)
+                child.stdin.close()
+                child.stdout.close()
+
+    def test_stopped_client_that_resumes_is_announced_again_when_it_ends(self, broker):
+        child = start_child(broker, "Sleeper")
         try:
-            assert child.stdout.readline() == b"ready\n"
-            device.getImageRemote(subscriber)  # known: no error
-            child.send_signal(how)
-            mentioned = re.compile(r"\b%s\b" % client)
-            assert poll_until(lambda: mentioned.search(broker.log())), broker.log()
-
-            def gone():
-                try:
-                    device.getImageRemote(subscriber)
-                    return False
-                except OXError as error:
-                    return error.description == (
-                        "getDirectRawImageRemote(%s) : module %s unknown!"
-                        % (subscriber, subscriber))
-
-            assert poll_until(gone, deadline_s=10.0 if dropped else 0.5) == dropped
-            # This test's own client sat idle all along: its process answers the heartbeats,
-            # so its session is still there.
-            assert not re.search(r"\bpytest\b", broker.log()), broker.log()
+            child.send_signal(signal.SIGSTOP)
+            assert poll_until(lambda: announced(broker, "Sleeper") == 1), broker.log()
+            child.send_signal(signal.SIGCONT)
+            child.stdin.write(b"go on\n")
+            child.stdin.flush()
+            assert child.stdout.readline() == b"0\n"
+            assert child.wait(10) == 0
+            assert poll_until(lambda: announced(broker, "Sleeper") == 2), broker.log()
         finally:
             child.kill()
             child.wait(5)
             child.stdin.close()
             child.stdout.close()
+
+    def test_a_name_is_announced_when_its_last_session_ends(self, broker):
+        first = OXProxy("OXMemory", broker.host, broker.port, name="Twin", timeout_ms=10000)
+        second = OXProxy("OXMemory", broker.host, broker.port, name="Twin", timeout_ms=10000)
+        first.close()
+        assert broker.wait_for_log("client Twin said goodbye; another session still uses that name")
+        assert announced(broker, "Twin") == 0
+        second.close()
+        assert poll_until(lambda: announced(broker, "Twin") == 1), broker.log()

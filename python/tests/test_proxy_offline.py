@@ -1,5 +1,6 @@
 """The proxy's side of the exchange, against a scripted ROUTER standing in for the broker."""
 
+import os
 import threading
 import time
 
@@ -54,8 +55,9 @@ def polite(request):
     if op == "call" and request[4] == "fails":
         return [[1, request_id, "error", ["M", "fails()", "it failed", "m.cpp", 12]]]
     if op == "call" and request[4] == "late":
-        # A reply to an earlier id first: the proxy must skip it.
-        return [[1, request_id - 1, "ok", "stale"], [1, request_id, "ok", "fresh"]]
+        # A reply to an earlier id and the broker's probe (id 0) first: the proxy must skip them.
+        return [[1, request_id - 1, "ok", "stale"], [1, 0, "ping", None],
+                [1, request_id, "ok", "fresh"]]
     if op == "call":
         return [[1, request_id, "ok", request[5]]]
     return [[1, request_id, "ok", None]]
@@ -152,15 +154,40 @@ class TestNoAnswer:
         with pytest.raises(OXError, match="malformed message: a map"):
             OXProxy("M", port=fake(garbage).port, timeout_ms=2000)
 
-    def test_error_about_an_unreadable_id_belongs_to_the_pending_request(self, fake):
+    def test_error_under_another_id_is_not_taken_for_the_pending_request(self, fake):
         def refuses(request):
             if request[2] == "hello":
                 return polite(request)
             return [[1, -1, "error", ["OXBroker", "decode", "message too large: 9 bytes", "", 0]]]
-        proxy = OXProxy("M", port=fake(refuses).port, timeout_ms=2000)
-        with pytest.raises(OXError, match="message too large"):
+        proxy = OXProxy("M", port=fake(refuses).port, timeout_ms=300)
+        with pytest.raises(OXError, match="no reply from"):
             proxy.doIt(b"x")
         proxy.close()
+
+
+# After ZeroMQ reconnected by itself the broker knows no session of the connection: the proxy
+# must say hello again and send the refused request once more, and only once.
+def test_unknown_session_is_introduced_again_and_the_request_sent_once_more(fake):
+    hellos = []
+
+    def forgets(request):
+        if request[2] == "hello":
+            hellos.append(request[3])
+            return polite(request)
+        if request[2] == "call" and (request[4] == "always" or len(hellos) < 2):
+            return [[1, request[1], "error",
+                     ["OXBroker", "call", "unknown session: say hello first", "", 0]]]
+        return polite(request)
+
+    broker = fake(forgets)
+    proxy = OXProxy("M", port=broker.port, timeout_ms=2000)
+    assert proxy.name.endswith("-%d" % os.getpid())  # the default name is the process's own
+    assert proxy.echo(7) == [7]
+    assert hellos == [proxy.name, proxy.name]
+    with pytest.raises(OXError, match="unknown session"):
+        proxy.always()
+    assert len(hellos) == 3
+    proxy.close()
 
 
 def test_raw_reply_frames_with_out_of_line_binary(fake):

@@ -5,6 +5,7 @@ The tools are taken from $OX_TOOLS_DIR, else from the broker's own bin folder.
 
 import json
 import os
+import shutil
 import signal
 import struct
 import subprocess
@@ -102,9 +103,13 @@ def wait_for_line(process, text, timeout=10):
     ("oxsim", ["--size", "100x100"]),
     ("oxsim", ["--fps", "-3"]),
     ("oxsim", ["--png-dir", "/nonexistent/frames"]),
+    ("oxsim", ["--loop"]),                                  # only with --input
+    ("oxsim", ["--input", "a.mp4", "--png-dir", "frames"]),
     ("oxgrab", ["--colorspace", "cmyk"]),
     ("oxgrab", ["--resolution", "7"]),
     ("oxgrab", ["--count"]),
+    ("oxgrab", ["--server-key", "/dev/null"]),               # without --client-key
+    ("oxkeygen", ["keys", "--name", "a/b"]),
 ])
 def test_help_and_usage_errors(tools, tool, bad):
     shown = run(tools, tool, "--help")
@@ -114,7 +119,10 @@ def test_help_and_usage_errors(tools, tool, bad):
     assert refused.stderr.startswith(tool + ": ") and "--help" in refused.stderr
 
 
-def test_call_round_trip_with_binary(tools, broker, tmp_path):
+def test_call_round_trip_with_binary(tools, start_broker, tmp_path):
+    # Each oxcall is a session of its own: without --keep-subscribers the broker would
+    # unsubscribe t_call as soon as the oxcall that made it ends.
+    broker = start_broker(keep_subscribers=True)
     assert json.loads(call(tools, broker, DEVICE, "getFrameRate", 0).stdout) > 0
     name = json.loads(call(tools, broker, DEVICE, "subscribeCamera", '"t_call"', 0, 0, 11, 5)
                       .stdout)
@@ -266,3 +274,31 @@ def test_png_dir_frames_come_back_in_every_colour_space(tools, broker, tmp_path)
     finally:
         sim.terminate()
         assert sim.wait(timeout=10) == 0
+
+
+# Guards against --input frames that are lost, mis-sized or mis-coloured on their way to the
+# camera, a video that does not end without --loop, and an unreadable video that passes silently.
+def test_video_input_feeds_the_camera(tools, broker, tmp_path):
+    if shutil.which("ffmpeg") is None:
+        pytest.skip("no ffmpeg command to generate a test video")
+    video = tmp_path / "red.mkv"  # 200x150: the nearest size the camera takes is 160x120
+    subprocess.run(["ffmpeg", "-nostdin", "-loglevel", "error", "-f", "lavfi", "-i",
+                    "color=c=0xC82828:size=200x150:rate=10:duration=1", "-c:v", "ffv1",
+                    str(video)], check=True, timeout=60)
+    sim = subprocess.Popen([tools("oxsim"), "--url", broker.url, "--input", video, "--loop",
+                            "--fps", "30"], text=True, stdout=subprocess.PIPE)
+    try:
+        wait_for_line(sim, "frames pushed")
+        grab = run(tools, "oxgrab", "--url", broker.url, "--name", "t_video", "--count", 1,
+                   "--resolution", "qqvga", "--colorspace", "rgb", "--out", tmp_path)
+        assert grab.returncode == 0, grab.stderr
+        got = read_png(tmp_path / "t_video_0000.png")[60][80]
+        assert max(abs(g - e) for g, e in zip(got, (200, 40, 40))) <= 8, got
+    finally:
+        sim.terminate()
+        assert sim.wait(timeout=10) == 0
+    once = run(tools, "oxsim", "--url", broker.url, "--input", video, "--fps", 100)
+    assert once.returncode == 0 and "done, 10 frames pushed" in once.stdout, once.stdout
+    (tmp_path / "junk.mp4").write_bytes(b"no video" * 100)
+    junk = run(tools, "oxsim", "--url", broker.url, "--input", tmp_path / "junk.mp4")
+    assert junk.returncode == 2 and "cannot read" in junk.stderr

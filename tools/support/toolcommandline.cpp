@@ -15,13 +15,19 @@ namespace {
 // what the tool does, the options with their value names and defaults, then the epilog.
 class HelpFormatter : public CLI::Formatter {
  public:
-  explicit HelpFormatter(std::string pUsage) : fUsage(std::move(pUsage)) { column_width(26); }
+  // pAbout, when given, stands in --help for the description (a sub-command's description is
+  // the one-line summary its tool lists).
+  explicit HelpFormatter(std::string pUsage, std::string pAbout = "")
+      : fUsage(std::move(pUsage)), fAbout(std::move(pAbout)) {
+    column_width(26);
+  }
 
   std::string make_help(const CLI::App* pApp, std::string,
                         CLI::AppFormatMode pMode) const override {
     std::string text = "usage: " + fUsage + "\n";
-    if (!pApp->get_description().empty()) text += "\n" + pApp->get_description() + "\n";
-    text += make_positionals(pApp) + make_groups(pApp, pMode);
+    const std::string& about = fAbout.empty() ? pApp->get_description() : fAbout;
+    if (!about.empty()) text += "\n" + about + "\n";
+    text += make_positionals(pApp) + make_groups(pApp, pMode) + make_subcommands(pApp, pMode);
     if (!pApp->get_footer().empty()) text += "\n" + pApp->get_footer() + "\n";
     return text;
   }
@@ -60,6 +66,7 @@ class HelpFormatter : public CLI::Formatter {
 
   static constexpr size_t kLineWidth = 100;
   std::string fUsage;
+  std::string fAbout;
 };
 
 }  // namespace
@@ -96,6 +103,15 @@ CommandLine::CommandLine(const std::string& pProgram, const std::string& pUsage,
   option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
 }
 
+CLI::App* CommandLine::addCommand(const std::string& pName, const std::string& pSummary,
+                                  const std::string& pUsage, const std::string& pAbout,
+                                  const std::string& pEpilog) {
+  CLI::App* command = add_subcommand(pName, pSummary);
+  command->formatter(std::make_shared<HelpFormatter>(pUsage, pAbout));
+  command->footer(pEpilog);
+  return command;
+}
+
 CLI::Option* CommandLine::addUrl(std::string& pUrl) {
   return add_option("--url", pUrl, "broker address")
       ->type_name("URL")
@@ -110,6 +126,21 @@ CLI::Option* CommandLine::addUrl(std::string& pUrl) {
             return "";
           },
           ""));
+}
+
+void CommandLine::addKeyOptions(OX::ConnectOptions& pOptions) {
+  CLI::Option* server =
+      add_option("--server-key", pOptions.fServerKey,
+                 "the broker's public key (NAME.pub of oxkeygen): speak CURVE, encrypted")
+          ->type_name("PATH")
+          ->check(CLI::ExistingFile);
+  CLI::Option* client =
+      add_option("--client-key", pOptions.fClientKey,
+                 "this client's secret key (NAME.key of oxkeygen), with --server-key")
+          ->type_name("PATH")
+          ->check(CLI::ExistingFile);
+  server->needs(client);
+  client->needs(server);
 }
 
 CLI::Option* CommandLine::addClientName(std::string& pName, const std::string& pHelp) {

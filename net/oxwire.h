@@ -36,10 +36,36 @@ struct FrameView {
   std::size_t fSize;
 };
 
-// Decodes a whole message (header first). Throws OXError from the module "OXBroker", function
-// "decode", with a text starting "malformed message: " or "message too large: ".
+// What decoding one message may allocate. An element costs one byte on the wire and an OXValue
+// (40 bytes) in memory, so a header of nils would otherwise grow forty times over; the budget is
+// checked before an array is reserved, and decoding stops as soon as it is spent.
+struct DecodeBudget {
+  std::size_t fElements;
+  std::size_t fBytes;  // the elements' OXValues plus the bytes of strings and binaries
+
+  // The budget of a message of pMessageBytes: 4096 elements and 256 KiB whatever its size, plus
+  // an element per 32 bytes and twice its size in bytes.
+  static DecodeBudget forMessage(std::size_t pMessageBytes);
+  // For the replies of a broker, which a client trusts.
+  static DecodeBudget unlimited();
+};
+
+// Decodes a whole message (header first) within the budget of its size. Throws OXError from the
+// module "OXBroker", function "decode", with a text starting "malformed message: " or "message
+// too large: ".
 OXValue decode(const std::vector<FrameView>& pFrames,
                std::size_t pMaxBytes = kDefaultMaxMessageBytes);
+OXValue decode(const std::vector<FrameView>& pFrames, std::size_t pMaxBytes,
+               const DecodeBudget& pBudget);
+
+// The id and the operation of a request, read from the start of its header without decoding the
+// rest, so that a request refused before it is decoded is still answered under its own id. An id
+// that cannot be read is -1, an operation that cannot be read is empty.
+struct RequestStart {
+  int fId = -1;
+  std::string fOperation;
+};
+RequestStart peekRequest(const FrameView& pHeader);
 
 // The five fields of an OXError as an array, and back (the reply of a failed request).
 OXValue errorToValue(const std::string& pModule, const std::string& pFunction,

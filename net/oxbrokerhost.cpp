@@ -1,0 +1,500 @@
+// The broker host: the listener thread and the glue of the parts; see oxbrokerhost.h.
+#include "oxbrokerhost.h"
+
+#include <boost/make_shared.hpp>
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <set>
+#include <thread>
+#include <vector>
+#include <zmq.hpp>
+
+#include "kilog.h"
+#include "oxbounds.h"
+#include "oxerror.h"
+#include "oxhostlog.h"
+#include "oxrequests.h"
+#include "oxscheduler.h"
+#include "oxsessions.h"
+#include "oxzap.h"
+
+namespace OX {
+
+using namespace net;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// After a connection closes, its session is looked for at these delays (ms): ZeroMQ lets the
+// identity go only once the connection's last messages have been read, a few steps later.
+constexpr int kSweepDelaysMs[] = {5, 20, 80, 320, 1280, 3000};
+constexpr int kSweeps = sizeof(kSweepDelaysMs) / sizeof(kSweepDelaysMs[0]);
+// The listener reads at most this many requests before it forwards replies again.
+constexpr int kBurst = 64;
+// Hello, bye and ping of a connection with nothing else in flight are answered by the listener
+// itself, if they are this small: a client's hello never waits for a worker.
+constexpr std::size_t kInlineBytes = 4096;
+// Identities of closed connections remembered, so that their late messages make no session.
+constexpr std::size_t kGoneRemembered = 4096;
+// Messages beyond twice the in-flight bound that ZeroMQ may hold for one connection.
+constexpr int kSendSlack = 16;
+// How long the closing socket may still spend sending the last replies.
+constexpr int kClosingLingerMs = 500;
+
+enum class Delivery { kSent, kFull, kGone };
+
+// A reply and the bytes charged for it, released together when ZeroMQ has written the reply.
+struct HeldReply {
+  OXValue fValue;
+  Reservation fBytes;
+};
+
+// A reply frame that keeps its encoded value alive until ZeroMQ has sent it, so that large
+// binaries go out without being copied.
+zmq::message_t borrowedFrame(const OXValue::Binary& pBytes,
+                             const boost::shared_ptr<const OXValue>& pOwner) {
+  auto* keep = new boost::shared_ptr<const OXValue>(pOwner);
+  return zmq::message_t(
+      const_cast<unsigned char*>(pBytes.data()), pBytes.size(),
+      [](void*, void* pHint) { delete static_cast<boost::shared_ptr<const OXValue>*>(pHint); },
+      keep);
+}
+
+std::vector<wire::FrameView> viewsOf(const std::vector<zmq::message_t>& pFrames) {
+  std::vector<wire::FrameView> views;
+  views.reserve(pFrames.size());
+  for (const zmq::message_t& frame : pFrames) views.push_back({frame.data(), frame.size()});
+  return views;
+}
+
+}  // namespace
+
+class OXBrokerHost::Impl {
+ public:
+  Impl(boost::shared_ptr<OXBroker> pBroker, const Options& pOptions);
+  ~Impl() { stop(); }
+  void start();
+  void stop();
+  std::string fUrl;
+
+ private:
+  class HostWorker;
+  void openSockets();
+  void startParts();
+  // Listener thread.
+  void listen();
+  void receive();
+  bool readMessage(std::string& pRoutingId, std::vector<zmq::message_t>& pFrames,
+                   FrameTally& pTally);
+  void admit(const std::string& pRoutingId, std::vector<zmq::message_t>&& pFrames,
+             const FrameTally& pTally);
+  bool servedInline(const std::string& pRoutingId, const std::vector<zmq::message_t>& pFrames,
+                    const wire::RequestStart& pStart);
+  void forwardReplies();
+  void watchConnections();
+  void sweepIfDue();
+  void answer(const std::string& pRoutingId, int pId, const OXError& pError);
+  Delivery deliver(const std::string& pRoutingId, std::vector<zmq::message_t>& pFrames);
+  void connectionGone(const std::string& pRoutingId);
+  bool cameBack(const std::string& pRoutingId);
+
+  boost::shared_ptr<OXBroker> fBroker;
+  Options fOptions;
+  HostLimits fLimits;
+  zmq::context_t fContext;
+  std::string fRepliesEndpoint;
+  std::string fMonitorEndpoint;
+  std::unique_ptr<zmq::socket_t> fFrontend;  // made in start(), then used by the listener only
+  std::unique_ptr<zmq::socket_t> fRepliesIn;
+  std::unique_ptr<zmq::socket_t> fMonitorIn;
+  std::unique_ptr<ZapHandler> fZap;  // with CURVE only
+  std::unique_ptr<Housekeeper> fHousekeeper;
+  std::unique_ptr<SessionTable> fSessions;
+  std::unique_ptr<RequestHandler> fHandler;
+  std::unique_ptr<Scheduler> fScheduler;
+
+  std::atomic<bool> fStopping{false};      // no more requests are read
+  std::atomic<bool> fListenerDone{false};  // the listener forwards the last replies and ends
+  bool fStarted = false;
+  std::thread fListener;
+
+  // Owned by the listener thread.
+  std::set<std::string> fGone;
+  std::deque<std::string> fGoneOrder;
+  int fSweep = kSweeps;  // the next sweep of the current schedule; kSweeps: none due
+  Clock::time_point fSweepStart;
+  std::string fProbe;  // [1, 0, "ping", nil]: asks whether a connection is still there
+};
+
+// A worker thread's side: serves a request and pushes its reply to the listener.
+class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
+ public:
+  explicit HostWorker(Impl& pHost)
+      : fHost(pHost), fReplies(pHost.fContext, zmq::socket_type::push) {
+    fReplies.set(zmq::sockopt::linger, 1000);
+    fReplies.connect(pHost.fRepliesEndpoint);
+  }
+  void serve(Job& pJob) override {
+    OXValue reply = fHost.fHandler->handle(pJob.fRoutingId, viewsOf(pJob.fFrames));
+    pJob.fFrames.clear();  // the decoded request holds its own copy
+    send(pJob, std::move(reply));
+  }
+  void refuse(Job& pJob) override {
+    send(pJob,
+         errorReply(pJob.fId, hostError("call", refusalText(fHost.fLimits, Refusal::kStopping))));
+  }
+
+ private:
+  void send(Job& pJob, OXValue&& pReply) {
+    auto held = boost::make_shared<HeldReply>();
+    held->fValue = std::move(pReply);
+    wire::Encoded encoded;
+    encodeReply(pJob.fId, held->fValue, encoded);
+    std::size_t bytes = encoded.fHeader.size();
+    for (const OXValue::Binary* frame : encoded.fFrames) bytes += frame->size();
+    // Charged to the connection until ZeroMQ has written the reply: a client that does not read
+    // its replies is held back once they reach its bound.
+    held->fBytes = Reservation(pJob.fConnection, pJob.fHost, bytes);
+    const boost::shared_ptr<const OXValue> owner(held, &held->fValue);
+    const auto more = zmq::send_flags::sndmore;
+    (void)fReplies.send(zmq::buffer(pJob.fRoutingId), more);
+    (void)fReplies.send(zmq::buffer(encoded.fHeader),
+                        encoded.fFrames.empty() ? zmq::send_flags::none : more);
+    for (std::size_t i = 0; i < encoded.fFrames.size(); ++i) {
+      zmq::message_t frame = borrowedFrame(*encoded.fFrames[i], owner);
+      (void)fReplies.send(frame, i + 1 == encoded.fFrames.size() ? zmq::send_flags::none : more);
+    }
+  }
+
+  Impl& fHost;
+  zmq::socket_t fReplies;
+};
+
+OXBrokerHost::Impl::Impl(boost::shared_ptr<OXBroker> pBroker, const Options& pOptions)
+    : fBroker(pBroker), fOptions(pOptions), fContext(1) {
+  fLimits.fMaxMessageBytes = pOptions.fMaxMessageBytes;
+  fLimits.fMaxFrames = std::max(1, pOptions.fMaxFrames);
+  fLimits.fMaxInFlight = std::max(1, pOptions.fMaxInFlight);
+  fLimits.fMaxSessionBytes = pOptions.fMaxSessionBytes;
+  fLimits.fMaxQueuedBytes = pOptions.fMaxQueuedBytes;
+  fLimits.fMaxSessions = std::max(1, pOptions.fMaxSessions);
+  const std::string tag = std::to_string(reinterpret_cast<std::uintptr_t>(this));
+  fRepliesEndpoint = "inproc://oxbrokerhost-replies-" + tag;
+  fMonitorEndpoint = "inproc://oxbrokerhost-monitor-" + tag;
+  wire::Encoded probe;
+  wire::encode(OXValue::array({wire::kProtocolVersion, 0, "ping", OXValue()}), probe);
+  fProbe = probe.fHeader;
+}
+
+void OXBrokerHost::Impl::openSockets() {
+  fFrontend.reset(new zmq::socket_t(fContext, zmq::socket_type::router));
+  fFrontend->set(zmq::sockopt::linger, 0);
+  const bool curve = !fOptions.fCurveSecretKey.empty();
+  if (curve) {
+    // The handler is there before the first connection, which it must judge.
+    fZap.reset(new ZapHandler(fContext, fOptions.fAllowedClientKeys));
+    serveCurve(*fFrontend, fOptions.fCurveSecretKey);
+  }
+  const int heartbeat = std::max(50, fOptions.fHeartbeatTimeoutMs);
+  fFrontend->set(zmq::sockopt::heartbeat_ivl, std::max(25, heartbeat / 3));
+  fFrontend->set(zmq::sockopt::heartbeat_timeout, heartbeat);
+  // A single frame over the message limit can never be a valid request: ZeroMQ closes its
+  // connection before it allocates it.
+  fFrontend->set(zmq::sockopt::maxmsgsize, static_cast<int64_t>(fLimits.fMaxMessageBytes));
+  // ZeroMQ holds no more for a connection than the host lets it have in flight. Its sending side
+  // learns of the replies read only in batches of half the mark, so the mark leaves room for the
+  // replies of every request in flight twice over, plus refusals and probes: a client that reads
+  // never loses a reply, one that does not read loses the ones past the mark.
+  fFrontend->set(zmq::sockopt::sndhwm, 2 * fLimits.fMaxInFlight + kSendSlack);
+  fFrontend->set(zmq::sockopt::rcvhwm, fLimits.fMaxInFlight);
+  // Sending to a connection that is gone fails instead of vanishing: that is how sessions end.
+  fFrontend->set(zmq::sockopt::router_mandatory, true);
+  const int events = ZMQ_EVENT_DISCONNECTED | (curve ? kHandshakeFailedEvents : 0);
+  if (zmq_socket_monitor(fFrontend->handle(), fMonitorEndpoint.c_str(), events) != 0) {
+    throw hostError("start", std::string("cannot watch connections: ") + zmq_strerror(zmq_errno()));
+  }
+  fMonitorIn.reset(new zmq::socket_t(fContext, zmq::socket_type::pair));
+  fMonitorIn->connect(fMonitorEndpoint);
+  fRepliesIn.reset(new zmq::socket_t(fContext, zmq::socket_type::pull));
+  fRepliesIn->bind(fRepliesEndpoint);
+  const std::string endpoint =
+      "tcp://" + fOptions.fBindAddress + ":" +
+      (fOptions.fPort == 0 ? std::string("*") : std::to_string(fOptions.fPort));
+  try {
+    fFrontend->bind(endpoint);
+  } catch (const zmq::error_t& error) {
+    fFrontend.reset();
+    fRepliesIn.reset();
+    fMonitorIn.reset();
+    fZap.reset();
+    throw hostError("start", "cannot listen on " + endpoint + ": " + error.what());
+  }
+  fUrl = fFrontend->get(zmq::sockopt::last_endpoint);
+}
+
+void OXBrokerHost::Impl::startParts() {
+  fHousekeeper.reset(new Housekeeper(fBroker, !fOptions.fKeepSubscribers));
+  fSessions.reset(new SessionTable(fLimits.fMaxSessions, [this](Farewell&& pFarewell) {
+    fHousekeeper->post(std::move(pFarewell));
+  }));
+  fHandler.reset(new RequestHandler(fBroker, *fSessions, fLimits.fMaxMessageBytes,
+                                    fOptions.fAllowRemoteEvents));
+  fScheduler.reset(new Scheduler(fLimits, fOptions.fThreads, [this] {
+    return std::unique_ptr<Scheduler::Worker>(new HostWorker(*this));
+  }));
+}
+
+void OXBrokerHost::Impl::start() {
+  openSockets();
+  startParts();
+  fStarted = true;
+  fListener = std::thread([this] { listen(); });
+}
+
+void OXBrokerHost::Impl::stop() {
+  if (!fStarted) return;
+  fStarted = false;
+  fStopping = true;
+  // Queued requests are answered as not served, running calls end; the listener meanwhile
+  // forwards their replies.
+  fScheduler->stop();
+  fListenerDone = true;
+  fListener.join();
+  fHousekeeper->stop();
+  fFrontend->set(zmq::sockopt::linger, kClosingLingerMs);
+  fFrontend.reset();
+  fRepliesIn.reset();
+  fMonitorIn.reset();
+  fZap.reset();
+}
+
+void OXBrokerHost::Impl::listen() {
+  std::vector<zmq::pollitem_t> items = {{fRepliesIn->handle(), 0, ZMQ_POLLIN, 0},
+                                        {fMonitorIn->handle(), 0, ZMQ_POLLIN, 0},
+                                        {fFrontend->handle(), 0, ZMQ_POLLIN, 0}};
+  while (!fListenerDone) {
+    auto wait = std::chrono::milliseconds(50);
+    if (fSweep < kSweeps) {
+      const auto due = fSweepStart + std::chrono::milliseconds(kSweepDelaysMs[fSweep]);
+      wait = std::clamp(std::chrono::duration_cast<std::chrono::milliseconds>(due - Clock::now()),
+                        std::chrono::milliseconds(1), wait);
+    }
+    // Once stopping, requests are no longer read: only replies go out.
+    zmq::poll(items.data(), fStopping ? 2 : 3, wait);
+    if (!fStopping) receive();
+    forwardReplies();
+    watchConnections();
+    sweepIfDue();
+    fScheduler->resume();
+  }
+  forwardReplies();
+}
+
+void OXBrokerHost::Impl::receive() {
+  for (int i = 0; i < kBurst; ++i) {
+    std::string routingId;
+    std::vector<zmq::message_t> frames;
+    FrameTally tally(fLimits);
+    if (!readMessage(routingId, frames, tally)) return;
+    admit(routingId, std::move(frames), tally);
+  }
+}
+
+bool OXBrokerHost::Impl::readMessage(std::string& pRoutingId, std::vector<zmq::message_t>& pFrames,
+                                     FrameTally& pTally) {
+  zmq::message_t first;
+  if (!fFrontend->recv(first, zmq::recv_flags::dontwait)) return false;
+  pRoutingId = first.to_string();
+  bool more = first.more();
+  while (more) {
+    zmq::message_t frame;
+    (void)fFrontend->recv(frame);  // the rest of a message has arrived with its first frame
+    more = frame.more();
+    // Past a bound only the header is kept, for the refusal's id.
+    if (pTally.add(frame.size()) || pFrames.empty()) {
+      pFrames.push_back(std::move(frame));
+    } else if (pFrames.size() > 1) {
+      pFrames.resize(1);
+    }
+  }
+  return true;
+}
+
+void OXBrokerHost::Impl::admit(const std::string& pRoutingId, std::vector<zmq::message_t>&& pFrames,
+                               const FrameTally& pTally) {
+  if (fGone.count(pRoutingId) != 0 && !cameBack(pRoutingId)) return;
+  if (pFrames.empty()) {
+    answer(pRoutingId, -1, hostError("decode", "malformed message: no frames"));
+    return;
+  }
+  const wire::RequestStart start = wire::peekRequest({pFrames[0].data(), pFrames[0].size()});
+  if (pTally.over()) {
+    answer(pRoutingId, start.fId, hostError("decode", pTally.refusal()));
+    return;
+  }
+  if (servedInline(pRoutingId, pFrames, start)) return;
+  Job job;
+  job.fRoutingId = pRoutingId;
+  job.fFrames = std::move(pFrames);
+  job.fId = start.fId;
+  const Refusal refusal = fScheduler->submit(std::move(job), pTally.bytes());
+  if (refusal != Refusal::kNone) {
+    answer(pRoutingId, start.fId, hostError("call", refusalText(fLimits, refusal)));
+  }
+}
+
+bool OXBrokerHost::Impl::servedInline(const std::string& pRoutingId,
+                                      const std::vector<zmq::message_t>& pFrames,
+                                      const wire::RequestStart& pStart) {
+  const std::string& op = pStart.fOperation;
+  if (pFrames.size() != 1 || pFrames[0].size() > kInlineBytes ||
+      (op != "hello" && op != "bye" && op != "ping") || !fScheduler->idle(pRoutingId)) {
+    return false;
+  }
+  OXValue reply = fHandler->handle(pRoutingId, viewsOf(pFrames));
+  wire::Encoded encoded;
+  encodeReply(pStart.fId, reply, encoded);
+  std::vector<zmq::message_t> frames;
+  frames.emplace_back(encoded.fHeader.data(), encoded.fHeader.size());
+  if (deliver(pRoutingId, frames) == Delivery::kGone) connectionGone(pRoutingId);
+  return true;
+}
+
+void OXBrokerHost::Impl::forwardReplies() {
+  while (true) {
+    zmq::message_t first;
+    if (!fRepliesIn->recv(first, zmq::recv_flags::dontwait)) return;
+    const std::string routingId = first.to_string();
+    std::vector<zmq::message_t> frames;
+    bool more = first.more();
+    while (more) {
+      frames.emplace_back();
+      (void)fRepliesIn->recv(frames.back());
+      more = frames.back().more();
+    }
+    const Delivery delivery =
+        fGone.count(routingId) != 0 ? Delivery::kGone : deliver(routingId, frames);
+    fScheduler->replied(routingId);
+    if (delivery == Delivery::kGone) {
+      connectionGone(routingId);
+    } else if (delivery == Delivery::kFull) {
+      ki::log::LogStream(kLogVerbose, kLogCategory, "", "forwardReplies", 0)
+          << "a reply was dropped: its client has " << fLimits.fMaxInFlight << " unread";
+    }
+  }
+}
+
+void OXBrokerHost::Impl::answer(const std::string& pRoutingId, int pId, const OXError& pError) {
+  OXValue reply = errorReply(pId, pError);
+  wire::Encoded encoded;
+  wire::encode(reply, encoded);
+  std::vector<zmq::message_t> frames;
+  frames.emplace_back(encoded.fHeader.data(), encoded.fHeader.size());
+  if (deliver(pRoutingId, frames) == Delivery::kGone) connectionGone(pRoutingId);
+}
+
+Delivery OXBrokerHost::Impl::deliver(const std::string& pRoutingId,
+                                     std::vector<zmq::message_t>& pFrames) {
+  const auto more = zmq::send_flags::sndmore | zmq::send_flags::dontwait;
+  try {
+    // A client that stopped reading loses its replies; nobody else waits for it.
+    if (!fFrontend->send(zmq::buffer(pRoutingId), more)) return Delivery::kFull;
+  } catch (const zmq::error_t& error) {
+    if (error.num() == EHOSTUNREACH) return Delivery::kGone;
+    throw;
+  }
+  for (std::size_t i = 0; i < pFrames.size(); ++i) {
+    (void)fFrontend->send(pFrames[i], i + 1 == pFrames.size() ? zmq::send_flags::dontwait : more);
+  }
+  return Delivery::kSent;
+}
+
+void OXBrokerHost::Impl::watchConnections() {
+  while (true) {
+    zmq::message_t event;
+    if (!fMonitorIn->recv(event, zmq::recv_flags::dontwait)) return;
+    zmq::message_t address;
+    if (event.more()) (void)fMonitorIn->recv(address);
+    // [event: 16 bits, value: 32 bits]; a refused handshake made no session to look for.
+    uint16_t id = 0;
+    uint32_t value = 0;
+    if (event.size() >= sizeof(id) + sizeof(value)) {
+      std::memcpy(&id, event.data(), sizeof(id));
+      std::memcpy(&value, static_cast<const char*>(event.data()) + sizeof(id), sizeof(value));
+    }
+    if ((id & kHandshakeFailedEvents) != 0) {
+      logHandshakeFailure(id, value);
+      continue;
+    }
+    // Some connection closed. The event does not say whose (only a descriptor, which the system
+    // reuses), so every session is asked again, on a schedule that outlasts ZeroMQ's own steps.
+    fSweep = 0;
+    fSweepStart = Clock::now();
+  }
+}
+
+void OXBrokerHost::Impl::sweepIfDue() {
+  if (fSweep >= kSweeps ||
+      Clock::now() < fSweepStart + std::chrono::milliseconds(kSweepDelaysMs[fSweep])) {
+    return;
+  }
+  ++fSweep;
+  for (const std::string& routingId : fSessions->routingIds()) {
+    std::vector<zmq::message_t> probe;
+    probe.emplace_back(fProbe.data(), fProbe.size());
+    if (deliver(routingId, probe) == Delivery::kGone) connectionGone(routingId);
+  }
+}
+
+// A message of an identity found gone is a late one of the closed connection, and makes nothing;
+// unless a new connection took the identity (a client may choose its own), which a probe tells:
+// ZeroMQ gives an identity to a new connection only once the old one has let it go.
+bool OXBrokerHost::Impl::cameBack(const std::string& pRoutingId) {
+  std::vector<zmq::message_t> probe;
+  probe.emplace_back(fProbe.data(), fProbe.size());
+  if (deliver(pRoutingId, probe) == Delivery::kGone) return false;
+  fGone.erase(pRoutingId);
+  fGoneOrder.erase(std::find(fGoneOrder.begin(), fGoneOrder.end(), pRoutingId));
+  return true;
+}
+
+void OXBrokerHost::Impl::connectionGone(const std::string& pRoutingId) {
+  if (!fGone.insert(pRoutingId).second) return;
+  fGoneOrder.push_back(pRoutingId);
+  if (fGoneOrder.size() > kGoneRemembered) {
+    fGone.erase(fGoneOrder.front());
+    fGoneOrder.pop_front();
+  }
+  // The session ends after its running call, if any: what that call subscribed is cleaned too.
+  SessionTable& sessions = *fSessions;
+  fScheduler->retire(pRoutingId, [&sessions, pRoutingId] {
+    sessions.end(pRoutingId, "disconnected or stopped answering");
+  });
+}
+
+OXBrokerHost::OXBrokerHost(boost::shared_ptr<OXBroker> pBroker, const Options& pOptions)
+    : fImpl(new Impl(pBroker, pOptions)) {}
+
+OXBrokerHost::~OXBrokerHost() {
+  stop();
+}
+
+void OXBrokerHost::start() {
+  fImpl->start();
+}
+
+void OXBrokerHost::stop() {
+  fImpl->stop();
+}
+
+std::string OXBrokerHost::getUrl() const {
+  return fImpl->fUrl;
+}
+
+}  // namespace OX

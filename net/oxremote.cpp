@@ -1,0 +1,209 @@
+// The client end of a broker connection; see oxremote.h.
+#include "oxremote.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <iterator>
+#include <vector>
+
+#include "oxerror.h"
+#include "oxkeys.h"
+#include "oxrequests.h"
+#include "oxwire.h"
+
+namespace OX {
+
+namespace {
+
+const char* const kRemoteFile = "net/oxremote";
+// How long a closing client waits for the broker to acknowledge its goodbye.
+constexpr int kByeTimeoutMs = 1000;
+// Introductions are short: a broker that does not answer one within this time is not there.
+constexpr int kHelloTimeoutMs = 5000;
+
+// The process's ZeroMQ context. It is never destroyed: a context waits in its destructor for
+// every socket to close, and a proxy left alive until exit would then hang the process.
+zmq::context_t& context() {
+  static zmq::context_t* const sContext = new zmq::context_t(1);
+  return *sContext;
+}
+
+// With keys, the connection is encrypted and the broker knows this client by its public key; a
+// broker that does not admit it never answers, and the request times out.
+void useCurve(zmq::socket_t& pSocket, const ConnectOptions& pOptions) {
+  if (pOptions.fServerKey.empty() && pOptions.fClientKey.empty()) return;
+  if (pOptions.fServerKey.empty() || pOptions.fClientKey.empty()) {
+    throw OXError("OXProxy", "connect",
+                  "CURVE needs both keys: the broker's public key and this client's secret key",
+                  kRemoteFile, __LINE__);
+  }
+  const std::string server = readCurveKey(pOptions.fServerKey);
+  const std::string secret = readCurveKey(pOptions.fClientKey);
+  const std::string mine = curvePublicKey(secret);
+  // Z85 keys are given with their terminating NUL: 41 bytes.
+  for (const auto& [option, key] :
+       {std::pair<int, const std::string*>{ZMQ_CURVE_SERVERKEY, &server},
+        {ZMQ_CURVE_PUBLICKEY, &mine},
+        {ZMQ_CURVE_SECRETKEY, &secret}}) {
+    if (zmq_setsockopt(pSocket.handle(), option, key->c_str(), key->size() + 1) != 0) {
+      throw OXError("OXProxy", "connect",
+                    std::string("cannot use the CURVE keys: ") + zmq_strerror(zmq_errno()),
+                    kRemoteFile, __LINE__);
+    }
+  }
+}
+
+}  // namespace
+
+OXRemoteConnection::OXRemoteConnection(const std::string& pUrl, const std::string& pClientName,
+                                       const std::string& pModuleName, int pTimeoutMs,
+                                       const ConnectOptions& pOptions)
+    : fUrl(pUrl),
+      fClientName(pClientName),
+      fModuleName(pModuleName),
+      fTimeoutMs(pTimeoutMs),
+      fSocket(context(), zmq::socket_type::dealer) {
+  fSocket.set(zmq::sockopt::linger, 0);
+  useCurve(fSocket, pOptions);
+  try {
+    fSocket.connect(pUrl);
+  } catch (const zmq::error_t& error) {
+    throw OXError("OXProxy", "connect", "cannot connect to " + pUrl + ": " + error.what(),
+                  kRemoteFile, __LINE__);
+  }
+  std::lock_guard<std::mutex> guard(fMutex);
+  hello("connect", std::min(pTimeoutMs, kHelloTimeoutMs));
+}
+
+OXRemoteConnection::~OXRemoteConnection() {
+  try {
+    std::lock_guard<std::mutex> guard(fMutex);
+    int id = 0;
+    const OXValue sent = message("bye", {}, id);
+    exchange(sent, id, "close", kByeTimeoutMs);
+  } catch (const std::exception&) {
+    // The broker is gone or slow: it notices the closed connection by itself.
+  }
+}
+
+OXValue OXRemoteConnection::request(const std::string& pOperation, OXValue::Array pOperands,
+                                    const std::string& pFunction) {
+  std::lock_guard<std::mutex> guard(fMutex);
+  int id = 0;
+  // The encoded frames point into this value: it must live until they are sent, a second time
+  // too if the session has to be introduced again.
+  const OXValue sent = message(pOperation, std::move(pOperands), id);
+  try {
+    return exchange(sent, id, pFunction, fTimeoutMs);
+  } catch (const OXError& error) {
+    const bool unknownSession =
+        error.getModuleName() == "OXBroker" && error.getDescription() == net::kUnknownSession;
+    if (!unknownSession || pOperation == "hello" || pOperation == "bye") throw;
+  }
+  // The connection was made again by ZeroMQ after it dropped (a heartbeat timeout while this
+  // process was stopped, say): the broker ended the old session. The request was refused
+  // without being run, so it is sent again once, as the new session's.
+  hello(pFunction, std::min(fTimeoutMs, kHelloTimeoutMs));
+  return exchange(sent, id, pFunction, fTimeoutMs);
+}
+
+OXValue OXRemoteConnection::hello(const std::string& pFunction, int pTimeoutMs) {
+  int id = 0;
+  const OXValue sent =
+      message("hello", {fClientName, fModuleName.empty() ? OXValue() : OXValue(fModuleName)}, id);
+  return exchange(sent, id, pFunction, pTimeoutMs);
+}
+
+OXValue OXRemoteConnection::message(const std::string& pOperation, OXValue::Array&& pOperands,
+                                    int& pId) {
+  pId = fNextId;
+  // Id 0 is the broker's own; after 2^31 - 1 requests the ids start again at 1.
+  fNextId = fNextId == INT32_MAX ? 1 : fNextId + 1;
+  // The operands are moved in: a binary argument is not copied on its way to the socket.
+  OXValue::Array header;
+  header.reserve(3 + pOperands.size());
+  header.emplace_back(wire::kProtocolVersion);
+  header.emplace_back(pId);
+  header.emplace_back(pOperation);
+  std::move(pOperands.begin(), pOperands.end(), std::back_inserter(header));
+  return OXValue(std::move(header));
+}
+
+OXValue OXRemoteConnection::exchange(const OXValue& pMessage, int pId, const std::string& pFunction,
+                                     int pTimeoutMs) {
+  wire::Encoded encoded;
+  wire::encode(pMessage, encoded);
+  const auto sendFlags = [](bool pLast) {
+    return pLast ? zmq::send_flags::dontwait : zmq::send_flags::sndmore | zmq::send_flags::dontwait;
+  };
+  bool sent =
+      fSocket.send(zmq::buffer(encoded.fHeader), sendFlags(encoded.fFrames.empty())).has_value();
+  for (std::size_t i = 0; sent && i < encoded.fFrames.size(); ++i) {
+    const OXValue::Binary& bytes = *encoded.fFrames[i];
+    sent = fSocket
+               .send(zmq::buffer(bytes.data(), bytes.size()),
+                     sendFlags(i + 1 == encoded.fFrames.size()))
+               .has_value();
+  }
+  if (!sent) {
+    throw OXError("OXProxy", pFunction, "cannot send to " + fUrl + ": too many requests queued",
+                  kRemoteFile, __LINE__);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(pTimeoutMs);
+  while (true) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    std::vector<zmq::pollitem_t> items = {{fSocket.handle(), 0, ZMQ_POLLIN, 0}};
+    int ready = 0;
+    try {
+      ready = left.count() <= 0 ? 0 : zmq::poll(items, left);
+    } catch (const zmq::error_t& error) {
+      // A signal handler ran: wait again for the time that is left.
+      if (error.num() == EINTR) continue;
+      throw OXError("OXProxy", pFunction, std::string("waiting for ") + fUrl + ": " + error.what(),
+                    kRemoteFile, __LINE__);
+    }
+    if (ready == 0) {
+      throw OXError("OXProxy", pFunction,
+                    "no reply from " + fUrl + " within " + std::to_string(pTimeoutMs) + " ms",
+                    kRemoteFile, __LINE__);
+    }
+    std::vector<zmq::message_t> frames;
+    do {
+      frames.emplace_back();
+      (void)fSocket.recv(frames.back());
+    } while (frames.back().more());
+    std::vector<wire::FrameView> views;
+    for (const zmq::message_t& frame : frames) views.push_back({frame.data(), frame.size()});
+    OXValue reply = wire::decode(views, SIZE_MAX, wire::DecodeBudget::unlimited());
+    if (!reply.isArray() || reply.getSize() != 4 || !reply[1].isInt() || !reply[2].isString()) {
+      throw OXError("OXProxy", pFunction, "malformed reply from " + fUrl, kRemoteFile, __LINE__);
+    }
+    // Another id: a late reply to a request that timed out, or the broker's probe (id 0).
+    if (reply[1].asInt() != pId) continue;
+    if (reply[2].asString() == "error") wire::throwErrorValue(reply[3]);
+    return std::move(reply[3]);  // the pixels of an image are not copied once more
+  }
+}
+
+OXProxy::OXProxy(const std::string& pModuleName, const std::string& pHost, int pPort)
+    : fModuleName(pModuleName),
+      fRemote(new OXRemoteConnection("tcp://" + pHost + ":" + std::to_string(pPort),
+                                     getClientName(), pModuleName, getRemoteTimeout())) {}
+
+boost::shared_ptr<OXProxy> OXProxy::connect(const std::string& pUrl,
+                                            const std::string& pModuleName) {
+  return connect(pUrl, pModuleName, ConnectOptions());
+}
+
+boost::shared_ptr<OXProxy> OXProxy::connect(const std::string& pUrl, const std::string& pModuleName,
+                                            const ConnectOptions& pOptions) {
+  boost::shared_ptr<OXProxy> proxy(new OXProxy(boost::shared_ptr<OXBroker>(), pModuleName));
+  proxy->fRemote.reset(
+      new OXRemoteConnection(pUrl, getClientName(), pModuleName, getRemoteTimeout(), pOptions));
+  return proxy;
+}
+
+}  // namespace OX
