@@ -62,9 +62,6 @@ inline V evenOddDwords(V pA, V pB) {
 inline V maddubs(V pUnsigned, V pSigned) {
   return _mm256_maddubs_epi16(pUnsigned, pSigned);
 }
-inline V mullo16(V pA, V pB) {
-  return _mm256_mullo_epi16(pA, pB);
-}
 inline V add16(V pA, V pB) {
   return _mm256_add_epi16(pA, pB);
 }
@@ -79,18 +76,11 @@ template <int kBits>
 inline V srli16(V pValue) {
   return _mm256_srli_epi16(pValue, kBits);
 }
-template <int kBits>
-inline V slli16(V pValue) {
-  return _mm256_slli_epi16(pValue, kBits);
-}
 inline V packus16(V pA, V pB) {
   return _mm256_packus_epi16(pA, pB);
 }
 inline V unpacklo8(V pA, V pB) {
   return _mm256_unpacklo_epi8(pA, pB);
-}
-inline V unpackhi8(V pA, V pB) {
-  return _mm256_unpackhi_epi8(pA, pB);
 }
 inline V unpacklo16(V pA, V pB) {
   return _mm256_unpacklo_epi16(pA, pB);
@@ -101,18 +91,19 @@ inline V unpackhi16(V pA, V pB) {
 inline V unpacklo32(V pA, V pB) {
   return _mm256_unpacklo_epi32(pA, pB);
 }
-inline V unpackhi32(V pA, V pB) {
-  return _mm256_unpackhi_epi32(pA, pB);
-}
 inline V unpacklo64(V pA, V pB) {
   return _mm256_unpacklo_epi64(pA, pB);
 }
 inline V unpackhi64(V pA, V pB) {
   return _mm256_unpackhi_epi64(pA, pB);
 }
-// The rounding average of unsigned 16-bit lanes.
-inline V avg16(V pA, V pB) {
-  return _mm256_avg_epu16(pA, pB);
+// The bytes of pB where pMask's are negative, else those of pA.
+inline V blend8(V pA, V pB, V pMask) {
+  return _mm256_blendv_epi8(pA, pB, pMask);
+}
+// The rounding average of unsigned bytes.
+inline V avg8(V pA, V pB) {
+  return _mm256_avg_epu8(pA, pB);
 }
 
 // --- 32-bit lanes and single-precision floats, for the hue family ---
@@ -198,11 +189,6 @@ inline V alignr(V pHigh, V pLow) {
 // The lanes that follow pCurrent's: its lane 1, then lane 0 of pNext.
 inline V laterLanes(V pCurrent, V pNext) {
   return _mm256_permute2x128_si256(pCurrent, pNext, 0x21);
-}
-// pFirst's 32 bytes, then pSecond's.
-inline void storeRuns(unsigned char* pAt, V pFirst, V pSecond) {
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(pAt), pFirst);
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(pAt + 32), pSecond);
 }
 }  // namespace
 

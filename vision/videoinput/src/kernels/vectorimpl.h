@@ -1,13 +1,15 @@
 // The body of the vector kernels, shared by the instruction sets: each of
 // vector<set>.cpp includes it inside its own namespace, after defining on its vector
 // type V (kLanes lanes of 16 bytes) the operations used here. Every lane converts a block of its
-// own and no operation crosses lanes, so the code is the same for any number of lanes. Nothing
-// here has external linkage but the kernels declared in vector.h, and no header is
+// own; only loads, stores and laterLanes(), which hands the pixels of one block of a reduction to
+// the block before it, see more than one lane, so the code is the same for any number of lanes.
+// Nothing here has external linkage but the kernels declared in vector.h, and no header is
 // included: no code built for one instruction set can be picked by the linker for another file.
 //
 // The arithmetic is that of the reference kernels, exactly: sums in 16-bit lanes, split where
 // they would leave 16 bits, or kept where a wrap-around is harmless because the true sum is known
-// to fit; shifts floor like the reference's; saturating packs clamp.
+// to fit; shifts floor like the reference's; saturating packs clamp. The hue family works in
+// 32-bit lanes, and divides in floats where the quotient is known to come out exact (hueOf()).
 #pragma once
 
 namespace {
@@ -218,9 +220,7 @@ inline V colourOf(V pHue) {
   return packus16(packus32(c0, c1), packus32(c2, c2));
 }
 
-// --- RGB pairs to YUV422: eight pairs per lane ---
-
-constexpr int kPairs = 8;
+// --- RGB pairs to YUV422 ---
 
 // The pairs of a reduction by kRatio (1 for the same size): the bytes from pair to pair, and from
 // a pair's left pixel to its right one. At ratios 4 and 8 the right pixel of a pair is the left
@@ -231,88 +231,104 @@ struct PairLayout {
   static constexpr int kRight = kRatio == 1 ? 3 : kRatio / 2 * kRatio * 3;
 };
 
-// Y, U and V of eight pixels per lane, each the high byte of its 16-bit lane.
-struct Components {
-  V fLuma, fU, fV;
+// What is computed per pixel, from red and green, and blue and green, as pairs of bytes: the luma,
+// and the complements 255 - U and 255 - V of the chroma, each in the high byte of a 16-bit lane.
+// Green's factor is split between the two pairs, so that no pair's products leave 16 signed
+// bits; their sum plus the offset wraps around in 16 bits to the true value, which lies in
+// [0, 65535]. The complements come from the negated sum s of a chroma: the high byte of
+// 32639 - s is 127 - ((s + 128) >> 8), which is 255 - U (or V); their rounding byte average,
+// (511 - a - b) >> 1, is then the complement of the truncating mean (a + b) >> 1.
+enum Component { kLuma, kNotU, kNotV };
+struct Factors {
+  int fRed, fGreen1, fBlue, fGreen2, fOffset;
 };
+constexpr Factors kFactors[] = {
+    {66, 62, 25, 67, 4224},      // 66 R + 129 G + 25 B + 128, and + 16 after the shift: 4224
+    {38, 37, -112, 37, 32639},   // -U: 38 R + 74 G - 112 B
+    {-112, 47, 18, 47, 32639}};  // -V: -112 R + 94 G + 18 B
 
-// From red and green, and blue and green, of eight pixels per lane, as pairs of bytes. Green's
-// factor is split between the two pairs, so that no pair's products leave 16 signed bits; their
-// sum plus the offset wraps around in 16 bits to the true value, which lies in [0, 65535]:
-// 66 R + 129 G + 25 B + 128, then + 16 after the shift: 4224 = 128 + 16 * 256. U and V add
-// 128 + 128 * 256 = 32896.
-inline Components componentsOf(V pRedGreen, V pBlueGreen) {
-  const auto sum = [&](int pRed, int pGreen1, int pBlue, int pGreen2, int pOffset) {
-    return add16(
-        add16(maddubs(pRedGreen, pair8(pRed, pGreen1)), maddubs(pBlueGreen, pair8(pBlue, pGreen2))),
-        splat16(static_cast<short>(pOffset)));
-  };
-  return {sum(66, 62, 25, 67, 4224), sum(-38, -37, 112, -37, 32896),
-          sum(112, -47, -18, -47, 32896)};
+// Four signed bytes, repeated over the register: for maddubs, one pair of factors in the even
+// 16-bit lanes and another in the odd ones.
+inline V quad8(int pEven0, int pEven1, int pOdd0, int pOdd1) {
+  return splat32(static_cast<int>((static_cast<unsigned>(pEven0) & 0xFFu) |
+                                  ((static_cast<unsigned>(pEven1) & 0xFFu) << 8) |
+                                  ((static_cast<unsigned>(pOdd0) & 0xFFu) << 16) |
+                                  ((static_cast<unsigned>(pOdd1) & 0xFFu) << 24)));
 }
 
-// The mean of two components' high bytes, truncating, in the high byte: the rounding average of
-// the high bytes shifted by 8 is exact, its dropped half a bit being zero.
-inline V meanHigh(V pA, V pB) {
-  const V high = splat16(static_cast<short>(0xFF00));
-  return and128(avg16(and128(pA, high), and128(pB, high)), high);
+// Component kEven of the pixels in the even 16-bit lanes and kOdd of those in the odd ones.
+template <Component kEven, Component kOdd = kEven>
+inline V componentOf(V pRedGreen, V pBlueGreen) {
+  constexpr Factors e = kFactors[kEven], o = kFactors[kOdd];
+  static_assert(e.fOffset == o.fOffset, "one offset for both lanes");
+  return add16(add16(maddubs(pRedGreen, quad8(e.fRed, e.fGreen1, o.fRed, o.fGreen1)),
+                     maddubs(pBlueGreen, quad8(e.fBlue, e.fGreen2, o.fBlue, o.fGreen2))),
+               splat16(static_cast<short>(e.fOffset)));
 }
 
-// Eight pairs per lane: Y left, mean U, Y right, mean V.
-inline void storePairs(const Components& pLeft, const Components& pRight, unsigned char* pTarget) {
-  const V first = or128(srli16<8>(pLeft.fLuma), meanHigh(pLeft.fU, pRight.fU));    // Y0 U
-  const V second = or128(srli16<8>(pRight.fLuma), meanHigh(pLeft.fV, pRight.fV));  // Y1 V
-  store32(pTarget, unpacklo16(first, second), unpackhi16(first, second));
+// Target words: the luma's high bytes in the low bytes, and in the high bytes the truncating
+// means of two chroma values, given as complements in the high bytes of pNotA and pNotB.
+inline V lumaAndMean(V pLuma, V pNotA, V pNotB) {
+  return or128(srli16<8>(pLuma),
+               andnot128(avg8(pNotA, pNotB), splat16(static_cast<short>(0xFF00))));
 }
 
 // The same size and ratio 2, where left and right pixels are distinct: four pairs of the lane,
-// from the first one's left pixel, as two registers of four groups of four bytes (pairs 0 and 1,
-// then 2 and 3): red and green of both left pixels, then of both right pixels; blue and green of
-// both left pixels, then of both right pixels. The loads end with the last byte of pair 3, which
-// the reference reads. kLaneStride: the bytes from the lane's pairs to the next lane's.
+// from the first one's left pixel, in the target's order L0 R0 L1 R1 L2 R2 L3 R3, red and green
+// in one register and blue and green in the other. The loads end with the last byte of pair 3,
+// which the reference reads. kLaneStride: the bytes from the lane's pairs to the next lane's.
 template <int kRatio, int kLaneStride>
-inline void fourPairs(const unsigned char* pPair, V& pFirst, V& pSecond) {
+inline void pixelsInOrder(const unsigned char* pPair, V& pRedGreen, V& pBlueGreen) {
   if constexpr (kRatio == 1) {
-    // Eight touching pixels L0 R0 L1 R1 L2 R2 L3 R3, from bytes 0 and 12, or from byte 4 of a
-    // load 4 bytes earlier.
-    const V split = mask(0, 1, 6, 7, 3, 4, 9, 10, 2, 1, 8, 7, 5, 4, 11, 10);
-    pFirst = shuffle8(lanes(pPair, kLaneStride), split);
-    pSecond = shuffle8(lanes(pPair + 8, kLaneStride),
-                       mask(4, 5, 10, 11, 7, 8, 13, 14, 6, 5, 12, 11, 9, 8, 15, 14));
+    // Eight touching pixels: 0 to 4 from the load at byte 0, 5 to 7 from the one at 8.
+    const V a = lanes(pPair, kLaneStride), b = lanes(pPair + 8, kLaneStride);
+    pRedGreen =
+        or128(shuffle8(a, mask(0, 1, 3, 4, 6, 7, 9, 10, 12, 13, kZ, kZ, kZ, kZ, kZ, kZ)),
+              shuffle8(b, mask(kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, 7, 8, 10, 11, 13, 14)));
+    pBlueGreen =
+        or128(shuffle8(a, mask(2, 1, 5, 4, 8, 7, 11, 10, 14, 13, kZ, kZ, kZ, kZ, kZ, kZ)),
+              shuffle8(b, mask(kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, 9, 8, 12, 11, 15, 14)));
   } else {
-    // Pairs 12 bytes apart, 9 bytes each: L0 R0 L1 from the load at byte 0, R1 L2 from the one
-    // at 14, R2 L3 R3 from the one at 29.
-    const V a = lanes(pPair, kLaneStride), b = lanes(pPair + 14, kLaneStride);
-    const V c = lanes(pPair + 29, kLaneStride);
-    pFirst = or128(shuffle8(a, mask(0, 1, 12, 13, 6, 7, kZ, kZ, 2, 1, 14, 13, 8, 7, kZ, kZ)),
-                   shuffle8(b, mask(kZ, kZ, kZ, kZ, kZ, kZ, 4, 5, kZ, kZ, kZ, kZ, kZ, kZ, 6, 5)));
-    pSecond =
-        or128(shuffle8(b, mask(10, 11, kZ, kZ, kZ, kZ, kZ, kZ, 12, 11, kZ, kZ, kZ, kZ, kZ, kZ)),
-              shuffle8(c, mask(kZ, kZ, 7, 8, 1, 2, 13, 14, kZ, kZ, 9, 8, 3, 2, 15, 14)));
+    // Pixels 6 bytes apart. Pixels 0 to 2 fill bytes 0 to 2, 6 to 8 and 12 to 14 of the load
+    // at 0, pixels 3 and 4 bytes 3 to 5 and 9 to 11 of the load at 15: one blend packs pixels 0
+    // to 4, as 0 3 1 4 2. Pixels 5 to 7 come from the load at 29.
+    constexpr char k0 = 0, k1 = -1;
+    const V first = blend8(lanes(pPair, kLaneStride), lanes(pPair + 15, kLaneStride),
+                           mask(k0, k0, k0, k1, k1, k1, k0, k0, k0, k1, k1, k1, k0, k0, k0, k0));
+    const V last = lanes(pPair + 29, kLaneStride);
+    pRedGreen =
+        or128(shuffle8(first, mask(0, 1, 6, 7, 12, 13, 3, 4, 9, 10, kZ, kZ, kZ, kZ, kZ, kZ)),
+              shuffle8(last, mask(kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, 1, 2, 7, 8, 13, 14)));
+    pBlueGreen =
+        or128(shuffle8(first, mask(2, 1, 8, 7, 14, 13, 5, 4, 11, 10, kZ, kZ, kZ, kZ, kZ, kZ)),
+              shuffle8(last, mask(kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, kZ, 3, 2, 9, 8, 15, 14)));
   }
 }
 
-// Eight pairs per lane, in two runs of four: with two lanes, pairs 0 to 3 and 8 to 11 in the
-// first, 4 to 7 and 12 to 15 in the second, so that the pairs leave in order without crossing
-// lanes.
+// Four pairs per lane, computed in the target's order: the luma of every pixel; 255 - U of the
+// left pixels and 255 - V of the right ones, and the other way round with each value moved to its
+// partner's lane, so that the means land where the target has them: U after the left pixel's
+// luma, V after the right one's.
 template <int kRatio>
 inline void pairBlock(const unsigned char* pLeft, unsigned char* pTarget) {
-  constexpr int kStep = PairLayout<kRatio>::kStep, kLaneStride = 4 * kStep;
-  V d[4];
-  fourPairs<kRatio, kLaneStride>(pLeft, d[0], d[1]);
-  fourPairs<kRatio, kLaneStride>(pLeft + 4 * kLanes * kStep, d[2], d[3]);
-  const V low01 = unpacklo32(d[0], d[1]), high01 = unpackhi32(d[0], d[1]);
-  const V low23 = unpacklo32(d[2], d[3]), high23 = unpackhi32(d[2], d[3]);
-  const Components left = componentsOf(unpacklo64(low01, low23), unpacklo64(high01, high23));
-  const Components right = componentsOf(unpackhi64(low01, low23), unpackhi64(high01, high23));
-  const V first = or128(srli16<8>(left.fLuma), meanHigh(left.fU, right.fU));    // Y0 U
-  const V second = or128(srli16<8>(right.fLuma), meanHigh(left.fV, right.fV));  // Y1 V
-  storeRuns(pTarget, unpacklo16(first, second), unpackhi16(first, second));
+  V redGreen, blueGreen;
+  pixelsInOrder<kRatio, 4 * PairLayout<kRatio>::kStep>(pLeft, redGreen, blueGreen);
+  const V swapped = shuffle8(componentOf<kNotV, kNotU>(redGreen, blueGreen),
+                             mask(2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13));
+  store16(pTarget, lumaAndMean(componentOf<kLuma>(redGreen, blueGreen),
+                               componentOf<kNotU, kNotV>(redGreen, blueGreen), swapped));
 }
 
 // Ratios 4 and 8: the pixels sampled, kStep bytes apart, are the left pixels of the pairs and,
 // kAhead pixels on, their right pixels too. Each is converted once: a block's right components
-// are its own moved on by kAhead, followed by those of the next block.
+// are its own moved on by kAhead, followed by those of the next block. Eight pairs per lane.
+constexpr int kPairs = 8;
+
+// The luma and the chroma complements of eight pixels per lane.
+struct Components {
+  V fLuma, fNotU, fNotV;
+};
+
 template <int kRatio>
 struct Sampling {
   static constexpr int kStep = PairLayout<kRatio>::kStep;
@@ -341,7 +357,9 @@ struct Sampling {
     // Red and green, then blue and green, of pixels 0 to 3 and 4 to 7 of the lane.
     const V split = mask(0, 1, 4, 5, 8, 9, 12, 13, 2, 1, 6, 5, 10, 9, 14, 13);
     const V low = shuffle8(pLow, split), high = shuffle8(pHigh, split);
-    return componentsOf(unpacklo64(low, high), unpackhi64(low, high));
+    const V redGreen = unpacklo64(low, high), blueGreen = unpackhi64(low, high);
+    return {componentOf<kLuma>(redGreen, blueGreen), componentOf<kNotU>(redGreen, blueGreen),
+            componentOf<kNotV>(redGreen, blueGreen)};
   }
   static Components block(const unsigned char* pAt) {
     constexpr int kLaneStride = kPairs * kStep;
@@ -362,10 +380,11 @@ struct Sampling {
       const auto right = [](V pCurrent, V pAfter) {
         return alignr<2 * kAhead>(laterLanes(pCurrent, pAfter), pCurrent);
       };
-      storePairs(current,
-                 {right(current.fLuma, after.fLuma), right(current.fU, after.fU),
-                  right(current.fV, after.fV)},
-                 pTarget + 4 * i);
+      // Y0 U, then Y1 V, of each pair.
+      const V first = lumaAndMean(current.fLuma, current.fNotU, right(current.fNotU, after.fNotU));
+      const V second = lumaAndMean(right(current.fLuma, after.fLuma), current.fNotV,
+                                   right(current.fNotV, after.fNotV));
+      store32(pTarget + 4 * i, unpacklo16(first, second), unpackhi16(first, second));
       current = after;
     }
     return done;
@@ -496,7 +515,7 @@ int yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, i
 
 int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
             unsigned char* pTarget, int pPairs) {
-  constexpr int kPerPairLoop = kPairs * kLanes;
+  constexpr int kPerPairLoop = 4 * kLanes;
   const int done = pPairs / kPerPairLoop * kPerPairLoop;
   const auto is = [&](auto pRatio) {
     using Layout = PairLayout<decltype(pRatio)::kValue>;

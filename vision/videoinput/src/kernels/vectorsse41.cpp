@@ -50,9 +50,6 @@ inline V evenOddDwords(V pA, V pB) {
 inline V maddubs(V pUnsigned, V pSigned) {
   return _mm_maddubs_epi16(pUnsigned, pSigned);
 }
-inline V mullo16(V pA, V pB) {
-  return _mm_mullo_epi16(pA, pB);
-}
 inline V add16(V pA, V pB) {
   return _mm_add_epi16(pA, pB);
 }
@@ -67,18 +64,11 @@ template <int kBits>
 inline V srli16(V pValue) {
   return _mm_srli_epi16(pValue, kBits);
 }
-template <int kBits>
-inline V slli16(V pValue) {
-  return _mm_slli_epi16(pValue, kBits);
-}
 inline V packus16(V pA, V pB) {
   return _mm_packus_epi16(pA, pB);
 }
 inline V unpacklo8(V pA, V pB) {
   return _mm_unpacklo_epi8(pA, pB);
-}
-inline V unpackhi8(V pA, V pB) {
-  return _mm_unpackhi_epi8(pA, pB);
 }
 inline V unpacklo16(V pA, V pB) {
   return _mm_unpacklo_epi16(pA, pB);
@@ -89,18 +79,19 @@ inline V unpackhi16(V pA, V pB) {
 inline V unpacklo32(V pA, V pB) {
   return _mm_unpacklo_epi32(pA, pB);
 }
-inline V unpackhi32(V pA, V pB) {
-  return _mm_unpackhi_epi32(pA, pB);
-}
 inline V unpacklo64(V pA, V pB) {
   return _mm_unpacklo_epi64(pA, pB);
 }
 inline V unpackhi64(V pA, V pB) {
   return _mm_unpackhi_epi64(pA, pB);
 }
-// The rounding average of unsigned 16-bit lanes.
-inline V avg16(V pA, V pB) {
-  return _mm_avg_epu16(pA, pB);
+// The bytes of pB where pMask's are negative, else those of pA.
+inline V blend8(V pA, V pB, V pMask) {
+  return _mm_blendv_epi8(pA, pB, pMask);
+}
+// The rounding average of unsigned bytes.
+inline V avg8(V pA, V pB) {
+  return _mm_avg_epu8(pA, pB);
 }
 
 // --- 32-bit lanes and single-precision floats, for the hue family ---
@@ -186,10 +177,6 @@ inline V alignr(V pHigh, V pLow) {
 // The lanes that follow pCurrent's: pNext's, with one lane.
 inline V laterLanes(V, V pNext) {
   return pNext;
-}
-// pFirst's 16 bytes, then pSecond's.
-inline void storeRuns(unsigned char* pAt, V pFirst, V pSecond) {
-  store32(pAt, pFirst, pSecond);
 }
 }  // namespace
 
