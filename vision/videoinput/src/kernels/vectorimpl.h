@@ -59,10 +59,12 @@ int rows(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pC
   if (pStep != 1 && pStep != 2) return 0;
   const int usable = pCount - (pStep == 1 ? kSpare1 : kSpare2);
   const int done = usable <= 0 ? 0 : usable / kPerLoop * kPerLoop;
-  for (int i = 0; i < done; i += kPerLoop) {
-    if (pStep == 1) {
+  if (pStep == 1) {
+    for (int i = 0; i < done; i += kPerLoop) {
       pBody(Step<1>(), pSource + kSource * i, pTarget + kTargetBytes * i);
-    } else {
+    }
+  } else {
+    for (int i = 0; i < done; i += kPerLoop) {
       pBody(Step<2>(), pSource + 2 * kSource * i, pTarget + kTargetBytes * i);
     }
   }
@@ -142,51 +144,51 @@ struct HueLanes {
 };
 
 // The hue of each lane, as the reference's seven cases give it. With a = red - green and
-// b = green - blue, c = red - blue is a + b, and the cases fall into three sectors:
-//   red (a > 0, c > 0): cases 1 and 2, n = b, d = max(a, c), offset 0 if b > 0, else -1;
-//   blue (else, b < 0): cases 3 and 4, n = a, d = -min(b, c), offset -85;
-//   green (the rest): cases 5 and 6, n = -|c|, d = b if c > 0, else a, offset 85; and grey,
-//   a = b = c = 0, the only d of 0, with hue 0 and no saturation.
-// The hue is n * 85 / (2 d), truncated, plus the offset; the saturation's numerator 255 |d|,
-// its denominator's chroma part that of red, green (red - a) or blue (red - c).
+// b = green - blue, c = red - blue is a + b, and the cases fall into three sectors, by the
+// largest channel:
+//   red (a > 0, c > 0): cases 1 and 2, n = b, offset 0 if b > 0, else -1;
+//   blue (else, b < 0): cases 3 and 4, n = a, offset -85;
+//   green (the rest): cases 5 and 6, n = -c, offset 85; and grey, a = b = c = 0, with hue 0
+//   and no saturation.
+// In every case the reference's divisor is, up to its sign, the spread d of the channels, the
+// largest less the smallest, that of 0, -a and -c; it is 0 for grey alone. The hue is
+// n * 85 / (2 d), truncated, plus the offset; the saturation's numerator 255 d, its
+// denominator's chroma part that of red, green (red - a) or blue (red - c).
 // In floats the quotient is exact enough: 42.5 n and d are exact (|85 n| < 2^24), and the
-// rounding error of the division, below 43 * 2^-24, is smaller than the distance 1 / (2 |d|),
+// rounding error of the division, below 43 * 2^-24, is smaller than the distance 1 / (2 d),
 // above 4e-6, of a quotient that is no integer from the next integer: truncation agrees.
 inline HueLanes hueOf(V pUv) {
   const V zero = splat32(0);
   const V a = linear(pUv, 208, 509, -91776);
   const V b = linear(pUv, -724, -100, 105472);
   const V c = add32(a, b);
-  const V bPositive = cmpgt32(b, zero), blue = cmpgt32(zero, b), cPositive = cmpgt32(c, zero);
-  const V red = and128(cmpgt32(a, zero), cPositive);
+  const V blue = cmpgt32(zero, b);
+  const V red = and128(cmpgt32(a, zero), cmpgt32(c, zero));
   const auto sector = [&](V pGreen, V pBlue, V pRed) {
     return blend(blend(pGreen, pBlue, blue), pRed, red);
   };
-  const V n = sector(sub32(zero, abs32(c)), a, b);
-  const V d = sector(blend(a, b, cPositive), sub32(zero, min32(b, c)), max32(a, c));
-  const V grey = cmpeq32(d, zero);
-  const V offset =
-      andnot128(grey, sector(splat32(85), splat32(-85), xor128(bPositive, splat32(-1))));
-  const V quotient = truncate(divF(mulF(toFloat(n), splatF(42.5f)), toFloat(sub32(d, grey))));
-  const V magnitude = abs32(d);
-  const V numerator = sub32(slli32<8>(magnitude), magnitude);
+  const V spread = sub32(max32(max32(a, c), zero), min32(min32(a, c), zero));
+  const V grey = cmpeq32(spread, zero);
+  const V n = sector(sub32(zero, c), a, b);
+  const V offset = andnot128(grey, sector(splat32(85), splat32(-85), cmpgt32(splat32(1), b)));
+  const V quotient = truncate(divF(mulF(toFloat(n), splatF(42.5f)), toFloat(sub32(spread, grey))));
+  const V numerator = sub32(slli32<8>(spread), spread);
   return {add32(quotient, offset), numerator,
           mulF(toFloat(numerator), splatF(1.0f + 1.0f / (1 << 20))),
           sub32(linear(pUv, 0, 409, -57119), andnot128(red, blend(a, c, blue)))};
 }
 
 // The saturation of the pixels whose lumas are pLuma (one byte per 32-bit lane): numerator over
-// 298 Y + chroma, truncating, 0 where that is not positive (the numerator never is negative).
-// Three roundings of the float quotient, below 2^-24 each, cannot undo the bias 2^-20 of the
-// numerator: below 256 the float lies above the quotient, by less than 3e-4, so that its
-// truncation is the quotient's or one more, which the remainder shows. Above, only the clamp
-// matters; the result may reach 256, which the saturating packs clamp.
+// 298 Y + chroma, truncating, clamped to 0 to 255 by the saturating packs. The denominator is
+// never 0; where it is negative so is the quotient (the numerator never is), whatever the
+// correction below does. Three roundings of the float quotient, below 2^-24 each, cannot undo
+// the bias 2^-20 of the numerator: below 256 the float lies above the quotient, by less than
+// 3e-4, so that its truncation is the quotient's or one more, which the remainder shows. Above,
+// only the clamp matters.
 inline V saturationOf(const HueLanes& pHue, V pLuma) {
   const V denominator = add32(madd16(pLuma, splat32(298)), pHue.fChroma);
-  const V divisor = max32(denominator, splat32(1));
-  const V quotient = min32(truncate(divF(pHue.fBiased, toFloat(divisor))), splat32(256));
-  const V over = cmpgt32(mullo32(quotient, divisor), pHue.fNumerator);
-  return and128(add32(quotient, over), cmpgt32(denominator, splat32(0)));
+  const V quotient = min32(truncate(divF(pHue.fBiased, toFloat(denominator))), splat32(256));
+  return add32(quotient, cmpgt32(mullo32(quotient, denominator), pHue.fNumerator));
 }
 
 // Per lane the hue bytes of its four macro-pixels, then the saturations of their first pixels,
