@@ -324,15 +324,37 @@ void convertPlane(const SourceFrame& pSource, const TargetFrame& pDestination,
   const int64_t targetRow = pShape.fTargetAdvances ? count * pShape.fTargetBytes : 0;
   const int64_t lastRead = pShape.fLastRead(step);
   const Row row = activeKernels().*pShape.fRow;
-  for (int64_t y = 0; y < height; ++y) {
-    const int64_t sourceBase = y * sourceRow;
-    const int64_t targetBase = y * targetRow;
-    const int64_t fit =
-        std::min({count, fitting(sourceSize - sourceBase, sourceAdvance, lastRead),
-                  fitting(targetSize - targetBase, pShape.fTargetBytes, pShape.fTargetBytes - 1)});
-    if (fit > 0) {
-      row(pSource.fData + sourceBase, step, pDestination.fData + targetBase, static_cast<int>(fit));
+  const auto fitOf = [&](int64_t pY) {
+    return std::min(
+        {count, fitting(sourceSize - pY * sourceRow, sourceAdvance, lastRead),
+         fitting(targetSize - pY * targetRow, pShape.fTargetBytes, pShape.fTargetBytes - 1)});
+  };
+  // Macro-pixels pFrom to pTo of row pY.
+  const auto run = [&](int64_t pY, int64_t pFrom, int64_t pTo) {
+    if (pTo > pFrom) {
+      row(pSource.fData + pY * sourceRow + pFrom * sourceAdvance, step,
+          pDestination.fData + pY * targetRow + pFrom * pShape.fTargetBytes,
+          static_cast<int>(pTo - pFrom));
     }
+  };
+  if (targetRow == 0) {
+    // Every row is written over the first: what is left there is the last row that runs (the
+    // first that does not fit whole, or the last), and beyond its end the row before it. Only
+    // those are converted; the bytes are the same.
+    int64_t last = fitOf(0) < count ? 0 : height - 1;
+    if (last > 0 && sourceRow > 0) {
+      // Rows fit whole while the source holds their last macro-pixel's reads.
+      const int64_t room = sourceSize - (lastRead + 1 + (count - 1) * sourceAdvance);
+      last = std::min(last, room / sourceRow + 1);
+    }
+    const int64_t fit = fitOf(last);
+    if (last > 0) run(last - 1, fit, count);
+    run(last, 0, fit);
+    return;
+  }
+  for (int64_t y = 0; y < height; ++y) {
+    const int64_t fit = fitOf(y);
+    run(y, 0, fit);
     if (fit < count) break;
   }
 }
