@@ -4,9 +4,10 @@
 // output size (BM_ReSizeVsLibyuv_Reference, colour conversion without resampling), and against
 // libyuv's scaler between the same sizes (BM_ReSizeVsLibyuvScale_Reference: ARGBScale with
 // kFilterNone, point sampling from an ARGB frame of the input size into one of the output size,
-// with no colour conversion, so strictly less work than ours). libyuv is not bit-exact to our
-// formula: it is a speed reference only. MB/s are bytes of output. VI_BENCH_ITERATIONS fixes the
-// iteration count (scripts/bench-instructions).
+// with no colour conversion, so strictly less work than ours; BM_ReSizeVsLibyuvScaleYuy2_Reference:
+// the same, then ARGBToYUY2 at the output size, the same work as ours). libyuv is not bit-exact to
+// our formula: it is a speed reference only. MB/s are bytes of output. VI_BENCH_ITERATIONS fixes
+// the iteration count (scripts/bench-instructions).
 #include <benchmark/benchmark.h>
 #include <libyuv.h>
 
@@ -137,23 +138,43 @@ void BM_ReSizeVsLibyuvScale(benchmark::State& pState) {
   runReSize(pState);
 }
 
-// Point sampling (kFilterNone) between the case's sizes, ARGB to ARGB: libyuv scales neither RGB24
-// nor YUY2 without a conversion of the whole input frame first.
-void BM_ReSizeVsLibyuvScale_Reference(benchmark::State& pState) {
+// Point sampling (kFilterNone) between the case's sizes, ARGB to ARGB, and with pConvert the
+// conversion of the result to YUY2 after it: libyuv scales neither RGB24 nor YUY2 without a
+// conversion of the whole input frame first.
+void runArgbScale(benchmark::State& pState, bool pConvert) {
   const Sizes sizes = sizesOf(static_cast<int>(pState.range(0)));
   std::vector<unsigned char> source(static_cast<size_t>(sizes.fInWidth) * sizes.fInHeight * 4);
   for (size_t i = 0; i < source.size(); ++i) {
     source[i] = static_cast<unsigned char>(i * 7 + (i >> 9));
   }
-  std::vector<unsigned char> target(static_cast<size_t>(sizes.fOutWidth) * sizes.fOutHeight * 4);
+  std::vector<unsigned char> argb(static_cast<size_t>(sizes.fOutWidth) * sizes.fOutHeight * 4);
+  std::vector<unsigned char> yuy2(sizes.outBytes());
   for (auto _ : pState) {
     libyuv::ARGBScale(source.data(), sizes.fInWidth * 4, sizes.fInWidth, sizes.fInHeight,
-                      target.data(), sizes.fOutWidth * 4, sizes.fOutWidth, sizes.fOutHeight,
+                      argb.data(), sizes.fOutWidth * 4, sizes.fOutWidth, sizes.fOutHeight,
                       libyuv::kFilterNone);
-    benchmark::DoNotOptimize(target.data());
+    if (pConvert) {
+      libyuv::ARGBToYUY2(argb.data(), sizes.fOutWidth * 4, yuy2.data(), sizes.fOutWidth * 2,
+                         sizes.fOutWidth, sizes.fOutHeight);
+    }
+    benchmark::DoNotOptimize(argb.data());
+    benchmark::DoNotOptimize(yuy2.data());
     benchmark::ClobberMemory();
   }
   pState.SetBytesProcessed(static_cast<int64_t>(pState.iterations() * sizes.outBytes()));
+}
+
+void BM_ReSizeVsLibyuvScale_Reference(benchmark::State& pState) {
+  runArgbScale(pState, false);
+}
+
+// The same kernel again, paired with libyuv's scaler and its conversion to YUY2: the same work.
+void BM_ReSizeVsLibyuvScaleYuy2(benchmark::State& pState) {
+  runReSize(pState);
+}
+
+void BM_ReSizeVsLibyuvScaleYuy2_Reference(benchmark::State& pState) {
+  runArgbScale(pState, true);
 }
 
 void fixedIterations(benchmark::internal::Benchmark* pBenchmark) {
@@ -184,4 +205,6 @@ BENCHMARK(BM_ReSizeVsLibyuv)->Apply(allCases);
 BENCHMARK(BM_ReSizeVsLibyuv_Reference)->Apply(allCases);
 BENCHMARK(BM_ReSizeVsLibyuvScale)->Apply(resizingCases);
 BENCHMARK(BM_ReSizeVsLibyuvScale_Reference)->Apply(resizingCases);
+BENCHMARK(BM_ReSizeVsLibyuvScaleYuy2)->Apply(resizingCases);
+BENCHMARK(BM_ReSizeVsLibyuvScaleYuy2_Reference)->Apply(resizingCases);
 BENCHMARK_MAIN();
