@@ -11,6 +11,10 @@ struct ConnectOptions {
   // as oxkeygen writes them. Both empty: no encryption; one without the other is refused.
   std::string fServerKey;
   std::string fClientKey;
+  // How long a request waits for its reply, in milliseconds; 0 or less: the process's remote
+  // timeout (OXProxy::setRemoteTimeout). A client that must notice a silent host sooner than
+  // the process default, such as a GStreamer element, sets its own.
+  int fTimeoutMs = 0;
 };
 
 }  // namespace OX
