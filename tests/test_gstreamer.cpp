@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,6 +18,7 @@
 #include "oxbroker.h"
 #include "oxerror.h"
 #include "oxtypes.h"
+#include "testsupport.h"
 
 namespace {
 
@@ -112,17 +114,34 @@ std::vector<guint8> throughTheDevice(const std::vector<guint8>& pRgb) {
 class GStreamer : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    // The plugin of this build, and a registry of this test's own.
+    // The plugin of this build and the few system plugins that the pipelines use, in a registry
+    // of this test's own made anew in this process: the helper that would scan the plugins is
+    // not built with this program's sanitizers, a registry kept from a run that could not load
+    // the plugin would not try it again, and loading every plugin of the system would be slow
+    // under the sanitizers (and leaves GLib's first table of names behind, which they report).
+    sFolder = new vitest::TempDir;
+    const std::filesystem::path system = sFolder->file("plugins");
+    std::filesystem::create_directory(system);
+    for (const char* name : {"libgstcoreelements.so", "libgstvideotestsrc.so",
+                             "libgstvideoconvertscale.so", "libgstapp.so"}) {
+      std::filesystem::create_symlink(std::filesystem::path(VI_GST_PLUGINS_DIR) / name,
+                                      system / name);
+    }
+    setenv("GST_PLUGIN_SYSTEM_PATH", system.c_str(), 1);
     setenv("GST_PLUGIN_PATH", VI_LIBRARY_DIR "/gstreamer-1.0", 1);
-    setenv("GST_REGISTRY", "gst-registry-test.bin", 1);
+    setenv("GST_REGISTRY", sFolder->file("registry.bin").c_str(), 1);
+    setenv("GST_REGISTRY_FORK", "no", 1);
     gst_init(nullptr, nullptr);
   }
+  static void TearDownTestSuite() { delete sFolder; }
+  static vitest::TempDir* sFolder;
   std::string source(const std::string& pOptions) {
     return "oxvideosrc port=" + std::to_string(fBroker->port()) + " " + pOptions;
   }
 
   std::unique_ptr<BrokerProcess> fBroker = std::make_unique<BrokerProcess>();
 };
+vitest::TempDir* GStreamer::sFolder = nullptr;
 
 // Guards against frames that are lost, repeated, reordered or altered on their way from a
 // GStreamer source through oxsimsink, the host and oxvideosrc, and against a subscriber left
