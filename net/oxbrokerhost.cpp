@@ -65,6 +65,12 @@ zmq::message_t borrowedFrame(const OXValue::Binary& pBytes,
       keep);
 }
 
+// The IP address of the client that sent pFrame, as ZeroMQ tells it; empty when it does not.
+std::string peerAddress(const zmq::message_t& pFrame) {
+  const char* address = zmq_msg_gets(pFrame.handle(), "Peer-Address");
+  return address != nullptr ? address : "";
+}
+
 std::vector<wire::FrameView> viewsOf(const std::vector<zmq::message_t>& pFrames) {
   std::vector<wire::FrameView> views;
   views.reserve(pFrames.size());
@@ -80,6 +86,7 @@ class OXBrokerHost::Impl {
   ~Impl() { stop(); }
   void start();
   void stop();
+  net::HostStatus status() const;
   std::string fUrl;
 
  private:
@@ -116,6 +123,8 @@ class OXBrokerHost::Impl {
   std::unique_ptr<SessionTable> fSessions;
   std::unique_ptr<RequestHandler> fHandler;
   std::unique_ptr<Scheduler> fScheduler;
+  mutable HostMetrics fMetrics;  // callRate keeps its sample
+  const Clock::time_point fCreated = Clock::now();
 
   std::atomic<bool> fStopping{false};      // no more requests are read
   std::atomic<bool> fListenerDone{false};  // the listener forwards the last replies and ends
@@ -139,9 +148,21 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
     fReplies.connect(pHost.fRepliesEndpoint);
   }
   void serve(Job& pJob) override {
-    OXValue reply = fHost.fHandler->handle(pJob.fRoutingId, viewsOf(pJob.fFrames));
+    const Clock::time_point start = Clock::now();
+    std::size_t requestBytes = 0;
+    for (const zmq::message_t& frame : pJob.fFrames) requestBytes += frame.size();
+    RequestHandler::Served served;
+    OXValue reply = fHost.fHandler->handle(pJob.fRoutingId, viewsOf(pJob.fFrames), &served);
+    if (served.fOperation == "hello") {
+      fHost.fSessions->setAddress(pJob.fRoutingId, peerAddress(pJob.fFrames[0]));
+    }
     pJob.fFrames.clear();  // the decoded request holds its own copy
-    send(pJob, std::move(reply));
+    const bool failed = reply[2].asString() == "error";
+    const std::size_t replyBytes = send(pJob, std::move(reply));
+    if (served.fOperation == "call") {
+      fHost.fMetrics.record(served.fModule, served.fMethod, failed, requestBytes, replyBytes,
+                            Clock::now() - start);
+    }
   }
   void refuse(Job& pJob) override {
     send(pJob,
@@ -149,7 +170,8 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
   }
 
  private:
-  void send(Job& pJob, OXValue&& pReply) {
+  // Returns the bytes sent.
+  std::size_t send(Job& pJob, OXValue&& pReply) {
     auto held = boost::make_shared<HeldReply>();
     held->fValue = std::move(pReply);
     wire::Encoded encoded;
@@ -168,6 +190,7 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
       zmq::message_t frame = borrowedFrame(*encoded.fFrames[i], owner);
       (void)fReplies.send(frame, i + 1 == encoded.fFrames.size() ? zmq::send_flags::none : more);
     }
+    return bytes;
   }
 
   Impl& fHost;
@@ -347,6 +370,7 @@ bool OXBrokerHost::Impl::servedInline(const std::string& pRoutingId,
     return false;
   }
   OXValue reply = fHandler->handle(pRoutingId, viewsOf(pFrames));
+  if (op == "hello") fSessions->setAddress(pRoutingId, peerAddress(pFrames[0]));
   wire::Encoded encoded;
   encodeReply(pStart.fId, reply, encoded);
   std::vector<zmq::message_t> frames;
@@ -473,6 +497,24 @@ void OXBrokerHost::stop() {
 
 std::string OXBrokerHost::getUrl() const {
   return fImpl->fUrl;
+}
+
+net::HostStatus OXBrokerHost::getStatus() const {
+  return fImpl->status();
+}
+
+net::HostStatus OXBrokerHost::Impl::status() const {
+  HostStatus status;
+  status.fUrl = fUrl;
+  status.fUptimeSeconds = std::chrono::duration<double>(Clock::now() - fCreated).count();
+  status.fWorkers = fOptions.fThreads;
+  status.fMaxSessions = fLimits.fMaxSessions;
+  status.fCalls = fMetrics.calls();
+  status.fCallRate = fMetrics.callRate();
+  status.fMethods = fMetrics.methods();
+  if (fScheduler) fScheduler->load(status.fQueued, status.fRunning);
+  if (fSessions) status.fSessions = fSessions->list();
+  return status;
 }
 
 }  // namespace OX

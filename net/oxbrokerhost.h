@@ -14,6 +14,7 @@
 #include <string>
 
 #include "oxbroker.h"
+#include "oxmetrics.h"
 #include "oxwire.h"
 
 namespace OX {
@@ -49,6 +50,9 @@ class OXBrokerHost {
   void stop();
   // The address that clients connect to, e.g. "tcp://127.0.0.1:7761".
   std::string getUrl() const;
+  // What the host is doing now (sessions, load, calls per method), for its pages and metrics.
+  // Any thread, once started.
+  net::HostStatus getStatus() const;
 
  private:
   class Impl;

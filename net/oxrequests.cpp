@@ -21,6 +21,15 @@ const std::string& operandString(const OXValue& pHeader, int pIndex, const std::
   return pHeader[pIndex].asString();
 }
 
+void noteServed(const OXValue& pHeader, RequestHandler::Served& pServed) {
+  pServed.fOperation = pHeader[2].asString();
+  if (pServed.fOperation == "call" && pHeader.getSize() > 4 && pHeader[3].isString() &&
+      pHeader[4].isString()) {
+    pServed.fModule = pHeader[3].asString();
+    pServed.fMethod = pHeader[4].asString();
+  }
+}
+
 bool startsWith(const std::string& pText, const char* pPrefix) {
   return pText.rfind(pPrefix, 0) == 0;
 }
@@ -63,7 +72,7 @@ RequestHandler::RequestHandler(boost::shared_ptr<OXBroker> pBroker, SessionTable
     : fBroker(std::move(pBroker)), fSessions(pSessions), fMaxMessageBytes(pMaxMessageBytes) {}
 
 OXValue RequestHandler::handle(const std::string& pRoutingId,
-                               const std::vector<wire::FrameView>& pFrames) {
+                               const std::vector<wire::FrameView>& pFrames, Served* pServed) {
   int id = -1;
   try {
     const OXValue header = wire::decode(pFrames, fMaxMessageBytes);
@@ -72,6 +81,7 @@ OXValue RequestHandler::handle(const std::string& pRoutingId,
       refuse("decode", "malformed message: a request is [version, id, operation, ...]");
     }
     id = header[1].asInt();
+    if (pServed != nullptr) noteServed(header, *pServed);
     if (header[0].asInt() != wire::kProtocolVersion) {
       refuse("decode", "unsupported protocol version " + std::to_string(header[0].asInt()) +
                            " (this broker speaks " + std::to_string(wire::kProtocolVersion) + ")");

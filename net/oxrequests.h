@@ -23,9 +23,18 @@ class RequestHandler {
   RequestHandler(boost::shared_ptr<OXBroker> pBroker, SessionTable& pSessions,
                  std::size_t pMaxMessageBytes);
 
+  // What a request was, for the host's metrics: its operation and, for a call, the module and
+  // method called (empty when the request could not be decoded that far).
+  struct Served {
+    std::string fOperation;
+    std::string fModule;
+    std::string fMethod;
+  };
+
   // The reply to the message pFrames of the connection pRoutingId: [1, id, "ok", result] or
-  // [1, id, "error", fields]. Never throws for anything the client sent.
-  OXValue handle(const std::string& pRoutingId, const std::vector<wire::FrameView>& pFrames);
+  // [1, id, "error", fields]. Never throws for anything the client sent. Fills pServed if given.
+  OXValue handle(const std::string& pRoutingId, const std::vector<wire::FrameView>& pFrames,
+                 Served* pServed = nullptr);
 
  private:
   OXValue run(const std::string& pRoutingId, const OXValue& pHeader);

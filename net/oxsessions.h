@@ -10,6 +10,7 @@
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -20,6 +21,7 @@
 #include <vector>
 
 #include "oxbroker.h"
+#include "oxmetrics.h"
 
 namespace OX {
 namespace net {
@@ -58,11 +60,17 @@ class SessionTable {
   void forget(const std::string& pRoutingId, const Subscriber& pSubscriber);
   std::vector<std::string> routingIds() const;
   std::size_t size() const;
+  // The client's address, for the host's pages; ignored when there is no such session.
+  void setAddress(const std::string& pRoutingId, const std::string& pAddress);
+  // Every session, by name.
+  std::vector<SessionView> list() const;
 
  private:
   struct Session {
     std::string fName;
     std::vector<Subscriber> fSubscribers;
+    std::string fAddress;
+    std::chrono::steady_clock::time_point fSince = std::chrono::steady_clock::now();
   };
   // Counts a use of pName less; true when it was the last one. fMutex held.
   bool release(const std::string& pName);

@@ -8,6 +8,7 @@
 #include <boost/filesystem.hpp>
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "kilog.h"
 #include "oxbroker.h"
 #include "oxbrokerhost.h"
+#include "oxhttpserver.h"
 #include "toolcommandline.h"
 
 namespace {
@@ -31,7 +33,9 @@ constexpr int kExitNotServing = 1;
 const char* const kAbout =
     "Loads module libraries into a broker and serves their published methods to other\n"
     "processes (ZeroMQ, see docs/protocol.md) until SIGINT or SIGTERM.\n"
-    "Once it listens, it prints one line on stdout: \"oxbroker: listening on URL\".\n"
+    "It also serves pages, a JSON API and metrics over HTTP (--http, docs/http.md).\n"
+    "Once it listens, it prints \"oxbroker: listening on URL\" on stdout, then\n"
+    "\"oxbroker: pages on URL\" when it serves pages.\n"
     "The first SIGINT or SIGTERM stops it within two seconds (queued requests are answered\n"
     "with an error, running calls finish); a second one ends it at once.";
 
@@ -40,6 +44,9 @@ struct Options {
   std::vector<std::string> modules;
   OX::OXBrokerHost::Options host;
   std::string name = kProgram;
+  std::string http = oxhttp::kDefaultListen;
+  bool httpGiven = false;  // --http on the command line: a port it cannot have is an error
+  oxhttp::Options pages;
 };
 
 fs::path programDirectory() {
@@ -56,6 +63,20 @@ std::string defaultPreferences(const fs::path& pHere) {
   const fs::path installed = pHere / VI_PREFERENCES_FROM_BIN;
   if (fs::is_directory(installed)) return fs::canonical(installed).string();
   return std::string(VI_SOURCE_DIR) + "/share/preferences";
+}
+
+// The pages installed beside the program, else the source tree's.
+std::string defaultPages(const fs::path& pHere) {
+  const fs::path installed = pHere / VI_HTTP_FROM_BIN;
+  if (fs::is_directory(installed)) return fs::canonical(installed).string();
+  return std::string(VI_SOURCE_DIR) + "/share/http";
+}
+
+// Whether the host may listen beyond loopback. The message port and the pages follow one rule:
+// loopback only, unless the host runs with keys or --insecure; this host has neither option yet,
+// so it stays on loopback.
+bool beyondLoopbackAllowed(const Options&) {
+  return false;
 }
 
 // libvideoinput.so where it is installed, else in the build tree's lib/ beside bin/.
@@ -100,6 +121,19 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
   pLine.add_flag("--keep-subscribers", host.fKeepSubscribers,
                  "leave the subscribers of a client that went away registered (default: "
                  "unsubscribe them)");
+  pOptions.pages.fPages = defaultPages(pHere);
+  pLine
+      .add_option("--http", pOptions.http,
+                  "ADDRESS:PORT of the pages, API and metrics (port 0 picks a free one), or off; "
+                  "loopback only")
+      ->type_name("ADDRESS:PORT")
+      ->capture_default_str()
+      ->each([&pOptions](const std::string&) { pOptions.httpGiven = true; });
+  pLine.add_option("--http-pages", pOptions.pages.fPages, "directory of the pages")
+      ->type_name("DIR")
+      ->capture_default_str();
+  pLine.addNumber("--max-live-views", pOptions.pages.fMaxLiveViews, "N",
+                  "live views streamed at once; more are refused", 0, 64);
   pLine.addClientName(pOptions.name, "the broker's name");
   pLine.addLogOptions();
 }
@@ -138,6 +172,32 @@ sigset_t blockStopSignals() {
   return stopSignals;
 }
 
+// Starts the pages, unless they are off. A port that was asked for and cannot be had stops the
+// host; the default one, taken by another host, only costs this one its pages.
+bool startPages(std::unique_ptr<oxhttp::HttpServer>& pServer,
+                const boost::shared_ptr<OX::OXBroker>& pBroker, const OX::OXBrokerHost& pHost,
+                const Options& pOptions) {
+  if (pOptions.http == "off") return true;
+  oxhttp::Options pages = pOptions.pages;
+  std::string error;
+  if (!oxhttp::parseListen(pOptions.http, pages.fAddress, pages.fPort, error)) {
+    std::cerr << kProgram << ": --http " << error << "\n";
+    return false;
+  }
+  pages.fBeyondLoopback = beyondLoopbackAllowed(pOptions);
+  pServer.reset(new oxhttp::HttpServer(pBroker, pHost, pages));
+  try {
+    pServer->start();
+  } catch (const std::exception& failure) {
+    pServer.reset();
+    std::cerr << kProgram << ": pages: " << failure.what() << "\n";
+    if (pOptions.httpGiven) return false;
+    std::cerr << kProgram << ": serving without pages (choose a port with --http ADDRESS:PORT)\n";
+    return true;
+  }
+  return true;
+}
+
 // Serves the broker's modules until the first stop signal.
 int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOptions,
           const sigset_t& pStopSignals) {
@@ -148,7 +208,11 @@ int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOption
     std::cerr << kProgram << ": " << error.getDescription() << "\n";
     return kExitNotServing;
   }
+  std::unique_ptr<oxhttp::HttpServer> pages;
+  if (!startPages(pages, pBroker, host, pOptions)) return kExitNotServing;
+  // The first line is the message port, as readers of the first line expect.
   std::cout << kProgram << ": listening on " << host.getUrl() << std::endl;
+  if (pages) std::cout << kProgram << ": pages on " << pages->getUrl() << std::endl;
   ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
       << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl();
   int received = 0;
@@ -163,6 +227,8 @@ int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOption
   }).detach();
   ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
       << "stopping on signal " << received;
+  // The live views unsubscribe while the host still runs.
+  if (pages) pages->stop();
   host.stop();
   return oxtools::kExitOk;
 }
