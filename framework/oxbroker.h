@@ -21,6 +21,8 @@
 namespace OX {
 
 class OXBroker;
+class OXFilePolicy;
+struct ConnectOptions;
 class OXModule;
 class OXModuleCore;
 
@@ -69,6 +71,10 @@ class OXProxy {
   // The same for a ZeroMQ address such as "tcp://127.0.0.1:7761". Defined by the net library.
   static boost::shared_ptr<OXProxy> connect(const std::string& pUrl,
                                             const std::string& pModuleName);
+  // The same with the options of the connection (net/oxconnectoptions.h), such as CURVE keys;
+  // throws OXError when a key file cannot be read. Defined by the net library.
+  static boost::shared_ptr<OXProxy> connect(const std::string& pUrl, const std::string& pModuleName,
+                                            const ConnectOptions& pOptions);
   virtual ~OXProxy();
 
   // Calls a published method with its arguments as an array (an invalid value means none).
@@ -238,6 +244,11 @@ class OXBroker : public boost::enable_shared_from_this<OXBroker> {
 
   boost::weak_ptr<OXBrokerManager> getBrokerManager() const { return fBrokerManager; }
 
+  // Where the files that remote callers name may be (oxfilepolicy.h); null, the default: paths
+  // are opened as they are given. The broker host applies it to every call it serves.
+  void setFilePolicy(boost::shared_ptr<const OXFilePolicy> pPolicy);
+  boost::shared_ptr<const OXFilePolicy> getFilePolicy() const;
+
  private:
   OXBroker(const std::string& pName, const std::vector<std::string>& pPreferencePaths);
 
@@ -246,6 +257,8 @@ class OXBroker : public boost::enable_shared_from_this<OXBroker> {
   boost::weak_ptr<OXBrokerManager> fBrokerManager;
   mutable std::shared_mutex fModulesMutex;
   std::vector<boost::shared_ptr<OXModuleCore>> fModules;  // in order of registration
+  mutable std::mutex fPolicyMutex;
+  boost::shared_ptr<const OXFilePolicy> fFilePolicy;
 };
 
 }  // namespace OX

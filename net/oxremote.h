@@ -7,6 +7,7 @@
 #include <zmq.hpp>
 
 #include "oxbroker.h"
+#include "oxconnectoptions.h"
 #include "oxvalue.h"
 
 namespace OX {
@@ -22,7 +23,8 @@ class OXRemoteConnection : public OXRemoteChannel {
   // Connects and introduces the client by name; with pModuleName not empty, the broker also
   // checks that it hosts that module. Throws OXError when the broker does not answer or refuses.
   OXRemoteConnection(const std::string& pUrl, const std::string& pClientName,
-                     const std::string& pModuleName, int pTimeoutMs);
+                     const std::string& pModuleName, int pTimeoutMs,
+                     const ConnectOptions& pOptions = ConnectOptions());
   // Says goodbye (waiting a little for the broker to take note) and closes.
   ~OXRemoteConnection() override;
   OXRemoteConnection(const OXRemoteConnection&) = delete;

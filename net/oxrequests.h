@@ -20,8 +20,9 @@ constexpr const char* kUnknownSession = "unknown session: say hello first";
 
 class RequestHandler {
  public:
+  // pAllowRemoteEvents: see OXBrokerHost::Options::fAllowRemoteEvents.
   RequestHandler(boost::shared_ptr<OXBroker> pBroker, SessionTable& pSessions,
-                 std::size_t pMaxMessageBytes);
+                 std::size_t pMaxMessageBytes, bool pAllowRemoteEvents = false);
 
   // What a request was, for the host's metrics: its operation and, for a call, the module and
   // method called (empty when the request could not be decoded that far).
@@ -44,6 +45,7 @@ class RequestHandler {
   boost::shared_ptr<OXBroker> fBroker;
   SessionTable& fSessions;
   const std::size_t fMaxMessageBytes;
+  const bool fAllowRemoteEvents;
 };
 
 OXValue okReply(int pId, OXValue&& pResult);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
+#include <boost/make_shared.hpp>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -16,8 +17,11 @@
 #include "kilog.h"
 #include "oxbroker.h"
 #include "oxbrokerhost.h"
+#include "oxfilepolicy.h"
 #include "oxhttpserver.h"
+#include "oxkeys.h"
 #include "toolcommandline.h"
+#include "toolsupport.h"
 
 namespace {
 
@@ -37,13 +41,19 @@ const char* const kAbout =
     "Once it listens, it prints \"oxbroker: listening on URL\" on stdout, then\n"
     "\"oxbroker: pages on URL\" when it serves pages.\n"
     "The first SIGINT or SIGTERM stops it within two seconds (queued requests are answered\n"
-    "with an error, running calls finish); a second one ends it at once.";
+    "with an error, running calls finish); a second one ends it at once.\n"
+    "It listens on loopback only unless given keys (--curve-secret, --allow-keys) or --insecure,\n"
+    "and the files that clients name lie in the data directory (see docs/security.md).";
 
 struct Options {
   std::string prefs;
   std::vector<std::string> modules;
   OX::OXBrokerHost::Options host;
   std::string name = kProgram;
+  std::string dataDirectory = "data";
+  std::string curveSecret;  // files; their keys go into host
+  std::string allowKeys;
+  bool insecure = false;
   std::string http = oxhttp::kDefaultListen;
   bool httpGiven = false;  // --http on the command line: a port it cannot have is an error
   oxhttp::Options pages;
@@ -72,18 +82,42 @@ std::string defaultPages(const fs::path& pHere) {
   return std::string(VI_SOURCE_DIR) + "/share/http";
 }
 
-// Whether the host may listen beyond loopback. The message port and the pages follow one rule:
-// loopback only, unless the host runs with keys or --insecure; this host has neither option yet,
-// so it stays on loopback.
-bool beyondLoopbackAllowed(const Options&) {
-  return false;
-}
-
 // libvideoinput.so where it is installed, else in the build tree's lib/ beside bin/.
 std::string defaultModule(const fs::path& pHere) {
   const fs::path installed = pHere / VI_MODULES_FROM_BIN / "libvideoinput.so";
   if (fs::exists(installed)) return fs::canonical(installed).string();
   return (pHere / ".." / "lib" / "libvideoinput.so").string();
+}
+
+// Who gets in, and what remote callers may touch (docs/security.md).
+void declareSecurity(oxtools::CommandLine& pLine, Options& pOptions) {
+  pLine
+      .add_option("--data-dir", pOptions.dataDirectory,
+                  "the files that clients name (recordVideo, setVideo) lie in DIR, relative to "
+                  "the directory oxbroker starts in; made when first needed")
+      ->type_name("DIR")
+      ->capture_default_str()
+      ->check(oxtools::kNonEmpty);
+  CLI::Option* secret =
+      pLine
+          .add_option("--curve-secret", pOptions.curveSecret,
+                      "the broker's secret key (NAME.key of oxkeygen): encrypt every connection "
+                      "and admit only the clients of --allow-keys")
+          ->type_name("FILE")
+          ->check(CLI::ExistingFile);
+  CLI::Option* allowed =
+      pLine
+          .add_option("--allow-keys", pOptions.allowKeys,
+                      "directory of the public keys (*.pub) of the clients let in")
+          ->type_name("DIR")
+          ->check(CLI::ExistingDirectory);
+  secret->needs(allowed);
+  allowed->needs(secret);
+  pLine.add_flag("--insecure", pOptions.insecure,
+                 "listen beyond loopback without keys: anyone who reaches the port gets in");
+  pLine.add_flag("--allow-remote-events", pOptions.host.fAllowRemoteEvents,
+                 "let clients raise OXMemory's events and call the modules' event callbacks "
+                 "(default: the broker alone raises \"ClientDisconnected\")");
 }
 
 void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHere) {
@@ -121,6 +155,7 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
   pLine.add_flag("--keep-subscribers", host.fKeepSubscribers,
                  "leave the subscribers of a client that went away registered (default: "
                  "unsubscribe them)");
+  declareSecurity(pLine, pOptions);
   pOptions.pages.fPages = defaultPages(pHere);
   pLine
       .add_option("--http", pOptions.http,
@@ -136,6 +171,54 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
                   "live views streamed at once; more are refused", 0, 64);
   pLine.addClientName(pOptions.name, "the broker's name");
   pLine.addLogOptions();
+}
+
+// Refuses pAddress beyond loopback without keys unless --insecure accepts the risk, and warns
+// when it does. pWhat says what would listen there.
+void checkAddress(const Options& pOptions, const std::string& pAddress, const std::string& pWhat) {
+  if (oxtools::isLoopback(pAddress)) return;
+  if (!pOptions.insecure) {
+    throw UsageError(
+        "refusing to " + pWhat + " on " + pAddress +
+        " without keys: every machine that reaches the port could use the camera, push "
+        "frames and write into the data directory.\n"
+        "Make keys (docs/security.md): 'oxkeygen keys --name broker' here, 'oxkeygen keys "
+        "--name NAME' on each client; copy each client's NAME.pub into a directory DIR and "
+        "start with --curve-secret keys/broker.key --allow-keys DIR. Or accept the risk with "
+        "--insecure.");
+  }
+  std::cerr << kProgram << ": warning: " << pWhat << " on " << pAddress
+            << " without encryption or authentication (--insecure): anyone who reaches the "
+               "port can use the camera and the files of the data directory\n";
+}
+
+// Without keys a broker listens on loopback only, unless told that the risk is accepted. Its
+// pages follow the same rule with the same check.
+void checkExposure(Options& pOptions) {
+  const bool pages = pOptions.http != "off";
+  if (pages) {
+    std::string error;
+    if (!oxhttp::parseListen(pOptions.http, pOptions.pages.fAddress, pOptions.pages.fPort, error)) {
+      throw UsageError("--http " + error);
+    }
+  }
+  if (!pOptions.curveSecret.empty()) {
+    pOptions.host.fCurveSecretKey = OX::readCurveKey(pOptions.curveSecret);
+    pOptions.host.fAllowedClientKeys = OX::readAllowedKeys(pOptions.allowKeys);
+    if (pOptions.host.fAllowedClientKeys.empty()) {
+      throw UsageError("no client key (*.pub) in " + pOptions.allowKeys +
+                       ": put there the NAME.pub of each client that oxkeygen made");
+    }
+    if (pages && !oxtools::isLoopback(pOptions.pages.fAddress)) {
+      std::cerr << kProgram << ": warning: the pages on " << pOptions.pages.fAddress
+                << " are plain HTTP: the keys guard the message port only, and anyone who "
+                   "reaches the pages sees the host and its cameras\n";
+    }
+  } else {
+    checkAddress(pOptions, pOptions.host.fBindAddress, "listen");
+    if (pages) checkAddress(pOptions, pOptions.pages.fAddress, "serve pages");
+  }
+  pOptions.pages.fBeyondLoopback = true;  // checked here
 }
 
 // Loads one module library and lets it create its modules in the broker.
@@ -178,14 +261,7 @@ bool startPages(std::unique_ptr<oxhttp::HttpServer>& pServer,
                 const boost::shared_ptr<OX::OXBroker>& pBroker, const OX::OXBrokerHost& pHost,
                 const Options& pOptions) {
   if (pOptions.http == "off") return true;
-  oxhttp::Options pages = pOptions.pages;
-  std::string error;
-  if (!oxhttp::parseListen(pOptions.http, pages.fAddress, pages.fPort, error)) {
-    std::cerr << kProgram << ": --http " << error << "\n";
-    return false;
-  }
-  pages.fBeyondLoopback = beyondLoopbackAllowed(pOptions);
-  pServer.reset(new oxhttp::HttpServer(pBroker, pHost, pages));
+  pServer.reset(new oxhttp::HttpServer(pBroker, pHost, pOptions.pages));
   try {
     pServer->start();
   } catch (const std::exception& failure) {
@@ -214,7 +290,12 @@ int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOption
   std::cout << kProgram << ": listening on " << host.getUrl() << std::endl;
   if (pages) std::cout << kProgram << ": pages on " << pages->getUrl() << std::endl;
   ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
-      << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl();
+      << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl()
+      << (pOptions.host.fCurveSecretKey.empty()
+              ? std::string(" without encryption")
+              : " with CURVE, " + std::to_string(pOptions.host.fAllowedClientKeys.size()) +
+                    " client keys allowed")
+      << "; files of clients in " << pBroker->getFilePolicy()->getDirectory();
   int received = 0;
   sigwait(&pStopSignals, &received);
   // A second signal ends the process at once, should stopping take longer than its user wants to
@@ -238,9 +319,11 @@ int run(Options& pOptions, const fs::path& pHere) {
   if (!fs::is_directory(pOptions.prefs)) {
     throw UsageError("no preference directory " + pOptions.prefs + " (use --prefs DIR)");
   }
+  checkExposure(pOptions);
   const sigset_t stopSignals = blockStopSignals();
   boost::shared_ptr<OX::OXBroker> broker =
       OX::OXBroker::createBroker(pOptions.name, {pOptions.prefs});
+  broker->setFilePolicy(boost::make_shared<OX::OXFilePolicy>(pOptions.dataDirectory));
   for (const std::string& library : pOptions.modules) {
     if (!loadModule(library, broker)) return kExitNotServing;
   }

@@ -27,7 +27,7 @@ import time
 
 import zmq
 
-from . import _wire
+from . import _keys, _wire
 from ._error import OXError
 
 __all__ = ["OXProxy", "OXError", "describe", "describe_from_value", "image_to_numpy"]
@@ -58,10 +58,14 @@ class OXProxy:
 
     A proxy is not thread-safe: it sends one request and waits for its reply on a socket of its
     own. Threads that call at the same time should each make their own proxy.
+
+    With ``server_key`` (the broker's NAME.pub) and ``client_key`` (this client's NAME.key, both
+    made by oxkeygen) the connection is encrypted with CURVE; a broker that does not admit the
+    key never answers (see docs/security.md).
     """
 
     def __init__(self, module, host="127.0.0.1", port=DEFAULT_PORT, name=None,
-                 timeout_ms=30000):
+                 timeout_ms=30000, server_key=None, client_key=None):
         self._socket = None
         self.module = module
         self.url = "tcp://%s:%d" % (host, port)
@@ -70,8 +74,13 @@ class OXProxy:
         self._ids = itertools.count(1)  # id 0 is the broker's own
         socket = zmq.Context.instance().socket(zmq.DEALER)
         socket.setsockopt(zmq.LINGER, 0)
-        socket.connect(self.url)
         self._socket = socket
+        try:
+            _keys.use_curve(socket, server_key, client_key)
+        except BaseException:
+            self._close_socket()
+            raise
+        socket.connect(self.url)
         try:
             self.broker_name, self.modules_at_hello = self._request("hello", self.name, module)
         except BaseException:

@@ -116,8 +116,8 @@ std::vector<ModuleStatus> moduleStatuses(const boost::shared_ptr<OX::OXBroker>& 
   return statuses;
 }
 
-Json hostDocument(const boost::shared_ptr<OX::OXBroker>& pBroker,
-                  const OX::net::HostStatus& pHost, const LiveViews& pViews) {
+Json hostDocument(const boost::shared_ptr<OX::OXBroker>& pBroker, const OX::net::HostStatus& pHost,
+                  const LiveViews& pViews) {
   Json modules = Json::array();
   for (const std::string& name : pBroker->getModuleNames()) {
     const boost::shared_ptr<OX::OXModuleCore> module = pBroker->getModuleCoreByName(name);

@@ -33,8 +33,8 @@ bool moduleStatus(const boost::shared_ptr<OX::OXBroker>& pBroker, const std::str
                   ModuleStatus& pStatus);
 
 // /api/host
-Json hostDocument(const boost::shared_ptr<OX::OXBroker>& pBroker,
-                  const OX::net::HostStatus& pHost, const LiveViews& pViews);
+Json hostDocument(const boost::shared_ptr<OX::OXBroker>& pBroker, const OX::net::HostStatus& pHost,
+                  const LiveViews& pViews);
 // /api/modules/NAME, from the module's describe(): its description, examples and every
 // publication in the order of binding.
 Json moduleDocument(const std::string& pModule, const OX::OXValue& pDescription);

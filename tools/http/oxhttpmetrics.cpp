@@ -57,15 +57,15 @@ void addGauge(std::vector<MetricFamily>& pFamilies, const std::string& pName,
 
 // Calls, errors, bytes and latency per module and method.
 void addMethods(std::vector<MetricFamily>& pFamilies, const OX::net::HostStatus& pHost) {
-  MetricFamily calls = family("ox_host_calls_total", "Calls served, per module and method",
-                              MetricType::Counter);
-  MetricFamily errors = family("ox_host_call_errors_total",
-                               "Calls answered with an error, per module and method",
-                               MetricType::Counter);
-  MetricFamily requestBytes = family("ox_host_request_bytes_total",
-                                     "Bytes of the calls' requests", MetricType::Counter);
-  MetricFamily replyBytes = family("ox_host_reply_bytes_total", "Bytes of the calls' replies",
-                                   MetricType::Counter);
+  MetricFamily calls =
+      family("ox_host_calls_total", "Calls served, per module and method", MetricType::Counter);
+  MetricFamily errors =
+      family("ox_host_call_errors_total", "Calls answered with an error, per module and method",
+             MetricType::Counter);
+  MetricFamily requestBytes =
+      family("ox_host_request_bytes_total", "Bytes of the calls' requests", MetricType::Counter);
+  MetricFamily replyBytes =
+      family("ox_host_reply_bytes_total", "Bytes of the calls' replies", MetricType::Counter);
   MetricFamily latency = family("ox_host_call_duration_seconds",
                                 "Time a worker spent serving a call", MetricType::Histogram);
   for (const OX::net::MethodTotals& method : pHost.fMethods) {
@@ -117,8 +117,8 @@ void addModules(std::vector<MetricFamily>& pFamilies, const std::vector<ModuleSt
           order.push_back(name);
         }
         // A name that a module gives once as a counter and once as a gauge keeps the first.
-        found->second.metric.push_back(
-            sample(count.fValue, found->second.type, {{"module", module.fModule}, {kind, entry.fId}}));
+        found->second.metric.push_back(sample(count.fValue, found->second.type,
+                                              {{"module", module.fModule}, {kind, entry.fId}}));
       }
     }
   }

@@ -2,7 +2,6 @@
 // handlers on a bounded pool of threads.
 #include "oxhttpserver.h"
 
-#include <arpa/inet.h>
 #include <httplib.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -19,6 +18,7 @@
 #include "oxerror.h"
 #include "oxhttpdocuments.h"
 #include "oxlive.h"
+#include "toolsupport.h"
 
 namespace oxhttp {
 
@@ -47,15 +47,15 @@ void sendError(httplib::Response& pResponse, int pStatus, const std::string& pTe
 
 }  // namespace
 
-bool parseListen(const std::string& pText, std::string& pAddress, int& pPort,
-                 std::string& pError) {
+bool parseListen(const std::string& pText, std::string& pAddress, int& pPort, std::string& pError) {
   const std::size_t colon = pText.rfind(':');
   if (colon == std::string::npos || colon == 0 || colon + 1 == pText.size()) {
     pError = "'" + pText + "' is not ADDRESS:PORT (e.g. 127.0.0.1:7762, or off)";
     return false;
   }
   std::string address = pText.substr(0, colon);
-  if (address.front() == '[' && address.back() == ']') address = address.substr(1, address.size() - 2);
+  if (address.front() == '[' && address.back() == ']')
+    address = address.substr(1, address.size() - 2);
   const std::string port = pText.substr(colon + 1);
   std::size_t used = 0;
   int value = -1;
@@ -71,14 +71,6 @@ bool parseListen(const std::string& pText, std::string& pAddress, int& pPort,
   pAddress = address;
   pPort = value;
   return true;
-}
-
-bool isLoopback(const std::string& pAddress) {
-  if (pAddress == "localhost") return true;
-  in_addr v4{};
-  if (inet_pton(AF_INET, pAddress.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
-  in6_addr v6{};
-  return inet_pton(AF_INET6, pAddress.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
 }
 
 class HttpServer::Impl {
@@ -133,7 +125,8 @@ void HttpServer::Impl::route() {
   using httplib::Request;
   using httplib::Response;
   fServer.Get("/", [this](const Request&, Response& pResponse) { page("index.html", pResponse); });
-  fServer.Get("/live", [this](const Request&, Response& pResponse) { page("live.html", pResponse); });
+  fServer.Get("/live",
+              [this](const Request&, Response& pResponse) { page("live.html", pResponse); });
   fServer.Get(R"(/modules/([^/]+))", [this](const Request& pRequest, Response& pResponse) {
     if (!hasModule(pRequest.matches[1])) {
       sendError(pResponse, 404, "no module " + std::string(pRequest.matches[1]) + " on this host");
@@ -173,9 +166,8 @@ void HttpServer::Impl::route() {
   fServer.Get("/api/live", [this](const Request&, Response& pResponse) {
     sendJson(pResponse, liveDocument(fLive));
   });
-  fServer.Get("/api/formats", [](const Request&, Response& pResponse) {
-    sendJson(pResponse, formatsDocument());
-  });
+  fServer.Get("/api/formats",
+              [](const Request&, Response& pResponse) { sendJson(pResponse, formatsDocument()); });
   fServer.Get("/live/stream", [this](const Request& pRequest, Response& pResponse) {
     liveStream(pRequest, pResponse);
   });
@@ -190,10 +182,10 @@ void HttpServer::Impl::route() {
   // gets one.
   fServer.set_error_handler([](const Request& pRequest, Response& pResponse) {
     if (!pResponse.body.empty()) return;
-    const std::string text = pResponse.status == 404
-                                 ? "nothing at " + pRequest.path
-                                 : "request refused (HTTP " + std::to_string(pResponse.status) +
-                                       "): only GET is served";
+    const std::string text =
+        pResponse.status == 404
+            ? "nothing at " + pRequest.path
+            : "request refused (HTTP " + std::to_string(pResponse.status) + "): only GET is served";
     sendError(pResponse, pResponse.status, text);
   });
   fServer.set_exception_handler(
@@ -213,8 +205,7 @@ void HttpServer::Impl::route() {
       });
 }
 
-void HttpServer::Impl::liveStream(const httplib::Request& pRequest,
-                                  httplib::Response& pResponse) {
+void HttpServer::Impl::liveStream(const httplib::Request& pRequest, httplib::Response& pResponse) {
   LiveRequest request;
   try {
     request = parseLiveRequest(pRequest.params);
@@ -251,7 +242,7 @@ void HttpServer::Impl::liveStream(const httplib::Request& pRequest,
 }
 
 void HttpServer::Impl::start() {
-  if (!isLoopback(fOptions.fAddress) && !fOptions.fBeyondLoopback) {
+  if (!oxtools::isLoopback(fOptions.fAddress) && !fOptions.fBeyondLoopback) {
     throw std::runtime_error("the pages listen on loopback only (127.0.0.1, ::1, localhost), not " +
                              fOptions.fAddress + ", unless the host runs with keys or --insecure");
   }

@@ -19,8 +19,9 @@ constexpr const char* kDefaultListen = "127.0.0.1:7762";
 struct Options {
   std::string fAddress = "127.0.0.1";
   int fPort = 7762;  // 0 picks a free port (see getUrl)
-  // Listening beyond loopback is refused unless this is set: the same rule as the message port,
-  // which the host lifts when it runs with keys or --insecure.
+  // Listening beyond loopback (oxtools::isLoopback, the message port's check) is refused unless
+  // this is set: oxbroker sets it once it has applied the message port's rule (keys or
+  // --insecure).
   bool fBeyondLoopback = false;
   std::string fPages;     // the directory of the pages (share/http)
   int fMaxLiveViews = 4;  // live views streamed at once; more are refused with 429
@@ -29,10 +30,7 @@ struct Options {
 
 // Reads "ADDRESS:PORT" ("127.0.0.1:7762", "[::1]:7762", "localhost:0"); false with the reason in
 // pError when it is not one.
-bool parseListen(const std::string& pText, std::string& pAddress, int& pPort,
-                 std::string& pError);
-// 127.0.0.0/8, ::1 and localhost.
-bool isLoopback(const std::string& pAddress);
+bool parseListen(const std::string& pText, std::string& pAddress, int& pPort, std::string& pError);
 
 class HttpServer {
  public:

@@ -74,8 +74,7 @@ LiveRequest parseLiveRequest(const std::multimap<std::string, std::string>& pQue
     } else if (entry.first == "fps") {
       request.fFps = integer("fps", value, 1, 30);
     } else if (entry.first == "view") {
-      if (value.size() > kMaxToken ||
-          !std::all_of(value.begin(), value.end(), [](char c) {
+      if (value.size() > kMaxToken || !std::all_of(value.begin(), value.end(), [](char c) {
             return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '_';
           })) {
         throw std::invalid_argument("view must be at most 64 letters, digits, - or _");
@@ -89,8 +88,7 @@ LiveRequest parseLiveRequest(const std::multimap<std::string, std::string>& pQue
   return request;
 }
 
-std::shared_ptr<LiveView> LiveViews::open(const LiveRequest& pRequest,
-                                          const std::string& pClient) {
+std::shared_ptr<LiveView> LiveViews::open(const LiveRequest& pRequest, const std::string& pClient) {
   std::lock_guard<std::mutex> guard(fMutex);
   if (static_cast<int>(fViews.size()) >= fLimit) return nullptr;
   auto view = std::make_shared<LiveView>();
@@ -100,8 +98,7 @@ std::shared_ptr<LiveView> LiveViews::open(const LiveRequest& pRequest,
   return view;
 }
 
-void LiveViews::subscribed(const std::shared_ptr<LiveView>& pView,
-                           const std::string& pSubscriber) {
+void LiveViews::subscribed(const std::shared_ptr<LiveView>& pView, const std::string& pSubscriber) {
   std::lock_guard<std::mutex> guard(fMutex);
   pView->fSubscriber = pSubscriber;
 }
@@ -129,8 +126,8 @@ JpegEncoder::~JpegEncoder() {
   tjDestroy(static_cast<tjhandle>(fHandle));
 }
 
-bool JpegEncoder::encode(const OX::OXImage& pImage, const unsigned char*& pJpeg,
-                         std::size_t& pSize, std::string& pError) {
+bool JpegEncoder::encode(const OX::OXImage& pImage, const unsigned char*& pJpeg, std::size_t& pSize,
+                         std::string& pError) {
   const unsigned char* pixels = pImage.fData;
   const int format = TJPF_RGB;
   if (pImage.fColorSpace != OX::kRGB) {
@@ -172,9 +169,9 @@ LiveStream::LiveStream(boost::shared_ptr<OX::OXProxy> pDevice, LiveViews& pViews
   const LiveRequest& request = fView->fRequest;
   try {
     const OX::OXValue subscriber = fDevice->genericCall(
-        "subscribeCamera", OX::OXValue::array({kLiveSubscriber, request.fCamera,
-                                                request.fResolution, request.fColorSpace,
-                                                request.fFps}));
+        "subscribeCamera",
+        OX::OXValue::array({kLiveSubscriber, request.fCamera, request.fResolution,
+                            request.fColorSpace, request.fFps}));
     fViews.subscribed(fView, subscriber.asString());
   } catch (...) {
     fViews.close(fView);
@@ -241,8 +238,7 @@ bool LiveStream::sendCurrent(const Write& pWrite) {
         << "live view " << fView->fSubscriber << ": " << error;
     return false;
   }
-  const double ageMs =
-      static_cast<double>(ki::os::nowMicroseconds() - fImage.fTimeStamp) / 1000.0;
+  const double ageMs = static_cast<double>(ki::os::nowMicroseconds() - fImage.fTimeStamp) / 1000.0;
   fLast.assign(jpeg, jpeg + size);
   fLastStamp = fImage.fTimeStamp;
   const Clock::time_point now = Clock::now();

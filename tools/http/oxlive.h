@@ -35,7 +35,7 @@ constexpr const char* kBoundary = "oxframe";
 // What a page asks for in a live view.
 struct LiveRequest {
   int fCamera = 0;
-  int fResolution = 1;  // kQVGA
+  int fResolution = 1;   // kQVGA
   int fColorSpace = 11;  // kRGB
   int fFps = 15;
   std::string fToken;  // chosen by the page, to find its own view in /api/live
@@ -54,8 +54,8 @@ struct LiveView {
   std::string fSubscriber;  // set by LiveViews::subscribed, then fixed
   std::atomic<std::uint64_t> fFrames{0};
   std::atomic<std::uint64_t> fBytes{0};
-  std::atomic<double> fRate{0};               // new images sent per second, over the last second
-  std::atomic<double> fImageAgeMs{-1};        // of the last new image, when it was sent
+  std::atomic<double> fRate{0};         // new images sent per second, over the last second
+  std::atomic<double> fImageAgeMs{-1};  // of the last new image, when it was sent
 };
 
 // The live views of a host, at most a fixed number at once.
@@ -122,8 +122,8 @@ class LiveStream {
  private:
   // fImage as the next part.
   bool sendCurrent(const Write& pWrite);
-  bool writePart(const unsigned char* pJpeg, std::size_t pSize, long long pTimeStamp,
-                 double pAgeMs, const Write& pWrite);
+  bool writePart(const unsigned char* pJpeg, std::size_t pSize, long long pTimeStamp, double pAgeMs,
+                 const Write& pWrite);
   bool repeatLast(const Write& pWrite);
   void countFrame(Clock::time_point pNow, double pAgeMs, std::size_t pBytes);
 

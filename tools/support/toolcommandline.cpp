@@ -128,6 +128,21 @@ CLI::Option* CommandLine::addUrl(std::string& pUrl) {
           ""));
 }
 
+void CommandLine::addKeyOptions(OX::ConnectOptions& pOptions) {
+  CLI::Option* server =
+      add_option("--server-key", pOptions.fServerKey,
+                 "the broker's public key (NAME.pub of oxkeygen): speak CURVE, encrypted")
+          ->type_name("PATH")
+          ->check(CLI::ExistingFile);
+  CLI::Option* client =
+      add_option("--client-key", pOptions.fClientKey,
+                 "this client's secret key (NAME.key of oxkeygen), with --server-key")
+          ->type_name("PATH")
+          ->check(CLI::ExistingFile);
+  server->needs(client);
+  client->needs(server);
+}
+
 CLI::Option* CommandLine::addClientName(std::string& pName, const std::string& pHelp) {
   return add_option("--name", pName, pHelp)
       ->type_name("NAME")

@@ -1,17 +1,21 @@
 #include "toolsupport.h"
 
+#include <arpa/inet.h>
+
 #include <atomic>
 #include <csignal>
 #include <thread>
 
 #include "oxbroker.h"
+#include "oxconnectoptions.h"
 
 namespace oxtools {
 
 boost::shared_ptr<OX::OXProxy> connectModule(const std::string& pUrl, const std::string& pModule,
-                                             const std::string& pClientName) {
+                                             const std::string& pClientName,
+                                             const OX::ConnectOptions& pOptions) {
   OX::OXProxy::setClientName(pClientName);
-  return OX::OXProxy::connect(pUrl, pModule);
+  return OX::OXProxy::connect(pUrl, pModule, pOptions);
 }
 
 namespace {
@@ -58,6 +62,17 @@ void repeatUntilStopped(const std::function<bool()>& pStep) {
   } catch (const std::exception&) {
     if (!stopRequested()) throw;
   }
+}
+
+bool isLoopback(std::string pAddress) {
+  if (pAddress == "localhost" || pAddress == "lo") return true;
+  if (pAddress.size() > 2 && pAddress.front() == '[' && pAddress.back() == ']') {
+    pAddress = pAddress.substr(1, pAddress.size() - 2);
+  }
+  unsigned char bytes[16];
+  if (inet_pton(AF_INET, pAddress.c_str(), bytes) == 1) return bytes[0] == 127;
+  in6_addr address;
+  return inet_pton(AF_INET6, pAddress.c_str(), &address) == 1 && IN6_IS_ADDR_LOOPBACK(&address);
 }
 
 }  // namespace oxtools
