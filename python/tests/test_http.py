@@ -114,7 +114,10 @@ ENDPOINTS = [
     ("/api/devices/Nope", 404, "application/json", "no module Nope"),
     ("/nothing/here", 404, "application/json", "nothing at /nothing/here"),
     ("/live/stream?colorspace=cmyk", 400, "application/json", "unknown colour space 'cmyk'"),
-    ("/live/stream?colorspace=%zz%", 400, "application/json", "unknown colour space"),
+    ("/live/stream?colorspace=%zz%", 400, "application/json", "malformed request target"),
+    ("/static/..%2F..%2FCMakeLists.txt", 404, "application/json", "nothing at /static/"),
+    ("/static/../../CMakeLists.txt", 404, "application/json", "nothing at /static/"),
+    ("/static/.hidden", 404, "application/json", "nothing at /static/"),
     ("/live/stream?resolution=8k", 400, "application/json", "unknown resolution '8k'"),
     ("/live/stream?camera=left", 400, "application/json", "camera must be a whole number"),
     ("/live/stream?fps=0", 400, "application/json", "fps must be a whole number from 1 to 30"),
@@ -141,6 +144,34 @@ def test_every_endpoint(scene, path, status, content_type, check):
         assert check(scene, body) in (None, True), body[:300]  # the check functions assert
     assert get(scene, "/api/host")[0] == 200
     assert poll_until(lambda: not any(s.startswith("http-live") for s in subscribers(scene)), 5)
+
+
+HEAD_LINE = b"X-Filler: " + b"x" * 100 + b"\r\n"
+RAW_REQUESTS = [
+    # what is sent, status, text of the refusal
+    (b"POST /api/host HTTP/1.1\r\nHost: h\r\nContent-Length: 2\r\n\r\nhi", 405,
+     "only GET is served, not POST"),
+    (b"GET /api/host HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\n\r\nabc", 400,
+     "a request here has no body"),
+    (b"GET / HTTP/1.1\r\nHost: h\r\n" + HEAD_LINE * 1000 + b"\r\n", 431,
+     "the request line and headers take more than 8192 bytes"),
+    (b"NOT HTTP AT ALL\r\n\r\n", 400, "malformed request"),
+    (b"GET //elsewhere/api/host HTTP/1.1\r\nHost: h\r\n\r\n", 400, "malformed request target"),
+]
+
+
+# Guards against requests that the host would read without bound (an endless head) or answer
+# without a clear refusal.
+def test_bad_requests_get_a_clear_refusal(scene):
+    host, port = scene.http_url[len("http://"):].rsplit(":", 1)
+    for sent, status, text in RAW_REQUESTS:
+        with socket.create_connection((host, int(port)), timeout=10) as connection:
+            connection.sendall(sent)
+            response = http.client.HTTPResponse(connection)
+            response.begin()
+            assert (response.status, text in json.loads(response.read())["error"]) == (
+                status, True), sent[:40]
+    assert get(scene, "/api/host")[0] == 200
 
 
 # Guards against live views that exhaust the host: of a thousand at once, the stated number is

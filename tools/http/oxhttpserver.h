@@ -1,9 +1,12 @@
 // The broker host's HTTP server: pages that show the host, its modules, the status of its devices
 // and a live view of a camera, the JSON API behind them, and Prometheus metrics (docs/http.md).
-// It runs beside the host's message port in the same process, on its own threads.
+// It runs beside the host's message port in the same process, on its own threads. Every request
+// is bounded: a head of at most kMaxHead bytes read within kReadTimeout, no body, at most
+// fMaxConnections connections at once.
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -25,8 +28,13 @@ struct Options {
   bool fBeyondLoopback = false;
   std::string fPages;     // the directory of the pages (share/http)
   int fMaxLiveViews = 4;  // live views streamed at once; more are refused with 429
-  int fThreads = 8;       // threads for pages and the API, besides one per live view
+  int fThreads = 4;       // threads that answer requests and stream the live views
+  // Connections open at once; one more is answered 503 and closed.
+  int fMaxConnections = 2048;
 };
+
+// The request line and headers of one request, together.
+constexpr std::size_t kMaxHead = 8 * 1024;
 
 // Reads "ADDRESS:PORT" ("127.0.0.1:7762", "[::1]:7762", "localhost:0"); false with the reason in
 // pError when it is not one.

@@ -7,7 +7,6 @@
 #include <cctype>
 #include <cstdio>
 #include <stdexcept>
-#include <thread>
 
 #include "kilog.h"
 #include "kios.h"
@@ -22,8 +21,6 @@ namespace {
 constexpr const char* kCategory = "net.http";
 // A stream without a new image writes its last part again after this long.
 constexpr auto kRepeatAfter = std::chrono::seconds(1);
-// Sleeps are cut in slices this long, so that a stop is seen soon.
-constexpr auto kSlice = std::chrono::milliseconds(20);
 // While no image comes, the device is asked again this often.
 constexpr auto kRetry = std::chrono::milliseconds(10);
 constexpr std::size_t kMaxToken = 64;
@@ -195,34 +192,30 @@ LiveStream::~LiveStream() {
   fViews.close(fView);
 }
 
-bool LiveStream::next(const Write& pWrite, const std::atomic<bool>& pStopping) {
-  while (!pStopping) {
-    while (Clock::now() < fNext) {
-      if (pStopping) return false;
-      std::this_thread::sleep_for(std::min<Clock::duration>(kSlice, fNext - Clock::now()));
-    }
-    OX::OXValue image;
-    try {
-      image = fDevice->genericCall("getImageRemote", OX::OXValue::array({fView->fSubscriber}));
-    } catch (const OX::OXError& error) {
-      ki::log::LogStream(ki::log::kLogWarning, kCategory, "", "next", 0)
-          << "live view " << fView->fSubscriber << " ends: " << error.getDescription();
-      return false;
-    }
-    const Clock::time_point now = Clock::now();
-    if (image.isValid() && fImage.fromOXValue(image) && fImage.fTimeStamp != fLastStamp) {
-      fNext = std::max(fNext + fPeriod, now);
-      return sendCurrent(pWrite);
-    }
-    if (now - fLastSent >= kRepeatAfter) {
-      fLastSent = now;
-      return repeatLast(pWrite);
-    }
-    // The image of the last part again: the next is asked half a period later, as a subscriber
-    // at this rate would. No image yet (the camera starts): soon.
-    fNext = now + (image.isValid() ? fPeriod / 2 : kRetry);
+LiveStream::Step LiveStream::step(const Write& pWrite) {
+  if (Clock::now() < fNext) return Step::kWait;
+  OX::OXValue image;
+  try {
+    image = fDevice->genericCall("getImageRemote", OX::OXValue::array({fView->fSubscriber}));
+  } catch (const OX::OXError& error) {
+    ki::log::LogStream(ki::log::kLogWarning, kCategory, "", "step", 0)
+        << "live view " << fView->fSubscriber << " ends: " << error.getDescription();
+    return Step::kEnd;
   }
-  return false;
+  const Clock::time_point now = Clock::now();
+  if (image.isValid() && fImage.fromOXValue(image) && fImage.fTimeStamp != fLastStamp) {
+    fNext = std::max(fNext + fPeriod, now);
+    return sendCurrent(pWrite) ? Step::kWrite : Step::kEnd;
+  }
+  if (now - fLastSent >= kRepeatAfter) {
+    fLastSent = now;
+    fNext = now + kRetry;
+    return repeatLast(pWrite) ? Step::kWrite : Step::kEnd;
+  }
+  // The image of the last part again: the next is asked half a period later, as a subscriber
+  // at this rate would. No image yet (the camera starts): soon.
+  fNext = now + (image.isValid() ? fPeriod / 2 : kRetry);
+  return Step::kWait;
 }
 
 bool LiveStream::sendImage(const OX::OXValue& pImage, const Write& pWrite) {

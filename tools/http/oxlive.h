@@ -98,7 +98,7 @@ class JpegEncoder {
 };
 
 // The stream of one live view. Subscribes on construction (throws OXError as the device refuses
-// the request) and unsubscribes and closes the view on destruction.
+// the request) and unsubscribes and closes the view on destruction. One thread at a time.
 class LiveStream {
  public:
   using Write = std::function<bool(const char* pData, std::size_t pSize)>;
@@ -109,12 +109,19 @@ class LiveStream {
   LiveStream(const LiveStream&) = delete;
   LiveStream& operator=(const LiveStream&) = delete;
 
-  // Waits until the next image is due at the view's frame rate, then writes it as the next part;
-  // the device is asked once a period, as any subscriber at that rate would ask.
-  // Without a new image for a second, the last part is written again (a grey one before the
-  // first), so that a viewer that left is noticed. False when the stream ends: a write failed,
-  // pStopping was raised, or the device no longer knows the subscriber.
-  bool next(const Write& pWrite, const std::atomic<bool>& pStopping);
+  // What the stream does next, as step() tells.
+  enum class Step {
+    kWrite,  // a part was handed to pWrite: write it, then step again
+    kWait,   // nothing is due before wakeAt(): step again then
+    kEnd     // the stream ends (the device no longer knows the subscriber, or no image can be
+             // shown)
+  };
+  // Once the next image is due at the view's frame rate, asks the device for it, as any
+  // subscriber at that rate would ask, and hands a new one to pWrite as the next part. Without a
+  // new image for a second the last part is handed again (a grey one before the first), so that
+  // a viewer that left is noticed by the failed write. Never waits itself.
+  Step step(const Write& pWrite);
+  Clock::time_point wakeAt() const { return fNext; }
   // One image array as getImageRemote returns it, written as the next part. False when the
   // write failed or the array holds no image that can be shown.
   bool sendImage(const OX::OXValue& pImage, const Write& pWrite);
