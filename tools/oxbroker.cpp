@@ -174,8 +174,10 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
 }
 
 // Refuses pAddress beyond loopback without keys unless --insecure accepts the risk, and warns
-// when it does. pWhat says what would listen there.
-void checkAddress(const Options& pOptions, const std::string& pAddress, const std::string& pWhat) {
+// when it does. pWhat says what would be done there ("listen"), pDoing the same as it goes on
+// ("listening").
+void checkAddress(const Options& pOptions, const std::string& pAddress, const std::string& pWhat,
+                  const std::string& pDoing) {
   if (oxtools::isLoopback(pAddress)) return;
   if (!pOptions.insecure) {
     throw UsageError(
@@ -187,7 +189,7 @@ void checkAddress(const Options& pOptions, const std::string& pAddress, const st
         "start with --curve-secret keys/broker.key --allow-keys DIR. Or accept the risk with "
         "--insecure.");
   }
-  std::cerr << kProgram << ": warning: " << pWhat << " on " << pAddress
+  std::cerr << kProgram << ": warning: " << pDoing << " on " << pAddress
             << " without encryption or authentication (--insecure): anyone who reaches the "
                "port can use the camera and the files of the data directory\n";
 }
@@ -215,8 +217,8 @@ void checkExposure(Options& pOptions) {
                    "reaches the pages sees the host and its cameras\n";
     }
   } else {
-    checkAddress(pOptions, pOptions.host.fBindAddress, "listen");
-    if (pages) checkAddress(pOptions, pOptions.pages.fAddress, "serve pages");
+    checkAddress(pOptions, pOptions.host.fBindAddress, "listen", "listening");
+    if (pages) checkAddress(pOptions, pOptions.pages.fAddress, "serve pages", "serving pages");
   }
   pOptions.pages.fBeyondLoopback = true;  // checked here
 }

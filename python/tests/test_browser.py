@@ -30,27 +30,36 @@ class Browser:
 
     def __init__(self, profile):
         binary = shutil.which("chromium")
-        assert binary, "no chromium: scripts/install-deps installs Debian's"
         self.process = subprocess.Popen([binary, *CHROMIUM_FLAGS, "--user-data-dir=%s" % profile,
                                          "about:blank"], stdin=subprocess.DEVNULL,
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        active = profile / "DevToolsActivePort"
+        self.socket = None
+        try:
+            self.socket = self._connect(profile / "DevToolsActivePort")
+        except BaseException:
+            self.close()
+            raise
+        self.ids = itertools.count(1)
+
+    @staticmethod
+    def _connect(active):
         assert poll_until(lambda: active.exists() and len(active.read_text().split()) == 2,
                           DEADLINE_S), "chromium did not open its DevTools port"
         port = active.read_text().split()[0]
         with urllib.request.urlopen("http://127.0.0.1:%s/json/list" % port, timeout=5) as reply:
             page = next(t for t in json.load(reply) if t["type"] == "page")
-        self.socket = websocket.create_connection(page["webSocketDebuggerUrl"], timeout=DEADLINE_S)
-        self.ids = itertools.count(1)
+        return websocket.create_connection(page["webSocketDebuggerUrl"], timeout=DEADLINE_S)
 
     def send(self, method, **params):
         request = next(self.ids)
         self.socket.send(json.dumps({"id": request, "method": method, "params": params}))
-        while True:  # events come in between; the reply carries the request's id
+        deadline = time.monotonic() + DEADLINE_S
+        while time.monotonic() < deadline:  # events come in between; the reply has the id
             message = json.loads(self.socket.recv())
             if message.get("id") == request:
                 assert "error" not in message, message
                 return message["result"]
+        raise AssertionError("chromium did not answer %s within %d s" % (method, DEADLINE_S))
 
     def evaluate(self, expression):
         result = self.send("Runtime.evaluate", expression=expression, returnByValue=True)
@@ -81,7 +90,8 @@ class Browser:
         return image
 
     def close(self):
-        self.socket.close()
+        if self.socket is not None:
+            self.socket.close()
         self.process.terminate()
         try:
             self.process.wait(5)
@@ -92,6 +102,8 @@ class Browser:
 
 @pytest.fixture
 def browser(tmp_path):
+    if shutil.which("chromium") is None:
+        pytest.skip("no chromium on PATH: scripts/install-deps installs Debian's chromium package")
     opened = Browser(tmp_path / "profile")
     yield opened
     opened.close()
