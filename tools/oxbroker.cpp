@@ -160,7 +160,7 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
   pLine
       .add_option("--http", pOptions.http,
                   "ADDRESS:PORT of the pages, API and metrics (port 0 picks a free one), or off; "
-                  "loopback only")
+                  "loopback only unless the host has keys or --insecure")
       ->type_name("ADDRESS:PORT")
       ->capture_default_str()
       ->each([&pOptions](const std::string&) { pOptions.httpGiven = true; });
