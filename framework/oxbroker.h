@@ -23,6 +23,7 @@ namespace OX {
 class OXBroker;
 class OXModule;
 class OXModuleCore;
+struct ConnectOptions;  // how a remote proxy connects: net/oxremote.h
 
 // The transport of a remote proxy. The net library provides it, together with the remote
 // constructors of OXProxy below, so that this layer knows nothing of sockets: a program that makes
@@ -69,6 +70,8 @@ class OXProxy {
   // The same for a ZeroMQ address such as "tcp://127.0.0.1:7761". Defined by the net library.
   static boost::shared_ptr<OXProxy> connect(const std::string& pUrl,
                                             const std::string& pModuleName);
+  static boost::shared_ptr<OXProxy> connect(const std::string& pUrl, const std::string& pModuleName,
+                                            const ConnectOptions& pOptions);
   virtual ~OXProxy();
 
   // Calls a published method with its arguments as an array (an invalid value means none).
@@ -90,6 +93,8 @@ class OXProxy {
   bool isRemote() const { return fRemote != nullptr; }
   // The address of the broker host of a remote proxy, empty in-process.
   std::string getUrl() const;
+  // The transport of a remote proxy, null in-process: for what only the net library offers.
+  OXRemoteChannel* getRemoteChannel() const { return fRemote.get(); }
 
   // The name under which remote proxies made afterwards introduce this process (by default the
   // program's name and the process id, "oxgrab-4242", so that two processes never share it
