@@ -7,6 +7,8 @@
 #include <mutex>
 #include <unistd.h>
 
+#include "kilog.h"
+#include "oxcaller.h"
 #include "oxservices.h"
 
 namespace OX {
@@ -319,22 +321,45 @@ void OXModuleCore::execute(const std::string& pMethod, const OXValue& pArguments
                   __LINE__);
   }
   boost::shared_ptr<OXFunctorBase> functor;
+  int flags = 0;
   {
     std::shared_lock<std::shared_mutex> guard(fTableMutex);
-    functor = resolve(pMethod, pArguments)->functor;
+    const OXMethodInfo* info = resolve(pMethod, pArguments);
+    functor = info->functor;
+    flags = info->flags;
+  }
+  // Refused before it runs: nothing is taken or held for a pointer that could not be used.
+  if ((flags & OXMethodInfo::kSameProcessOnly) != 0 && isRemoteCall()) {
+    throw OXError(fName, pMethod,
+                  pMethod +
+                      " is for the broker's process only: it deals in pointers valid "
+                      "there, not in another process",
+                  kBrokerFile, __LINE__);
   }
   const OXValue noArguments = [] {
     OXValue empty;
     empty.arraySetSize(0);
     return empty;
   }();
+  // Only our own errors reach a caller. Anything else that escapes a method is a fault of ours:
+  // its text (a library's words, e.g. an index check of the standard library) goes to the log,
+  // and the caller learns which method failed.
+  std::string internal;
   try {
     functor->call(pArguments.isArray() ? pArguments : noArguments, pResult);
+    return;
   } catch (const OXError&) {
     throw;
   } catch (const std::exception& error) {
-    throw OXError(fName, pMethod, error.what(), kBrokerFile, __LINE__);
+    internal = error.what();
+  } catch (...) {
+    internal = "an exception of unknown type";
   }
+  ki::log::LogStream(ki::log::kLogError, "framework.broker", "", "execute", 0)
+      << fName << "." << pMethod << ": " << internal;
+  throw OXError(fName, pMethod,
+                "Method " + pMethod + " failed on an internal error (logged by the host)",
+                kBrokerFile, __LINE__);
 }
 
 std::vector<std::string> OXModuleCore::getMethodList() const {
@@ -482,6 +507,16 @@ bool OXBroker::unregisterModule(const std::string& pName) {
     }
   }
   return false;
+}
+
+void OXBroker::setFilePolicy(boost::shared_ptr<const OXFilePolicy> pPolicy) {
+  std::lock_guard<std::mutex> guard(fPolicyMutex);
+  fFilePolicy = std::move(pPolicy);
+}
+
+boost::shared_ptr<const OXFilePolicy> OXBroker::getFilePolicy() const {
+  std::lock_guard<std::mutex> guard(fPolicyMutex);
+  return fFilePolicy;
 }
 
 void OXBroker::removeAllModules() {

@@ -21,9 +21,10 @@
 namespace OX {
 
 class OXBroker;
+class OXFilePolicy;
+struct ConnectOptions;
 class OXModule;
 class OXModuleCore;
-struct ConnectOptions;  // how a remote proxy connects: net/oxremote.h
 
 // The transport of a remote proxy. The net library provides it, together with the remote
 // constructors of OXProxy below, so that this layer knows nothing of sockets: a program that makes
@@ -70,6 +71,8 @@ class OXProxy {
   // The same for a ZeroMQ address such as "tcp://127.0.0.1:7761". Defined by the net library.
   static boost::shared_ptr<OXProxy> connect(const std::string& pUrl,
                                             const std::string& pModuleName);
+  // The same with the options of the connection (net/oxconnectoptions.h), such as CURVE keys;
+  // throws OXError when a key file cannot be read. Defined by the net library.
   static boost::shared_ptr<OXProxy> connect(const std::string& pUrl, const std::string& pModuleName,
                                             const ConnectOptions& pOptions);
   virtual ~OXProxy();
@@ -243,6 +246,11 @@ class OXBroker : public boost::enable_shared_from_this<OXBroker> {
 
   boost::weak_ptr<OXBrokerManager> getBrokerManager() const { return fBrokerManager; }
 
+  // Where the files that remote callers name may be (oxfilepolicy.h); null, the default: paths
+  // are opened as they are given. The broker host applies it to every call it serves.
+  void setFilePolicy(boost::shared_ptr<const OXFilePolicy> pPolicy);
+  boost::shared_ptr<const OXFilePolicy> getFilePolicy() const;
+
  private:
   OXBroker(const std::string& pName, const std::vector<std::string>& pPreferencePaths);
 
@@ -251,6 +259,8 @@ class OXBroker : public boost::enable_shared_from_this<OXBroker> {
   boost::weak_ptr<OXBrokerManager> fBrokerManager;
   mutable std::shared_mutex fModulesMutex;
   std::vector<boost::shared_ptr<OXModuleCore>> fModules;  // in order of registration
+  mutable std::mutex fPolicyMutex;
+  boost::shared_ptr<const OXFilePolicy> fFilePolicy;
 };
 
 }  // namespace OX

@@ -20,6 +20,9 @@ struct OXMethodInfo {
     std::string text;
   };
   enum Binding { kNotBound = 0, kBindMethod = 1, kBindMethodOverload = 2 };
+  // The flag of a publication that deals in pointers valid in the broker's process only (or
+  // releases what such a publication gave): a caller in another process is refused it.
+  static constexpr int kSameProcessOnly = 4;
 
   std::string name;
   std::string className;

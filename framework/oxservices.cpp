@@ -4,6 +4,8 @@
 #include <tinyxml2.h>
 
 #include <boost/filesystem.hpp>
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -11,6 +13,8 @@
 #include <sstream>
 
 #include "kilog.h"
+#include "oxcaller.h"
+#include "oxfilepolicy.h"
 #include "oxvalue/detail/oxfunctor.h"
 
 namespace OX {
@@ -26,6 +30,27 @@ void publish(C* pModule, M pMethod, const std::string& pName, const std::string&
   for (const auto& param : pParams) pModule->addParam(param.first, param.second);
   detail::completeAndCheck(pMethod, pModule->getCurrentMethodDescription());
   pModule->bindMethod(detail::createFunctor(pModule, pMethod));
+}
+
+// What an entry of the memory service takes, roughly: its bytes and 64 bytes an element.
+std::size_t valueBytes(const OXValue& pValue) {
+  constexpr std::size_t kOverhead = 64;
+  switch (pValue.getType()) {
+    case OXValue::TypeString:
+    case OXValue::TypeBinary:
+      return kOverhead + static_cast<std::size_t>(pValue.getSize());
+    case OXValue::TypeArray: {
+      std::size_t bytes = kOverhead;
+      for (int i = 0; i < pValue.getSize(); ++i) bytes += valueBytes(pValue[i]);
+      return bytes;
+    }
+    default:
+      return kOverhead;
+  }
+}
+
+std::size_t entryBytes(const std::string& pKey, const OXValue& pValue) {
+  return pKey.size() + valueBytes(pValue);
 }
 
 }  // namespace
@@ -106,14 +131,54 @@ void OXMemory::raiseEvent(const std::string& pEventName, const OXValue& pValue) 
 }
 
 void OXMemory::insertData(const std::string& pKey, const OXValue& pValue) {
+  const std::size_t added = pValue.isValid() ? entryBytes(pKey, pValue) : 0;
   std::lock_guard<std::mutex> guard(fMutex);
-  fData[pKey] = pValue;
+  auto found = fData.find(pKey);
+  const std::size_t replaced = found == fData.end() ? 0 : entryBytes(pKey, found->second);
+  // Another process's client must not fill the broker's memory: it may store up to the bound.
+  if (isRemoteCall() && added > replaced && fDataBytes - replaced + added > fRemoteDataLimit) {
+    throw OXError(getName(), "insertData",
+                  "the stored data would take more than " + std::to_string(fRemoteDataLimit) +
+                      " bytes, the most that callers in other processes may fill (an invalid "
+                      "value removes a key)",
+                  kServicesFile, __LINE__);
+  }
+  fDataBytes = fDataBytes - replaced + added;
+  if (!pValue.isValid()) {
+    if (found != fData.end()) fData.erase(found);
+  } else if (found != fData.end()) {
+    found->second = pValue;
+  } else {
+    fData.emplace(pKey, pValue);
+  }
 }
 
 OXValue OXMemory::getData(const std::string& pKey) {
   std::lock_guard<std::mutex> guard(fMutex);
   auto found = fData.find(pKey);
   return found == fData.end() ? OXValue() : found->second;
+}
+
+bool OXMemory::isEventCallback(const std::string& pModuleName, const std::string& pMethod) {
+  std::lock_guard<std::mutex> guard(fMutex);
+  for (const auto& event : fSubscriptions) {
+    for (const Subscription& subscription : event.second) {
+      if (subscription.fModuleName == pModuleName && subscription.fCallbackName == pMethod) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+void OXMemory::setRemoteDataLimit(std::size_t pBytes) {
+  std::lock_guard<std::mutex> guard(fMutex);
+  fRemoteDataLimit = pBytes;
+}
+
+std::size_t OXMemory::getRemoteDataLimit() {
+  std::lock_guard<std::mutex> guard(fMutex);
+  return fRemoteDataLimit;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -130,7 +195,14 @@ OXPreferences::OXPreferences(boost::shared_ptr<OXBroker> pBroker)
 
 OXValue OXPreferences::readPrefFile(const std::string& pFileName, const bool& pSearchAll) {
   const std::string file = pFileName + ".xml";
-  if (pFileName.empty() || pFileName.find('/') != std::string::npos) {
+  // A remote caller names a preference file, never another file that the broker can read.
+  const bool remote = isRemoteCall();
+  const bool plain = std::all_of(pFileName.begin(), pFileName.end(), [](char pChar) {
+    return std::isalnum(static_cast<unsigned char>(pChar)) || pChar == '_' || pChar == '-' ||
+           pChar == '.';
+  });
+  if (pFileName.empty() || pFileName.find('/') != std::string::npos ||
+      (remote && (!plain || pFileName[0] == '.'))) {
     throw OXError(getName(), "readPrefFile", "Invalid preference file name \"" + pFileName + "\"",
                   kServicesFile, __LINE__);
   }
@@ -144,6 +216,11 @@ OXValue OXPreferences::readPrefFile(const std::string& pFileName, const bool& pS
     searched += (searched.empty() ? "" : ", ") + directory;
     boost::system::error_code error;
     if (!boost::filesystem::is_regular_file(path, error)) continue;
+    if (remote && !liesInside(path.string(), directory)) {
+      throw OXError(getName(), "readPrefFile",
+                    "Preference file " + path.string() + " leads outside its directory",
+                    kServicesFile, __LINE__);
+    }
     std::ifstream in(path.string(), std::ios::binary);
     std::ostringstream text;
     text << in.rdbuf();

@@ -2,6 +2,7 @@
 // OXPreferences (preference files).
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <mutex>
 #include <string>
@@ -18,8 +19,13 @@ namespace OX {
 // Raising an event calls each subscriber's callback method through the broker with the event's
 // name, its value and the subscriber's id (the subscribing module's name), on the raising thread,
 // outside the service's lock. A callback that fails is logged and the others still run.
+// Storing an invalid value removes the key. Callers in other processes (oxcaller.h) may fill the
+// store up to a bound (getRemoteDataLimit); their insertData beyond it is refused.
 class OXMemory : public OXModule {
  public:
+  // The default bound of the data stored, for callers in other processes: 16 MiB.
+  static constexpr std::size_t kDefaultRemoteDataLimit = std::size_t(16) << 20;
+
   explicit OXMemory(boost::shared_ptr<OXBroker> pBroker);
 
   void subscribeToEvent(const std::string& pEventName, const std::string& pModuleName,
@@ -30,6 +36,13 @@ class OXMemory : public OXModule {
   // The stored value, or an invalid value when the key is unknown.
   OXValue getData(const std::string& pKey);
 
+  // Whether pMethod of pModuleName is called back for some event.
+  bool isEventCallback(const std::string& pModuleName, const std::string& pMethod);
+  // The bytes that the stored data may take (estimated: keys, values and 64 bytes of overhead
+  // an element) before an insertData of a remote caller is refused.
+  void setRemoteDataLimit(std::size_t pBytes);
+  std::size_t getRemoteDataLimit();
+
  private:
   struct Subscription {
     std::string fModuleName;
@@ -38,6 +51,8 @@ class OXMemory : public OXModule {
   std::mutex fMutex;
   std::map<std::string, std::vector<Subscription>> fSubscriptions;
   std::map<std::string, OXValue> fData;
+  std::size_t fDataBytes = 0;  // estimated, of fData
+  std::size_t fRemoteDataLimit = kDefaultRemoteDataLimit;
 };
 
 // Preference files: readPrefFile(name, searchAll) reads <name>.xml from the broker's preference

@@ -6,9 +6,13 @@
 #include <limits>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include "kilog.h"
+#include "oxcaller.h"
 #include "oxtypes.h"
 
 namespace OX {
@@ -16,12 +20,44 @@ namespace OX {
 namespace {
 
 const char* const kCategory = "framework.oxvideo";
+
+// A path with a NUL byte would open the file that its first part names: it names no file.
+bool namesAFile(const std::string& pPath, const char* pFunction) {
+  if (pPath.find('\0') == std::string::npos) return true;
+  ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, pFunction, __LINE__)
+      << "refusing " << pPath.c_str() << "...: a path with a NUL byte";
+  return false;
+}
+
 const unsigned char kMagic[4] = {'O', 'X', 'V', 'R'};
 const unsigned char kFrameMarker[4] = {'O', 'X', 'F', 'R'};
 constexpr uint32_t kVersion = 1;
 
 static_assert(sizeof(float) == 4 && std::numeric_limits<float>::is_iec559,
               "angles are stored as IEEE 754 single precision");
+
+// Under the file policy of a remote call (oxfilepolicy.h) a recording is a new file, made without
+// following a link, and a file to read must be a regular one, opened without waiting (a FIFO
+// would block the call for ever). Elsewhere files open as they always have.
+std::FILE* openFile(const std::string& pPath, bool pWrite) {
+  if (currentFilePolicy() == nullptr) return std::fopen(pPath.c_str(), pWrite ? "wb" : "rb");
+  const int flags = pWrite ? O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW : O_RDONLY | O_NONBLOCK;
+  const int fd = ::open(pPath.c_str(), flags | O_CLOEXEC, 0644);
+  if (fd < 0) return nullptr;
+  struct stat info;
+  std::FILE* file = nullptr;
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    errno = EINVAL;
+  } else if (fcntl(fd, F_SETFL, 0) == 0) {
+    file = fdopen(fd, pWrite ? "wb" : "rb");
+  }
+  if (file == nullptr) {
+    const int why = errno;
+    ::close(fd);
+    errno = why;
+  }
+  return file;
+}
 
 void putU32(unsigned char* pOut, uint32_t pValue) {
   for (int i = 0; i < 4; ++i) pOut[i] = static_cast<unsigned char>(pValue >> (8 * i));
@@ -107,6 +143,7 @@ OXVideo::~OXVideo() {
 bool OXVideo::recordVideo(const std::string& pPath, unsigned int pPeriod,
                           const std::vector<streamHeader>& pStreams) {
   closeVideo();
+  if (!namesAFile(pPath, __func__)) return false;
   if (pStreams.empty() || pStreams.size() > static_cast<size_t>(kMaxStreams)) {
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "refusing " << pPath << ": " << pStreams.size() << " streams (1 to " << kMaxStreams
@@ -137,7 +174,7 @@ bool OXVideo::recordVideo(const std::string& pPath, unsigned int pPeriod,
     out += 16;
   }
 
-  fFile = std::fopen(pPath.c_str(), "wb");
+  fFile = openFile(pPath, true);
   if (fFile == nullptr) {
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)
         << "cannot create " << pPath << ": " << std::strerror(errno);
@@ -196,7 +233,8 @@ bool OXVideo::readVideoUpToDamage(const std::string& pPath) {
 
 bool OXVideo::open(const std::string& pPath, bool pUpToDamage) {
   closeVideo();
-  fFile = std::fopen(pPath.c_str(), "rb");
+  if (!namesAFile(pPath, __func__)) return false;
+  fFile = openFile(pPath, false);
   if (fFile == nullptr) {
     fProblem = std::string("cannot open: ") + std::strerror(errno);
     ki::log::LogStream(ki::log::kLogError, kCategory, __FILE__, __func__, __LINE__)

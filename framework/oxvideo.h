@@ -41,6 +41,8 @@ class OXVideo {
   // Writer.
   // Creates or truncates pPath and writes the whole header at once, so that a recording stopped
   // at any moment stays readable up to its last complete frame. Closes whatever was open first.
+  // While the calling thread serves a remote call under a file policy (oxcaller.h), it only
+  // creates a new file, never through a symbolic link, and the readers open regular files only.
   // False (nothing left open) when the file cannot be written, pStreams is empty or holds more
   // than kMaxStreams, or a stream has a non-positive size or more than kMaxFrameSize bytes.
   bool recordVideo(const std::string& pPath, unsigned int pPeriod,

@@ -22,6 +22,7 @@
 #include "oxscheduler.h"
 #include "oxsessions.h"
 #include "oxsharedmemory.h"
+#include "oxzap.h"
 
 namespace OX {
 
@@ -120,6 +121,7 @@ class OXBrokerHost::Impl {
   std::unique_ptr<zmq::socket_t> fFrontend;  // made in start(), then used by the listener only
   std::unique_ptr<zmq::socket_t> fRepliesIn;
   std::unique_ptr<zmq::socket_t> fMonitorIn;
+  std::unique_ptr<ZapHandler> fZap;  // with CURVE only
   std::unique_ptr<Housekeeper> fHousekeeper;
   std::unique_ptr<SharedAreas> fAreas;
   std::unique_ptr<SessionTable> fSessions;
@@ -209,6 +211,12 @@ OXBrokerHost::Impl::Impl(boost::shared_ptr<OXBroker> pBroker, const Options& pOp
 void OXBrokerHost::Impl::openSockets() {
   fFrontend.reset(new zmq::socket_t(fContext, zmq::socket_type::router));
   fFrontend->set(zmq::sockopt::linger, 0);
+  const bool curve = !fOptions.fCurveSecretKey.empty();
+  if (curve) {
+    // The handler is there before the first connection, which it must judge.
+    fZap.reset(new ZapHandler(fContext, fOptions.fAllowedClientKeys));
+    serveCurve(*fFrontend, fOptions.fCurveSecretKey);
+  }
   const int heartbeat = std::max(50, fOptions.fHeartbeatTimeoutMs);
   fFrontend->set(zmq::sockopt::heartbeat_ivl, std::max(25, heartbeat / 3));
   fFrontend->set(zmq::sockopt::heartbeat_timeout, heartbeat);
@@ -223,8 +231,8 @@ void OXBrokerHost::Impl::openSockets() {
   fFrontend->set(zmq::sockopt::rcvhwm, fLimits.fMaxInFlight);
   // Sending to a connection that is gone fails instead of vanishing: that is how sessions end.
   fFrontend->set(zmq::sockopt::router_mandatory, true);
-  if (zmq_socket_monitor(fFrontend->handle(), fMonitorEndpoint.c_str(), ZMQ_EVENT_DISCONNECTED) !=
-      0) {
+  const int events = ZMQ_EVENT_DISCONNECTED | (curve ? kHandshakeFailedEvents : 0);
+  if (zmq_socket_monitor(fFrontend->handle(), fMonitorEndpoint.c_str(), events) != 0) {
     throw hostError("start", std::string("cannot watch connections: ") + zmq_strerror(zmq_errno()));
   }
   fMonitorIn.reset(new zmq::socket_t(fContext, zmq::socket_type::pair));
@@ -247,6 +255,7 @@ void OXBrokerHost::Impl::openSockets() {
     fFrontend.reset();
     fRepliesIn.reset();
     fMonitorIn.reset();
+    fZap.reset();
     throw hostError("start", "cannot listen on " + listening + ": " + error.what());
   }
 }
@@ -258,7 +267,8 @@ void OXBrokerHost::Impl::startParts() {
   fSessions.reset(new SessionTable(fLimits.fMaxSessions, [this](Farewell&& pFarewell) {
     fHousekeeper->post(std::move(pFarewell));
   }));
-  fHandler.reset(new RequestHandler(fBroker, *fSessions, fLimits.fMaxMessageBytes, fAreas.get()));
+  fHandler.reset(new RequestHandler(fBroker, *fSessions, fLimits.fMaxMessageBytes,
+                                    fOptions.fAllowRemoteEvents, fAreas.get()));
   fScheduler.reset(new Scheduler(fLimits, fOptions.fThreads, [this] {
     return std::unique_ptr<Scheduler::Worker>(new HostWorker(*this));
   }));
@@ -286,6 +296,7 @@ void OXBrokerHost::Impl::stop() {
   fFrontend.reset();
   fRepliesIn.reset();
   fMonitorIn.reset();
+  fZap.reset();
 }
 
 void OXBrokerHost::Impl::listen() {
@@ -437,6 +448,17 @@ void OXBrokerHost::Impl::watchConnections() {
     if (!fMonitorIn->recv(event, zmq::recv_flags::dontwait)) return;
     zmq::message_t address;
     if (event.more()) (void)fMonitorIn->recv(address);
+    // [event: 16 bits, value: 32 bits]; a refused handshake made no session to look for.
+    uint16_t id = 0;
+    uint32_t value = 0;
+    if (event.size() >= sizeof(id) + sizeof(value)) {
+      std::memcpy(&id, event.data(), sizeof(id));
+      std::memcpy(&value, static_cast<const char*>(event.data()) + sizeof(id), sizeof(value));
+    }
+    if ((id & kHandshakeFailedEvents) != 0) {
+      logHandshakeFailure(id, value);
+      continue;
+    }
     // Some connection closed. The event does not say whose (only a descriptor, which the system
     // reuses), so every session is asked again, on a schedule that outlasts ZeroMQ's own steps.
     fSweep = 0;

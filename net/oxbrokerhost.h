@@ -5,13 +5,15 @@
 // (oxrequests.h), and sends the replies. Sessions are ZeroMQ routing identities (oxsessions.h);
 // when one ends (bye, a closed connection, or no answer to heartbeats), the housekeeper raises
 // "ClientDisconnected" and unsubscribes what the session subscribed. The messages are described
-// in docs/protocol.md, the bounds and what they stop in docs/robustness.md.
+// in docs/protocol.md, the bounds and what they stop in docs/robustness.md, who gets in and what
+// remote callers may touch in docs/security.md.
 #pragma once
 
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "oxbroker.h"
 #include "oxwire.h"
@@ -40,6 +42,13 @@ class OXBrokerHost {
     std::size_t fMaxSharedAreaBytes = std::size_t(256) << 20;
     // Leave the subscribers of an ended session registered (the modules' own clean-up only).
     bool fKeepSubscribers = false;
+    // CURVE (docs/security.md): with a secret key (Z85 text, oxkeys.h) every connection is
+    // encrypted and only clients whose public key is in fAllowedClientKeys get in; empty: none.
+    std::string fCurveSecretKey;
+    std::vector<std::string> fAllowedClientKeys;
+    // Let remote callers use OXMemory's events (raise, subscribe, unsubscribe) and call the
+    // modules' event callbacks; by default the host alone raises "ClientDisconnected".
+    bool fAllowRemoteEvents = false;
   };
 
   OXBrokerHost(boost::shared_ptr<OXBroker> pBroker, const Options& pOptions);

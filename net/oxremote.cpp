@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "oxerror.h"
+#include "oxkeys.h"
 #include "oxrequests.h"
 #include "oxsharedmemory.h"
 #include "oxwire.h"
@@ -41,6 +42,31 @@ bool onThisMachine(const std::string& pUrl) {
   return host == "localhost" || net::isLocalPeer(host);
 }
 
+// With keys, the connection is encrypted and the broker knows this client by its public key; a
+// broker that does not admit it never answers, and the request times out.
+void useCurve(zmq::socket_t& pSocket, const ConnectOptions& pOptions) {
+  if (pOptions.fServerKey.empty() && pOptions.fClientKey.empty()) return;
+  if (pOptions.fServerKey.empty() || pOptions.fClientKey.empty()) {
+    throw OXError("OXProxy", "connect",
+                  "CURVE needs both keys: the broker's public key and this client's secret key",
+                  kRemoteFile, __LINE__);
+  }
+  const std::string server = readCurveKey(pOptions.fServerKey);
+  const std::string secret = readCurveKey(pOptions.fClientKey);
+  const std::string mine = curvePublicKey(secret);
+  // Z85 keys are given with their terminating NUL: 41 bytes.
+  for (const auto& [option, key] :
+       {std::pair<int, const std::string*>{ZMQ_CURVE_SERVERKEY, &server},
+        {ZMQ_CURVE_PUBLICKEY, &mine},
+        {ZMQ_CURVE_SECRETKEY, &secret}}) {
+    if (zmq_setsockopt(pSocket.handle(), option, key->c_str(), key->size() + 1) != 0) {
+      throw OXError("OXProxy", "connect",
+                    std::string("cannot use the CURVE keys: ") + zmq_strerror(zmq_errno()),
+                    kRemoteFile, __LINE__);
+    }
+  }
+}
+
 }  // namespace
 
 OXRemoteConnection::OXRemoteConnection(const std::string& pUrl, const std::string& pClientName,
@@ -59,6 +85,7 @@ OXRemoteConnection::OXRemoteConnection(const std::string& pUrl, const std::strin
   }
   if (!onThisMachine(pUrl)) fOptions.fSharedMemory = ConnectOptions::SharedMemory::kNever;
   fSocket.set(zmq::sockopt::linger, 0);
+  useCurve(fSocket, pOptions);
   try {
     fSocket.connect(pUrl);
   } catch (const zmq::error_t& error) {

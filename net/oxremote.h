@@ -9,6 +9,7 @@
 #include <zmq.hpp>
 
 #include "oxbroker.h"
+#include "oxconnectoptions.h"
 #include "oxvalue.h"
 #include "oxwire.h"
 
@@ -17,16 +18,6 @@ namespace OX {
 namespace net {
 class AreaClient;
 }
-
-// How a remote proxy connects (OXProxy::connect).
-struct ConnectOptions {
-  // Whether replies may bring their large binaries (64 KiB and more) through a shared-memory
-  // area instead of the socket. Only a broker host on this machine (a loopback or ipc address)
-  // offers one. kAuto asks such a host and carries on without when it refuses; kNever never
-  // asks; kRequire fails to connect without one. The results are the same either way.
-  enum class SharedMemory { kAuto, kNever, kRequire };
-  SharedMemory fSharedMemory = SharedMemory::kAuto;
-};
 
 // Bytes of a result read in place.
 using BinaryView = wire::BinaryView;

@@ -1,7 +1,9 @@
 // Serving one request; see oxrequests.h.
 #include "oxrequests.h"
 
+#include "oxcaller.h"
 #include "oxerror.h"
+#include "oxservices.h"
 #include "oxsharedmemory.h"
 
 namespace OX {
@@ -24,6 +26,21 @@ const std::string& operandString(const OXValue& pHeader, int pIndex, const std::
 
 bool startsWith(const std::string& pText, const char* pPrefix) {
   return pText.rfind(pPrefix, 0) == 0;
+}
+
+const std::string kEventsRefused = "events are the broker's own: a remote caller may not use ";
+
+// Whether the call touches the broker's events: OXMemory's event table, or a method that is
+// called back for an event (the device's onClientDisconnected). A remote caller could otherwise
+// announce that another client went away, or stop the announcements.
+bool isEventCall(OXBroker& pBroker, const std::string& pModule, const std::string& pMethod) {
+  if (pModule == "OXMemory" && (pMethod == "raiseEvent" || pMethod == "subscribeToEvent" ||
+                                pMethod == "unsubscribeToEvent")) {
+    return true;
+  }
+  const boost::shared_ptr<OXMemory> memory =
+      boost::dynamic_pointer_cast<OXMemory>(pBroker.getModuleCoreByName("OXMemory"));
+  return memory && memory->isEventCallback(pModule, pMethod);
 }
 
 }  // namespace
@@ -60,10 +77,12 @@ void encodeReply(int pId, OXValue& pReply, wire::Encoded& pOut, wire::BinaryPlac
 }
 
 RequestHandler::RequestHandler(boost::shared_ptr<OXBroker> pBroker, SessionTable& pSessions,
-                               std::size_t pMaxMessageBytes, SharedAreas* pAreas)
+                               std::size_t pMaxMessageBytes, bool pAllowRemoteEvents,
+                               SharedAreas* pAreas)
     : fBroker(std::move(pBroker)),
       fSessions(pSessions),
       fMaxMessageBytes(pMaxMessageBytes),
+      fAllowRemoteEvents(pAllowRemoteEvents),
       fAreas(pAreas) {}
 
 OXValue RequestHandler::handle(const std::string& pRoutingId,
@@ -146,7 +165,16 @@ OXValue RequestHandler::call(const std::string& pRoutingId, const OXValue& pHead
   if (arguments.isValid() && !arguments.isArray()) {
     refuse("call", "the arguments of " + method + " must be an array");
   }
-  OXValue result = fBroker->getProxy(module, 0)->genericCall(method, arguments);
+  if (!fAllowRemoteEvents && isEventCall(*fBroker, module, method)) {
+    refuse("call", kEventsRefused + module + "." + method +
+                       " (a broker started with --allow-remote-events lets them)");
+  }
+  OXValue result;
+  {
+    // The modules hold the caller to the rules of another process (oxcaller.h).
+    OXRemoteCallScope remote(fBroker->getFilePolicy());
+    result = fBroker->getProxy(module, 0)->genericCall(method, arguments);
+  }
   if (startsWith(method, "subscribe") && result.isString()) {
     fSessions.remember(pRoutingId, {module, result.asString()});
   } else if (startsWith(method, "unsubscribe") && arguments.getSize() > 0 &&

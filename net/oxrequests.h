@@ -22,9 +22,11 @@ class SharedAreas;
 
 class RequestHandler {
  public:
-  // With pAreas, a client on this machine may ask for a shared-memory area at hello.
+  // pAllowRemoteEvents: see OXBrokerHost::Options::fAllowRemoteEvents. With pAreas, a client on
+  // this machine may ask for a shared-memory area at hello.
   RequestHandler(boost::shared_ptr<OXBroker> pBroker, SessionTable& pSessions,
-                 std::size_t pMaxMessageBytes, SharedAreas* pAreas = nullptr);
+                 std::size_t pMaxMessageBytes, bool pAllowRemoteEvents = false,
+                 SharedAreas* pAreas = nullptr);
 
   // The reply to the message pFrames of the connection pRoutingId, whose peer ZeroMQ describes as
   // pPeerAddress: [1, id, "ok", result] or [1, id, "error", fields]. Never throws for anything
@@ -40,6 +42,7 @@ class RequestHandler {
   boost::shared_ptr<OXBroker> fBroker;
   SessionTable& fSessions;
   const std::size_t fMaxMessageBytes;
+  const bool fAllowRemoteEvents;
   SharedAreas* fAreas;
 };
 

@@ -64,10 +64,11 @@ class Processes:
             log.close()
 
 
-def start_broker(processes, name, prefs, bindir):
-    """Starts oxbroker on a free loopback port and returns (process, host, port)."""
+def start_broker(processes, name, prefs, bindir, data):
+    """Starts oxbroker on a free loopback port, its clients' files in the folder data, and
+    returns (process, host, port)."""
     process = processes.start(name, [os.path.join(bindir, "oxbroker"), "--port", "0",
-                                     "--prefs", prefs, "--log-level", "3"],
+                                     "--prefs", prefs, "--data-dir", data, "--log-level", "3"],
                               stdout=subprocess.PIPE, text=True)
     line = process.stdout.readline()
     match = re.search(r"listening on tcp://([\d.]+):(\d+)", line)
@@ -81,7 +82,8 @@ def count_pngs(folder):
 
 
 def record(host, port, path):
-    """Subscribes a recorder and records RECORDED_FRAMES raw frames; returns the frames taken."""
+    """Subscribes a recorder and records RECORDED_FRAMES raw frames to path, a name in the
+    broker's data directory; returns the frames taken."""
     proxy = OXProxy("OXVideoDevice", host, port, name="mainjob-recorder")
     name = proxy.subscribeCamera("recorder", 0, VGA, KYUV422, 30)
     taken = 0
@@ -91,9 +93,9 @@ def record(host, port, path):
         deadline = time.monotonic() + 20
         # The recording takes a frame each time the subscriber takes a raw one.
         while taken < RECORDED_FRAMES and time.monotonic() < deadline:
+            # The remote form gives the raw frame back by itself.
             if proxy.getDirectRawImageRemote(name) is not None:
                 taken += 1
-                proxy.releaseDirectRawImage(name)
             time.sleep(1 / 30)
         proxy.stopVideo(name)
     finally:
@@ -144,7 +146,7 @@ def main():
     try:
         print("mainjob: starting the broker host (SimulatorCam)")
         broker, host, port = start_broker(processes, "broker-simulator",
-                                          os.path.join(ROOT, "share", "preferences"), bindir)
+                                          os.path.join(ROOT, "share", "preferences"), bindir, out)
         url = "tcp://%s:%d" % (host, port)
         print("mainjob: broker listening on %s; starting oxsim (640x480 at 30 fps)" % url)
         processes.start("oxsim", [os.path.join(bindir, "oxsim"), "--url", url, "--size",
@@ -183,7 +185,7 @@ def main():
         recording = os.path.join(out, "recording.oxv")
         print("mainjob: recording %d raw frames to %s" % (RECORDED_FRAMES,
                                                             os.path.relpath(recording, ROOT)))
-        recorded = record(host, port, recording)
+        recorded = record(host, port, os.path.basename(recording))
         size = os.path.getsize(recording) if os.path.exists(recording) else 0
         summary.append(("recorder", "vga yuv422 raw", recorded, "-",
                         "%s (%d bytes)" % (os.path.relpath(recording, ROOT), size)))
@@ -196,9 +198,9 @@ def main():
         print("mainjob: replaying the recording in a second broker (FileCam)")
         _, host, port = start_broker(processes, "broker-filecam",
                                      os.path.join(ROOT, "share", "preferences", "filecam"),
-                                     bindir)
+                                     bindir, out)
         with OXProxy("OXVideoDevice", host, port, name="mainjob") as proxy:
-            proxy.setVideo(recording, None, True, 0, 0)
+            proxy.setVideo(os.path.basename(recording), None, True, 0, 0)
         folder = os.path.join(out, "replay-rgb")
         os.makedirs(folder, exist_ok=True)
         for stale in os.listdir(folder):

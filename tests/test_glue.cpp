@@ -208,7 +208,8 @@ TEST_F(GlueTest, CompletesDescriptionsAndPublishesHelp) {
 }
 
 // Overloads are chosen by argument kind and count; an identical later publication replaces the
-// earlier; calls that fit nothing, or methods that throw, surface as OXError.
+// earlier; calls that fit nothing, or methods that throw, surface as OXError, and a library's
+// exception never shows the caller its own text.
 TEST_F(GlueTest, ResolvesOverloadsAndReportsFailures) {
   EXPECT_EQ(call("kind", args({1})), OXValue("int"));
   EXPECT_EQ(call("kind", args({"a"})), OXValue("string"));
@@ -222,9 +223,12 @@ TEST_F(GlueTest, ResolvesOverloadsAndReportsFailures) {
   EXPECT_EQ(failure("takeInt", args({})), "Method takeInt takes 1 argument(s), not 0");
   EXPECT_THROW(call("takeInt", OXValue(1)), OX::OXError);
 
+  vitest::LogCapture capture;
   const OX::OXError error = raised("fail", args({}));
   EXPECT_EQ(std::make_tuple(error.getDescription(), error.getModuleName(), error.getFunctionName()),
-            std::make_tuple("device unplugged", "Glue", "fail"));
+            std::make_tuple("Method fail failed on an internal error (logged by the host)", "Glue",
+                            "fail"));
+  EXPECT_TRUE(capture.has(2, "framework.broker", "Glue.fail: device unplugged"));
 }
 
 }  // namespace

@@ -168,34 +168,6 @@ TEST(Publication, GenericCallPicksTheOverload) {
   EXPECT_EQ(Hook::camera(*cam, 1).fFrameRate, 10);  // the operation was not entered
 }
 
-// Guards against a publication that the broker cannot call with the argument types of its own
-// signature: each one is called with values of those types and must reach its operation, which
-// may refuse the made-up subscriber, but never with a conversion or signature error.
-TEST(Publication, EveryPublicationIsCallableWithItsSignature) {
-  vitest::TestClock clock;
-  vitest::LogCapture capture;
-  vitest::TempDir directory;
-  boost::shared_ptr<OX::OXBroker> broker;
-  auto cam = vitest::makeSimulatorCam(&broker);
-  auto proxy = broker->getProxy(cam->getName());
-  // One value per type code; the string is a directory, so a recording cannot open it as a file.
-  const std::map<int, OXValue> sample = {
-      {2, OXValue(false)}, {3, OXValue(0)},
-      {4, OXValue(0.5f)},  {5, OXValue(directory.path())},
-      {6, args({0})},      {24, OXValue(std::vector<float>{0.5f, 0.5f})}};
-  for (const OX::OXMethodInfo& info : cam->getMethodTable()) {
-    OXValue arguments = args({});
-    for (int code : info.argumentTypes) arguments.arrayPush(sample.at(code));
-    try {
-      proxy->genericCall(info.name, arguments);
-    } catch (const OX::OXError& error) {
-      EXPECT_NE(error.getModuleName(), "convertFromOXValue") << info.name << ": " << error.what();
-      EXPECT_EQ(std::string(error.what()).find("argument(s), not"), std::string::npos) << info.name;
-      EXPECT_EQ(std::string(error.what()).find("is not published"), std::string::npos) << info.name;
-    }
-  }
-}
-
 // Guards against a client that knows only the broker being unable to run a whole session:
 // subscribe, push, images in every published colour space, settings, parameters, geometry.
 TEST(Publication, ClientSessionThroughGenericCallAlone) {

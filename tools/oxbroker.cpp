@@ -5,7 +5,10 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <arpa/inet.h>
+
 #include <boost/filesystem.hpp>
+#include <boost/make_shared.hpp>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -15,6 +18,8 @@
 #include "kilog.h"
 #include "oxbroker.h"
 #include "oxbrokerhost.h"
+#include "oxfilepolicy.h"
+#include "oxkeys.h"
 #include "toolcommandline.h"
 
 namespace {
@@ -34,15 +39,21 @@ const char* const kAbout =
     "Once it listens, it prints one line on stdout: \"oxbroker: listening on URL\" (and a\n"
     "second one with the ipc:// address, with --ipc).\n"
     "Clients on this machine (loopback or ipc) may ask for a shared-memory area, through which\n"
-    "large binaries of replies come without the socket (--shared-memory, 0 to offer none).\n"
+    "large binaries of replies come without the socket (--shared-memory-bytes, 0: none).\n"
     "The first SIGINT or SIGTERM stops it within two seconds (queued requests are answered\n"
-    "with an error, running calls finish); a second one ends it at once.";
+    "with an error, running calls finish); a second one ends it at once.\n"
+    "It listens on loopback only unless given keys (--curve-secret, --allow-keys) or --insecure,\n"
+    "and the files that clients name lie in the data directory (see docs/security.md).";
 
 struct Options {
   std::string prefs;
   std::vector<std::string> modules;
   OX::OXBrokerHost::Options host;
   std::string name = kProgram;
+  std::string dataDirectory = "data";
+  std::string curveSecret;  // files; their keys go into host
+  std::string allowKeys;
+  bool insecure = false;
 };
 
 fs::path programDirectory() {
@@ -66,6 +77,37 @@ std::string defaultModule(const fs::path& pHere) {
   const fs::path installed = pHere / VI_MODULES_FROM_BIN / "libvideoinput.so";
   if (fs::exists(installed)) return fs::canonical(installed).string();
   return (pHere / ".." / "lib" / "libvideoinput.so").string();
+}
+
+// Who gets in, and what remote callers may touch (docs/security.md).
+void declareSecurity(oxtools::CommandLine& pLine, Options& pOptions) {
+  pLine
+      .add_option("--data-dir", pOptions.dataDirectory,
+                  "the files that clients name (recordVideo, setVideo) lie in DIR, relative to "
+                  "the directory oxbroker starts in; made when first needed")
+      ->type_name("DIR")
+      ->capture_default_str()
+      ->check(oxtools::kNonEmpty);
+  CLI::Option* secret =
+      pLine
+          .add_option("--curve-secret", pOptions.curveSecret,
+                      "the broker's secret key (NAME.key of oxkeygen): encrypt every connection "
+                      "and admit only the clients of --allow-keys")
+          ->type_name("FILE")
+          ->check(CLI::ExistingFile);
+  CLI::Option* allowed =
+      pLine
+          .add_option("--allow-keys", pOptions.allowKeys,
+                      "directory of the public keys (*.pub) of the clients let in")
+          ->type_name("DIR")
+          ->check(CLI::ExistingDirectory);
+  secret->needs(allowed);
+  allowed->needs(secret);
+  pLine.add_flag("--insecure", pOptions.insecure,
+                 "listen beyond loopback without keys: anyone who reaches the port gets in");
+  pLine.add_flag("--allow-remote-events", pOptions.host.fAllowRemoteEvents,
+                 "let clients raise OXMemory's events and call the modules' event callbacks "
+                 "(default: the broker alone raises \"ClientDisconnected\")");
 }
 
 void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHere) {
@@ -104,16 +146,56 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
                   std::size_t{1} << 20, std::size_t{1} << 40);
   pLine.addNumber("--max-queued-bytes", host.fMaxQueuedBytes, "BYTES",
                   "the same for all clients together", std::size_t{1} << 20, std::size_t{1} << 40);
-  pLine.addNumber("--shared-memory", host.fSharedAreaBytes, "BYTES",
+  pLine.addNumber("--shared-memory-bytes", host.fSharedAreaBytes, "BYTES",
                   "shared-memory area of each client on this machine that asks; 0 offers none",
                   std::size_t{0}, std::size_t{1} << 30);
-  pLine.addNumber("--max-shared-memory", host.fMaxSharedAreaBytes, "BYTES",
+  pLine.addNumber("--max-shared-memory-bytes", host.fMaxSharedAreaBytes, "BYTES",
                   "the same for all clients together", std::size_t{0}, std::size_t{1} << 40);
   pLine.add_flag("--keep-subscribers", host.fKeepSubscribers,
                  "leave the subscribers of a client that went away registered (default: "
                  "unsubscribe them)");
+  declareSecurity(pLine, pOptions);
   pLine.addClientName(pOptions.name, "the broker's name");
   pLine.addLogOptions();
+}
+
+// Whether clients can only come from this machine.
+bool isLoopback(std::string pAddress) {
+  if (pAddress == "localhost" || pAddress == "lo") return true;
+  if (pAddress.size() > 2 && pAddress.front() == '[' && pAddress.back() == ']') {
+    pAddress = pAddress.substr(1, pAddress.size() - 2);
+  }
+  unsigned char bytes[16];
+  if (inet_pton(AF_INET, pAddress.c_str(), bytes) == 1) return bytes[0] == 127;
+  in6_addr address;
+  return inet_pton(AF_INET6, pAddress.c_str(), &address) == 1 && IN6_IS_ADDR_LOOPBACK(&address);
+}
+
+// Without keys a broker listens on loopback only, unless told that the risk is accepted.
+void checkExposure(Options& pOptions) {
+  const std::string& address = pOptions.host.fBindAddress;
+  if (!pOptions.curveSecret.empty()) {
+    pOptions.host.fCurveSecretKey = OX::readCurveKey(pOptions.curveSecret);
+    pOptions.host.fAllowedClientKeys = OX::readAllowedKeys(pOptions.allowKeys);
+    if (pOptions.host.fAllowedClientKeys.empty()) {
+      throw UsageError("no client key (*.pub) in " + pOptions.allowKeys +
+                       ": put there the NAME.pub of each client that oxkeygen made");
+    }
+  } else if (!isLoopback(address)) {
+    if (!pOptions.insecure) {
+      throw UsageError(
+          "refusing to listen on " + address +
+          " without keys: every machine that reaches the port could use the camera, push "
+          "frames and write into the data directory.\n"
+          "Make keys (docs/security.md): 'oxkeygen keys --name broker' here, 'oxkeygen keys "
+          "--name NAME' on each client; copy each client's NAME.pub into a directory DIR and "
+          "start with --curve-secret keys/broker.key --allow-keys DIR. Or accept the risk with "
+          "--insecure.");
+    }
+    std::cerr << kProgram << ": warning: listening on " << address
+              << " without encryption or authentication (--insecure): anyone who reaches the "
+                 "port can use the camera and the files of the data directory\n";
+  }
 }
 
 // Loads one module library and lets it create its modules in the broker.
@@ -165,7 +247,12 @@ int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOption
     std::cout << kProgram << ": listening on " << host.getIpcUrl() << std::endl;
   }
   ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
-      << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl();
+      << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl()
+      << (pOptions.host.fCurveSecretKey.empty()
+              ? std::string(" without encryption")
+              : " with CURVE, " + std::to_string(pOptions.host.fAllowedClientKeys.size()) +
+                    " client keys allowed")
+      << "; files of clients in " << pBroker->getFilePolicy()->getDirectory();
   int received = 0;
   sigwait(&pStopSignals, &received);
   // A second signal ends the process at once, should stopping take longer than its user wants to
@@ -187,9 +274,11 @@ int run(Options& pOptions, const fs::path& pHere) {
   if (!fs::is_directory(pOptions.prefs)) {
     throw UsageError("no preference directory " + pOptions.prefs + " (use --prefs DIR)");
   }
+  checkExposure(pOptions);
   const sigset_t stopSignals = blockStopSignals();
   boost::shared_ptr<OX::OXBroker> broker =
       OX::OXBroker::createBroker(pOptions.name, {pOptions.prefs});
+  broker->setFilePolicy(boost::make_shared<OX::OXFilePolicy>(pOptions.dataDirectory));
   for (const std::string& library : pOptions.modules) {
     if (!loadModule(library, broker)) return kExitNotServing;
   }

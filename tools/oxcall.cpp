@@ -192,6 +192,7 @@ json methodsJson(const OXValue& pRecords) {
 
 struct Options {
   std::string url = oxtools::kDefaultUrl;
+  OX::ConnectOptions keys;  // --server-key, --client-key, --shared-memory
   std::string name = kProgram;
   int timeoutMs = OX::OXProxy::getRemoteTimeout();
   bool list = false;
@@ -202,6 +203,7 @@ struct Options {
 
 void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   pLine.addUrl(pOptions.url);
+  pLine.addConnectOptions(pOptions.keys);
   pLine.addClientName(pOptions.name, "client name given to the broker");
   pLine.addNumber("--timeout", pOptions.timeoutMs, "MS", "reply timeout in milliseconds", 1,
                   std::numeric_limits<int>::max());
@@ -269,7 +271,7 @@ int run(const Options& pOptions) {
   OX::OXProxy::setRemoteTimeout(pOptions.timeoutMs);
 
   const boost::shared_ptr<OX::OXProxy> proxy =
-      oxtools::connectModule(pOptions.url, pOptions.module, pOptions.name);
+      oxtools::connectModule(pOptions.url, pOptions.module, pOptions.name, pOptions.keys);
   if (pOptions.describe) return describe(*proxy, pOptions);
   if (pOptions.list) {
     for (const std::string& method : proxy->getMethodList()) std::cout << method << "\n";

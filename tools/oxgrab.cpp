@@ -75,6 +75,7 @@ class Subscription {
 
 struct Options {
   std::string url = oxtools::kDefaultUrl;
+  OX::ConnectOptions keys;  // --server-key, --client-key, --shared-memory
   std::string name = kProgram;
   int camera = 0;
   int resolution = OX::kQVGA;
@@ -102,6 +103,7 @@ CLI::Validator byName(int (*pParse)(const std::string&), const std::string& pKno
 void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   constexpr int kMax = std::numeric_limits<int>::max();
   pLine.addUrl(pOptions.url);
+  pLine.addConnectOptions(pOptions.keys);
   pLine.addClientName(pOptions.name, "subscriber name");
   pLine.addNumber("--camera", pOptions.camera, "N", "camera index", 0, 127);
   pLine.add_option("--resolution", pOptions.resolution, "qqvga, qvga, vga, 4vga or 0..3")
@@ -225,7 +227,7 @@ int run(Options& pOptions) {
 
   oxtools::installStopHandler();
   const boost::shared_ptr<OX::OXProxy> proxy =
-      oxtools::connectModule(pOptions.url, oxtools::kDeviceModule, pOptions.name);
+      oxtools::connectModule(pOptions.url, oxtools::kDeviceModule, pOptions.name, pOptions.keys);
   // The device may answer with another id (a second subscriber of the same name gets a suffix).
   const std::string id =
       proxy

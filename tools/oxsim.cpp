@@ -177,6 +177,7 @@ std::vector<std::string> pngFiles(const std::string& pFolder, int& pWidth, int& 
 
 struct Options {
   std::string url = oxtools::kDefaultUrl;
+  OX::ConnectOptions keys;  // --server-key, --client-key, --shared-memory
   int camera = 0;
   std::string size = "640x480";
   double fps = 30;
@@ -191,6 +192,7 @@ struct Options {
 
 void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   pLine.addUrl(pOptions.url);
+  pLine.addConnectOptions(pOptions.keys);
   pLine.addNumber("--camera", pOptions.camera, "N", "camera index", 0, 127);
   pLine.add_option("--size", pOptions.size, "frame size of the drawn scene")
       ->type_name("WxH")
@@ -405,8 +407,9 @@ class Pusher {
 int run(const Options& pOptions) {
   FrameSource source(pOptions);
   oxtools::installStopHandler();
-  Pusher pusher(pOptions, source,
-                oxtools::connectModule(pOptions.url, oxtools::kDeviceModule, kProgram));
+  Pusher pusher(
+      pOptions, source,
+      oxtools::connectModule(pOptions.url, oxtools::kDeviceModule, kProgram, pOptions.keys));
   oxtools::repeatUntilStopped([&pusher] { return pusher.step(); });
   pusher.printSummary();
   return pusher.exitCode();

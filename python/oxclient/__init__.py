@@ -31,7 +31,7 @@ import time
 
 import zmq
 
-from . import _shm, _wire
+from . import _keys, _shm, _wire
 from ._error import OXError
 
 __all__ = ["OXProxy", "OXError", "describe", "describe_from_value", "image_to_numpy"]
@@ -63,15 +63,21 @@ class OXProxy:
     A proxy is not thread-safe: it sends one request and waits for its reply on a socket of its
     own. Threads that call at the same time should each make their own proxy.
 
+    With ``server_key`` (the broker's NAME.pub) and ``client_key`` (this client's NAME.key, both
+    made by oxkeygen) the connection is encrypted with CURVE; a broker that does not admit the
+    key never answers (see docs/security.md).
+
     ``host`` may also be a whole address (``"ipc:///run/oxbroker.sock"``), ``port`` is then not
     used. ``shared_memory``: None uses a shared-memory area when the host is on this machine and
-    offers one, False never asks, True fails (OXError) without one. Binaries come back the same
-    either way, as read-only memoryviews of bytes of their own; with ``views=True``, those that
-    came through the area are views of it instead, valid only until the proxy's next call.
+    offers one, False never asks, True fails (OXError) without one (docs/shared-memory.md).
+    Binaries come back the same either way, as read-only memoryviews of bytes of their own; with
+    ``views=True``, those that came through the area are views of it instead, valid only until
+    the proxy's next call.
     """
 
     def __init__(self, module, host="127.0.0.1", port=DEFAULT_PORT, name=None,
-                 timeout_ms=30000, shared_memory=None, views=False):
+                 timeout_ms=30000, server_key=None, client_key=None, shared_memory=None,
+                 views=False):
         self._socket = None
         self._area = None
         self.module = module
@@ -90,8 +96,13 @@ class OXProxy:
         self._timeout_set = None
         socket = zmq.Context.instance().socket(zmq.DEALER)
         socket.setsockopt(zmq.LINGER, 0)
-        socket.connect(self.url)
         self._socket = socket
+        try:
+            _keys.use_curve(socket, server_key, client_key)
+        except BaseException:
+            self._close_socket()
+            raise
+        socket.connect(self.url)
         try:
             self._hello()
         except BaseException:

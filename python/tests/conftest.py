@@ -21,7 +21,7 @@ STOP_DEADLINE_S = 5.0
 
 
 def build_dir():
-    return Path(os.environ.get("OX_BUILD_DIR", REPO / "build"))
+    return Path(os.environ.get("OX_BUILD_DIR", REPO / "build")).resolve()
 
 
 def broker_binary():
@@ -31,7 +31,7 @@ def broker_binary():
 class Broker:
     """A running oxbroker: its address, its process and what it logged on stderr."""
 
-    def __init__(self, prefs, options):
+    def __init__(self, prefs, options, cwd=None, env=None):
         self.bindir = str(broker_binary().parent)
         arguments = {"port": 0, "heartbeat-timeout": 400, "log-level": 4, "prefs": prefs}
         arguments.update({key.replace("_", "-"): value for key, value in options.items()})
@@ -40,7 +40,7 @@ class Broker:
             command += ["--" + key] if value is True else ["--" + key, str(value)]
         self.command = command
         self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                        stdin=subprocess.DEVNULL)
+                                        stdin=subprocess.DEVNULL, cwd=cwd, env=env)
         self._log = []
         self._log_lock = threading.Lock()
         self._reader = threading.Thread(target=self._read_stderr, daemon=True)
@@ -104,7 +104,8 @@ class Broker:
 
 @pytest.fixture
 def start_broker():
-    """start_broker(prefs=None, **options) starts a broker; options are its command-line flags
+    """start_broker(prefs=None, cwd=None, env=None, **options) starts a broker in the working
+    directory cwd with the environment env; options are its command-line flags
     (heartbeat_timeout=1000 gives --heartbeat-timeout 1000, keep_subscribers=True gives
     --keep-subscribers). Each is stopped at teardown, which
     checks that it exited cleanly."""
@@ -113,8 +114,8 @@ def start_broker():
                     % broker_binary())
     brokers = []
 
-    def start(prefs=None, **options):
-        broker = Broker(str(prefs or REPO / "share" / "preferences"), options)
+    def start(prefs=None, cwd=None, env=None, **options):
+        broker = Broker(str(prefs or REPO / "share" / "preferences"), options, cwd, env)
         brokers.append(broker)
         return broker
 

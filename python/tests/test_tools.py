@@ -108,6 +108,8 @@ def wait_for_line(process, text, timeout=10):
     ("oxgrab", ["--colorspace", "cmyk"]),
     ("oxgrab", ["--resolution", "7"]),
     ("oxgrab", ["--count"]),
+    ("oxgrab", ["--server-key", "/dev/null"]),               # without --client-key
+    ("oxkeygen", ["keys", "--name", "a/b"]),
 ])
 def test_help_and_usage_errors(tools, tool, bad):
     shown = run(tools, tool, "--help")

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -122,13 +123,16 @@ class BrokerProcess {
 class RawClient {
  public:
   // A deaf client takes in one message and a few kilobytes, then nothing until it reads.
-  explicit RawClient(const std::string& pUrl, bool pDeaf = false)
+  // pSetUp sets further options of the socket before it connects.
+  explicit RawClient(const std::string& pUrl, bool pDeaf = false,
+                     const std::function<void(zmq::socket_t&)>& pSetUp = nullptr)
       : fSocket(fContext, zmq::socket_type::dealer) {
     fSocket.set(zmq::sockopt::linger, 0);
     if (pDeaf) {
       fSocket.set(zmq::sockopt::rcvhwm, 1);
       fSocket.set(zmq::sockopt::rcvbuf, 4096);
     }
+    if (pSetUp) pSetUp(fSocket);
     fSocket.connect(pUrl);
   }
   void sendFrames(const std::vector<std::string>& pFrames) {

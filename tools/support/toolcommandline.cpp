@@ -1,6 +1,7 @@
 #include "toolcommandline.h"
 
 #include <iostream>
+#include <map>
 #include <memory>
 #include <sstream>
 
@@ -126,6 +127,30 @@ CLI::Option* CommandLine::addUrl(std::string& pUrl) {
             return "";
           },
           ""));
+}
+
+void CommandLine::addConnectOptions(OX::ConnectOptions& pOptions) {
+  CLI::Option* server =
+      add_option("--server-key", pOptions.fServerKey,
+                 "the broker's public key (NAME.pub of oxkeygen): speak CURVE, encrypted")
+          ->type_name("PATH")
+          ->check(CLI::ExistingFile);
+  CLI::Option* client =
+      add_option("--client-key", pOptions.fClientKey,
+                 "this client's secret key (NAME.key of oxkeygen), with --server-key")
+          ->type_name("PATH")
+          ->check(CLI::ExistingFile);
+  server->needs(client);
+  client->needs(server);
+  using SharedMemory = OX::ConnectOptions::SharedMemory;
+  const std::map<std::string, SharedMemory> modes = {{"auto", SharedMemory::kAuto},
+                                                     {"never", SharedMemory::kNever},
+                                                     {"require", SharedMemory::kRequire}};
+  add_option("--shared-memory", pOptions.fSharedMemory,
+             "images through a shared-memory area from a broker on this machine: auto (when it "
+             "offers one), never, or require (default: auto)")
+      ->type_name("MODE")
+      ->transform(CLI::CheckedTransformer(modes, CLI::ignore_case));
 }
 
 CLI::Option* CommandLine::addClientName(std::string& pName, const std::string& pHelp) {

@@ -5,13 +5,15 @@
 #include <thread>
 
 #include "oxbroker.h"
+#include "oxconnectoptions.h"
 
 namespace oxtools {
 
 boost::shared_ptr<OX::OXProxy> connectModule(const std::string& pUrl, const std::string& pModule,
-                                             const std::string& pClientName) {
+                                             const std::string& pClientName,
+                                             const OX::ConnectOptions& pOptions) {
   OX::OXProxy::setClientName(pClientName);
-  return OX::OXProxy::connect(pUrl, pModule);
+  return OX::OXProxy::connect(pUrl, pModule, pOptions);
 }
 
 namespace {

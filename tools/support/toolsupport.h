@@ -11,16 +11,19 @@
 
 namespace OX {
 class OXProxy;
-}
+struct ConnectOptions;
+}  // namespace OX
 
 namespace oxtools {
 
 constexpr const char* kDeviceModule = "OXVideoDevice";
 
-// Introduces this process as pClientName and connects to pModule of the broker at pUrl; throws
-// OXError when the broker does not answer or hosts no such module.
+// Introduces this process as pClientName and connects to pModule of the broker at pUrl, with
+// pOptions (--server-key, --client-key, --shared-memory); throws OXError when the broker does not
+// answer or hosts no such module.
 boost::shared_ptr<OX::OXProxy> connectModule(const std::string& pUrl, const std::string& pModule,
-                                             const std::string& pClientName);
+                                             const std::string& pClientName,
+                                             const OX::ConnectOptions& pOptions);
 
 // SIGINT and SIGTERM raise a flag instead of ending the process, so that tools can clean up
 // (unsubscribe, print their summary) and exit 0.

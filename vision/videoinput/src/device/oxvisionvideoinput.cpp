@@ -128,6 +128,18 @@ void OXVisionVideoInput::xCheckCameraIndex(const int& pCameraIndex, const Camera
   }
 }
 
+void OXVisionVideoInput::xCheckCameraArgument(int pCameraIndex, const std::string& pMethod,
+                                              int pLine) const {
+  const int cameras = fNbCameras;
+  if (pCameraIndex >= 0 && pCameraIndex < cameras) return;
+  xThrow(pMethod,
+         "camera index " + std::to_string(pCameraIndex) + " out of range: this device has " +
+             (cameras == 1
+                  ? std::string("1 camera, index 0")
+                  : std::to_string(cameras) + " cameras, 0 to " + std::to_string(cameras - 1)),
+         pLine);
+}
+
 bool OXVisionVideoInput::xIsInParams(std::vector<paramIDConvert> pList, int pParamID) {
   for (const paramIDConvert& entry : pList) {
     if (entry.fParamID == pParamID) return true;

@@ -292,6 +292,9 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   // Raises the same OXError without a record, for failures that are not logged.
   [[noreturn]] void xRaise(const std::string& pMethod, const std::string& pMessage,
                            int pLine) const;
+  // Raises (logged) for a camera index that no camera has, where the operation has no text of
+  // its own for it: "camera index <n> out of range: this device has <N> cameras, 0 to <N-1>".
+  void xCheckCameraArgument(int pCameraIndex, const std::string& pMethod, int pLine) const;
   // One record for the device's category (vision.oxvisionvideoinput unless told otherwise).
   void xLog(int pLevel, const std::string& pFunction, const std::string& pMessage,
             const char* pCategory = nullptr) const;

@@ -139,12 +139,16 @@ int OXVisionVideoInput::getParam(const int& pParam) {
   return xGetParam(fActiveCamera, pParam);
 }
 
+// The forms with a camera index check it, whatever the parameter: the drivers index their
+// camera records with it.
 int OXVisionVideoInput::getParam(const int& pParam, const int& pCameraIndex) {
+  xCheckCameraArgument(pCameraIndex, "getParam()", __LINE__);
   OXCriticalSectionRead lock(fVisionModulesLock);
   return xGetParam(pCameraIndex, pParam);
 }
 
 void OXVisionVideoInput::setParam(const int& pParam, const int& pValue, const int& pCameraIndex) {
+  xCheckCameraArgument(pCameraIndex, "setParam()", __LINE__);
   OXCriticalSectionWrite lock(fVisionModulesLock);
   xSetParam(pCameraIndex, pParam, pValue, false);
 }

@@ -1,10 +1,12 @@
 // Video recording: a mono-stream subscriber has the raw frames of its own requests written to a
 // .oxv file. There is no thread and no timer: a frame is considered only when the subscriber asks
 // for an image, so the end of a recording is noticed at the first request after its last frame.
+#include <limits>
 #include <new>
 
 #include "device/oxvisionvideoinput.h"
 #include "device/oxvisionvideoinputtexts.h"
+#include "oxfilepolicy.h"
 
 namespace OX {
 
@@ -31,6 +33,9 @@ boost::shared_ptr<VisionModuleInfo> OXVisionVideoInput::xFindRecorder(
 
 bool OXVisionVideoInput::recordVideo(const std::string& pName, const std::string& pPath,
                                      const int& pTotalNumber, const int& pPeriod) {
+  // A remote caller's file lies in the broker's data directory and is new, or nothing changes.
+  const std::string path =
+      resolveCallerPath(*this, pPath, OXFilePolicy::Access::kCreate, "recordVideo");
   // The write side: the fields of the subscriber change, and two calls on one subscriber must
   // not interleave.
   OXCriticalSectionWrite lock(fVisionModulesLock);
@@ -45,8 +50,9 @@ bool OXVisionVideoInput::recordVideo(const std::string& pName, const std::string
   info->fRecordedCount = 0;
   // An "unlimited" 0xFFFFFFFF arrives as -1, is not above 0, and records one image.
   info->fRecordTotal = pTotalNumber > 0 ? pTotalNumber : 1;
-  // From the unclamped period: with 0 or below the countdown never meets 0 again.
-  info->fRecordCountdown = pPeriod - 1;
+  // From the unclamped period: with 0 or below the countdown never meets 0 again. The smallest
+  // int has no int below it: its countdown stays the smallest int, negative like the others.
+  info->fRecordCountdown = pPeriod > std::numeric_limits<int>::min() ? pPeriod - 1 : pPeriod;
 
   const RealCameraProperties& real = *fCameraProperties[camera];
   const OXValue sizes = resolutionToSizes(real.fResolution);
@@ -62,7 +68,7 @@ bool OXVisionVideoInput::recordVideo(const std::string& pName, const std::string
     delete info->fVideo;
   }
   info->fVideo = video;
-  const bool opened = video->recordVideo(pPath, 0, headers);
+  const bool opened = video->recordVideo(path, 0, headers);
   // A file that could not be opened still counts as a recording; its writes do nothing.
   info->fIsRecording = true;
   return opened;

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "oxerror.h"
+#include "oxfilepolicy.h"
 #include "oxtypes.h"
 #include "oxvalue/detail/oxfunctor.h"
 
@@ -27,6 +28,8 @@ constexpr int kBufferCount = 4;
 constexpr int kReplayFrameRate = 30;
 constexpr int kUnknownColorSpace = 255;
 constexpr int kWholeFileEnd = 2147483647;
+// How much of a refused range its error shows.
+constexpr size_t kShownRange = 64;
 
 std::mutex& clockMutex() {
   static std::mutex mutex;
@@ -178,19 +181,38 @@ void OXVisionFileCam::xUnableToOpen() {
 void OXVisionFileCam::setVideo(const std::string& pFilePath, const OXValue& pRange,
                                const bool& pLoop, const int& pReplayMode,
                                const int& pStreamNumber) {
+  // A remote caller's file lies in the broker's data directory and is a regular one, or nothing
+  // changes: the existence of other files is nobody's business. The texts keep the caller's path.
+  const std::string path =
+      resolveCallerPath(*this, pFilePath, OXFilePolicy::Access::kRead, "setVideo");
   // The grabber is not restarted here: the next subscriber or client does it.
   stopFrameGrabber();
   boost::system::error_code error;
-  const boost::filesystem::file_status status = boost::filesystem::status(pFilePath, error);
-  if (error || status.type() == boost::filesystem::file_not_found) {
+  const boost::filesystem::file_status status = boost::filesystem::status(path, error);
+  // A path with a NUL byte names no file: its first part would be asked for instead.
+  if (error || status.type() == boost::filesystem::file_not_found ||
+      pFilePath.find('\0') != std::string::npos) {
     xLog(kLogError, "setVideo", pFilePath + " file doesn't exist. Return!", kCategory);
     return;
   }
-  fFilePath = pFilePath;
+  const bool ranged = pRange.isValid() && pRange.isArray() && pRange.getSize() == 2;
+  // Image indexes are 0 or more: the replay steps back from both ends of the range, which from a
+  // negative index could go below the smallest int. Refused before anything changes.
+  const auto index = [](const OXValue& pIndex) { return pIndex.isInt() && pIndex.asInt() >= 0; };
+  if (ranged && !(index(pRange[0]) && index(pRange[1]))) {
+    std::string given = pRange.toString();
+    if (given.size() > kShownRange) given = given.substr(0, kShownRange) + "...";
+    xThrow("setVideo()",
+           "range " + given +
+               " out of range: [first, last], two image indexes from 0 to 2147483647, or null "
+               "for the whole file",
+           __LINE__);
+  }
+  fFilePath = path;
   fLoop = pLoop;
   fReplayMode = pReplayMode;
   fStreamNumber = pStreamNumber;
-  if (pRange.isValid() && pRange.isArray() && pRange.getSize() == 2) {
+  if (ranged) {
     fFirstImage = static_cast<int>(pRange[0]);
     fLastImage = static_cast<int>(pRange[1]);
   } else {
@@ -241,7 +263,9 @@ bool OXVisionFileCam::xOpenDevice() {
   for (int i = 0; i < kRingSize; ++i) {
     result = fVideo.getFrame(fFrames[i].fImage, fCurrentImage, fStreamNumber, true);
   }
-  ++fCurrentImage;
+  // previousImage before any opening steps back from the end of the whole file, the largest int:
+  // the count stops there, and the read-ahead below brings it back into the range.
+  if (fCurrentImage < std::numeric_limits<int>::max()) ++fCurrentImage;
 
   OXImage& next = xSlot(fNextFrame);
   if (fCurrentImage > fLastImage) {

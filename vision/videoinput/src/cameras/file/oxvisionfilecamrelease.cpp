@@ -36,8 +36,11 @@ std::vector<OXImage*> OXVisionFileCam::xGetDirectRawImages(const std::string& pI
   return {};
 }
 
+// Published as getParam(camID, pParam) straight from here, so the caller's index is checked
+// first, whatever the identifier.
 int OXVisionFileCam::xGetParam(const int& pCameraIndex, const int& pParam) {
-  const RealCameraProperties& camera = *fCameraProperties.at(pCameraIndex);
+  xCheckCameraArgument(pCameraIndex, "getParam()", __LINE__);
+  const RealCameraProperties& camera = *fCameraProperties[pCameraIndex];
   switch (pParam) {
     case kCameraResolutionID:
       return camera.fResolution;

@@ -2,7 +2,9 @@
 // one ahead, the rewritten timestamps, the stepping methods and the grabber.
 //
 // The grabber's states and moves are those of GrabberState (device/oxvisionvideoinputrecords.h).
+#include <cmath>
 #include <limits>
+#include <sstream>
 
 #include "kios.h"
 #include "oxerror.h"
@@ -24,6 +26,9 @@ constexpr unsigned int kOpeningPollMicroseconds = 500000;
 // where this code lives: clients compare the whole error, file and line included.
 constexpr const char* kGrabberSource = "vision/videoinput/src/oxvisionfilecam";
 constexpr int kGrabberLine = 351;
+// The longest replay period, in microseconds, and the slowest speed that gives one shorter.
+constexpr double kLargestPeriod = 9.2e18;
+constexpr double kSlowestSpeed = 1.1e-13;
 
 }  // namespace
 
@@ -210,7 +215,17 @@ void OXVisionFileCam::replaySpeed(const float& pImagesPerSecond) {
     fReplayPeriod = std::numeric_limits<int64_t>::max();
     return;
   }
-  fReplayPeriod = static_cast<int64_t>(1.0 / static_cast<double>(pImagesPerSecond) * 1000000.0);
+  const double period = 1.0 / static_cast<double>(pImagesPerSecond) * 1000000.0;
+  // Not a number, or so slow that the period has no 64-bit count of microseconds: the
+  // truncation would be undefined.
+  if (!(std::fabs(period) < kLargestPeriod)) {
+    std::ostringstream text;
+    text << "imagesPerSecond " << pImagesPerSecond
+         << " out of range: 0, or a number of images per second of at least " << kSlowestSpeed
+         << " in size";
+    xThrow("replaySpeed()", text.str(), __LINE__);
+  }
+  fReplayPeriod = static_cast<int64_t>(period);
 }
 
 int OXVisionFileCam::getCurrentImageNumber() {

@@ -80,6 +80,8 @@ class OXVisionSimulatorCam : public OXSingleton<OXVisionSimulatorCam>, public OX
   // The frame store of a camera, or null (with a record naming pFunction) for an index outside
   // the cameras: the device's active camera may be fNbCameras (see xSetParam).
   CameraDriverBuffer* xDriverBuffer(int pCamera, const char* pFunction) const;
+  // The record of a camera that a parameter operation names; raises for an index out of range.
+  RealCameraProperties& xCameraOf(int pCameraIndex, const char* pMethod);
 
   bool xPutImage(const OXValue& pImage, const int& pCameraIndex);  // fMutex held
   bool xSetSimCamInputSize(const int& pWidth, const int& pHeight,

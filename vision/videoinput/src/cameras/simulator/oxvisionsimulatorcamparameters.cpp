@@ -33,28 +33,35 @@ int knownFrameRate(int pValue) {
 
 }  // namespace
 
+// The camera's record is read only for the identifiers that describe that camera, after its
+// index is checked: the active camera may stand one past the last (see kCameraSelectID below),
+// and the device-wide selection must stay reachable from there.
+RealCameraProperties& OXVisionSimulatorCam::xCameraOf(int pCameraIndex, const char* pMethod) {
+  xCheckCameraArgument(pCameraIndex, pMethod, __LINE__);
+  return *fCameraProperties[pCameraIndex];
+}
+
 int OXVisionSimulatorCam::xGetParam(const int& pCameraIndex, const int& pParam) {
-  const RealCameraProperties& camera = *fCameraProperties[pCameraIndex];
   switch (pParam) {
     case kCameraResolutionID:
-      return camera.fResolution;
+      return xCameraOf(pCameraIndex, "getParam()").fResolution;
     case kCameraFrameRateID:
-      return camera.fFrameRate;
+      return xCameraOf(pCameraIndex, "getParam()").fFrameRate;
     case kCameraBufferSizeID:
-      return camera.fBufferCount;
+      return xCameraOf(pCameraIndex, "getParam()").fBufferCount;
     case kCameraSelectID:
       return fActiveCamera;
     case kCameraColorSpaceID:
-      return camera.fColorSpace;
+      return xCameraOf(pCameraIndex, "getParam()").fColorSpace;
     default:
       throw OXError(texts::kCameraModule, "getParam()", texts::kBadParameter, "", 0);
   }
 }
 
 bool OXVisionSimulatorCam::xSetParam(int pCameraIndex, int pParam, int pValue, bool pSetDefault) {
-  RealCameraProperties& camera = *fCameraProperties[pCameraIndex];
   switch (pParam) {
     case kCameraResolutionID: {
+      RealCameraProperties& camera = xCameraOf(pCameraIndex, "setParam()");
       const int value = pSetDefault ? fDefaultResolution : pValue;
       if (static_cast<unsigned int>(value) > static_cast<unsigned int>(k4VGA)) {
         xLog(kLogError, "xSetParam", std::string("xSetParam() ") + texts::kInvalidResolution,
@@ -72,6 +79,7 @@ bool OXVisionSimulatorCam::xSetParam(int pCameraIndex, int pParam, int pValue, b
       return true;
     }
     case kCameraFrameRateID: {
+      RealCameraProperties& camera = xCameraOf(pCameraIndex, "setParam()");
       const int value = pSetDefault ? kDefaultFrameRate : knownFrameRate(pValue);
       if (value == camera.fFrameRate) return true;
       OXCriticalSection lock(fParametersLock);

@@ -40,11 +40,12 @@ bool OXVisionSimulatorCam::putImage(const OXValue& pImage) {
 }
 
 // Takes no device lock, unlike setSimCamInputSize: kept so that a pusher never waits on
-// subscribers.
+// subscribers. A camera that the caller names and that does not exist is refused with an error;
+// the forms that follow the device's active camera answer false instead.
 bool OXVisionSimulatorCam::putImage(const int& pCameraIndex, const int& pWidth, const int& pHeight,
                                     const OXValue& pImage) {
+  xCheckCameraArgument(pCameraIndex, "putImage()", __LINE__);
   CameraDriverBuffer* store = xDriverBuffer(pCameraIndex, "putImage");
-  if (store == nullptr) return false;
   OXCriticalSection lock(store->fMutex);
   if (!xSetSimCamInputSize(pWidth, pHeight, pCameraIndex)) return false;
   return xPutImage(pImage, pCameraIndex);
@@ -60,8 +61,8 @@ bool OXVisionSimulatorCam::setSimCamInputSize(const int& pWidth, const int& pHei
 }
 
 OXValue OXVisionSimulatorCam::getExpectedImageParameters(const int& pCameraIndex) {
+  xCheckCameraArgument(pCameraIndex, "getExpectedImageParameters()", __LINE__);
   OXCriticalSectionRead lock(fVisionModulesLock);
-  if (xDriverBuffer(pCameraIndex, "getExpectedImageParameters") == nullptr) return OXValue();
   const RealCameraProperties& camera = *fCameraProperties[pCameraIndex];
   OXValue parameters;
   parameters.arraySetSize(2);
@@ -73,7 +74,9 @@ OXValue OXVisionSimulatorCam::getExpectedImageParameters(const int& pCameraIndex
 OXValue OXVisionSimulatorCam::getExpectedImageParameters() {
   // The lock is taken twice for reading by this thread: the lock allows it.
   OXCriticalSectionRead lock(fVisionModulesLock);
-  return getExpectedImageParameters(fActiveCamera);
+  const int camera = fActiveCamera;
+  if (xDriverBuffer(camera, "getExpectedImageParameters") == nullptr) return OXValue();
+  return getExpectedImageParameters(camera);
 }
 
 bool OXVisionSimulatorCam::xSetSimCamInputSize(const int& pWidth, const int& pHeight,
