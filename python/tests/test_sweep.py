@@ -124,8 +124,10 @@ def test_every_publication_survives_the_edges_of_its_arguments(start_broker, tmp
                                                                cameras):
     environment = dict(os.environ, ASAN_OPTIONS="halt_on_error=1:detect_leaks=1",
                        UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1")
-    write_video(tmp_path / VIDEO)
-    # Recordings go to the working directory: a temporary one.
+    # Remote callers' files, recordings and the video alike, lie in the broker's data directory,
+    # "data" in its working directory: a temporary one.
+    (tmp_path / "data").mkdir()
+    write_video(tmp_path / "data" / VIDEO)
     broker = start_broker(REPO / "share" / "preferences" / prefs, cwd=str(tmp_path),
                           env=environment, log_level=-1)
     deadline = time.monotonic() + SWEEP_BOUND_S
