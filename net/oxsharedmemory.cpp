@@ -131,8 +131,12 @@ bool SharedArea::place(const void* pData, std::size_t pSize, std::uint64_t& pPos
   // The client's word is checked: a position beyond what was placed is no release at all.
   const std::uint64_t released = __atomic_load_n(releasedWord(fBase), __ATOMIC_ACQUIRE);
   if (released <= fHead && released > fReleased) fReleased = released;
-  // Everything given back: start again at the front of the ring, where the caches are warm.
-  if (fReleased >= fLastEnd) fHead = roundUp(fHead, fCapacity);
+  // Everything given back: start again at the front of the ring, where the caches are warm. The
+  // whole ring is free then, whatever the client's word says later.
+  if (fReleased >= fLastEnd) {
+    fHead = roundUp(fHead, fCapacity);
+    fReleased = fHead;
+  }
   std::uint64_t position = fHead;
   const std::uint64_t offset = position % fCapacity;
   if (offset + pSize > fCapacity) position += fCapacity - offset;  // no binary wraps around

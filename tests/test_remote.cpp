@@ -291,6 +291,13 @@ TEST(SharedArea, IsBoundedSingleUseAndOnlyForThisMachine) {
   EXPECT_EQ(frames(), 4u);
   client.releaseAll();
   EXPECT_EQ(frames(), 1u);
+  // Once everything is given back, the whole ring is free again, for a larger binary too.
+  for (std::size_t size : {kPiece, 2 * kPiece + 100}) {
+    client.releaseAll();
+    bytes.assign(size, static_cast<unsigned char>(size));
+    value = OXValue::array({OXValue::binary(bytes.data(), static_cast<int>(bytes.size()))});
+    EXPECT_EQ(frames(), 0u) << size;
+  }
   area.reset();
   EXPECT_EQ(areas.heldBytes(), 0u);
 }
