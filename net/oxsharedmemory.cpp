@@ -163,7 +163,12 @@ class SharedAreas::Door {
       close(fListen);
       fail("start", "cannot open the shared-memory door " + fName);
     }
+    // Without its wake-up the door could not be closed again: no door then.
     fWake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (fWake < 0) {
+      close(fListen);
+      fail("start", "cannot make the shared-memory door's wake-up");
+    }
     fThread = std::thread([this] { run(); });
   }
   ~Door() {
@@ -196,7 +201,8 @@ class SharedAreas::Door {
       std::vector<pollfd> fds = {{fWake, POLLIN, 0}, {fListen, POLLIN, 0}};
       for (const Visitor& visitor : fVisitors) fds.push_back({visitor.fFd, POLLIN, 0});
       if (fVisitors.size() >= kDoorPending) fds[1].events = 0;
-      (void)poll(fds.data(), fds.size(), 100);
+      // Only visitors have deadlines: an idle door sleeps until someone knocks.
+      (void)poll(fds.data(), fds.size(), fVisitors.empty() ? -1 : 100);
       if (fds[0].revents != 0) return;
       const auto now = std::chrono::steady_clock::now();
       std::vector<Visitor> staying;
