@@ -92,6 +92,12 @@ def test_refusals_say_why_and_fall_back_to_the_socket(start_broker):
     with pytest.raises(OXError, match="shared memory needs a broker host on this machine, not "
                                       "tcp://192.0.2.1:7761"):
         OXProxy("OXMemory", "192.0.2.1", 7761, shared_memory=True)
+    for mode, code, text in (("require", 2, "shared memory is not offered by this host"),
+                             ("auto", 0, ""), ("sometimes", 1, "expected auto, never or require")):
+        called = subprocess.run([str(broker_binary().parent / "oxcall"), "--url", broker.url,
+                                 "--shared-memory", mode, "OXMemory", "getData", "\"k\""],
+                                capture_output=True, text=True, timeout=30)
+        assert called.returncode == code and text in called.stderr, called.stderr
 
     broker = start_broker(shared_memory_bytes=1 << 20, max_shared_memory_bytes=1 << 20)
     with OXProxy("OXMemory", broker.host, broker.port) as first:

@@ -143,14 +143,22 @@ void CommandLine::addConnectOptions(OX::ConnectOptions& pOptions) {
   server->needs(client);
   client->needs(server);
   using SharedMemory = OX::ConnectOptions::SharedMemory;
-  const std::map<std::string, SharedMemory> modes = {{"auto", SharedMemory::kAuto},
-                                                     {"never", SharedMemory::kNever},
-                                                     {"require", SharedMemory::kRequire}};
-  add_option("--shared-memory", pOptions.fSharedMemory,
-             "images through a shared-memory area from a broker on this machine: auto (when it "
-             "offers one), never, or require (default: auto)")
+  static const std::map<std::string, SharedMemory> kModes = {{"auto", SharedMemory::kAuto},
+                                                             {"never", SharedMemory::kNever},
+                                                             {"require", SharedMemory::kRequire}};
+  add_option_function<std::string>(
+      "--shared-memory",
+      [&pOptions](const std::string& pMode) { pOptions.fSharedMemory = kModes.at(pMode); },
+      "images through a shared-memory area from a broker on this machine: auto (when it offers "
+      "one), never, or require (default: auto)")
       ->type_name("MODE")
-      ->transform(CLI::CheckedTransformer(modes, CLI::ignore_case));
+      ->check(CLI::Validator(
+          [](const std::string& pText) -> std::string {
+            return kModes.count(pText) != 0
+                       ? ""
+                       : "expected auto, never or require, got '" + pText + "'";
+          },
+          ""));
 }
 
 CLI::Option* CommandLine::addClientName(std::string& pName, const std::string& pHelp) {
