@@ -1,6 +1,10 @@
 // The broker host: the listener thread and the glue of the parts; see oxbrokerhost.h.
 #include "oxbrokerhost.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <boost/make_shared.hpp>
 #include <algorithm>
 #include <atomic>
@@ -65,6 +69,21 @@ zmq::message_t borrowedFrame(const OXValue::Binary& pBytes,
       const_cast<unsigned char*>(pBytes.data()), pBytes.size(),
       [](void*, void* pHint) { delete static_cast<boost::shared_ptr<const OXValue>*>(pHint); },
       keep);
+}
+
+// Whether a process listens on the Unix socket file pPath. ZeroMQ removes an existing file before
+// it binds, which would take the address away from a broker that still serves there.
+bool unixSocketInUse(const std::string& pPath) {
+  sockaddr_un address{};
+  if (pPath.size() >= sizeof(address.sun_path)) return false;  // ZeroMQ refuses it itself
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, pPath.c_str(), pPath.size() + 1);
+  const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) return false;
+  const bool answered =
+      connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  close(probe);
+  return answered;
 }
 
 // How ZeroMQ describes the peer that sent pFrame: an IP address, or an ipc peer's credentials.
@@ -248,6 +267,7 @@ void OXBrokerHost::Impl::openSockets() {
     fUrl = fFrontend->get(zmq::sockopt::last_endpoint);
     if (!fOptions.fIpcPath.empty()) {
       listening = "ipc://" + fOptions.fIpcPath;
+      if (unixSocketInUse(fOptions.fIpcPath)) throw zmq::error_t(EADDRINUSE);
       fFrontend->bind(listening);
       fIpcUrl = fFrontend->get(zmq::sockopt::last_endpoint);
     }
@@ -294,6 +314,8 @@ void OXBrokerHost::Impl::stop() {
   fAreas->stop();
   fFrontend->set(zmq::sockopt::linger, kClosingLingerMs);
   fFrontend.reset();
+  // ZeroMQ leaves the socket file behind; nothing listens there any more.
+  if (!fIpcUrl.empty()) ::unlink(fOptions.fIpcPath.c_str());
   fRepliesIn.reset();
   fMonitorIn.reset();
   fZap.reset();

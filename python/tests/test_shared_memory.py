@@ -126,3 +126,19 @@ def test_curve_clients_get_areas_and_others_nothing(start_broker, tmp_path):
                  client_key=str(tmp_path / "friend" / "friend.key")) as memory:
         memory.insertData("big", bytes(range(256)) * 512)
         assert memory.getData("big") == bytes(range(256)) * 512
+
+
+# ZeroMQ removes an existing socket file before it binds: a second broker would silently take the
+# address of one that still serves, and a stopped one would leave its file behind.
+def test_an_ipc_path_is_never_taken_from_a_running_broker_and_goes_at_stop(start_broker,
+                                                                           tmp_path):
+    path = tmp_path / "broker.sock"
+    broker = start_broker(ipc=path)
+    second = subprocess.run([str(broker_binary()), "--port", "0", "--ipc", str(path)],
+                            capture_output=True, text=True, timeout=30)
+    assert second.returncode == 1
+    assert "cannot listen on ipc://%s: Address already in use" % path in second.stderr
+    with OXProxy("OXMemory", "ipc://%s" % path, shared_memory=True) as memory:
+        memory.ping()
+    assert broker.stop() == 0
+    assert not path.exists()
