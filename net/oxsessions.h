@@ -14,6 +14,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -23,6 +24,8 @@
 
 namespace OX {
 namespace net {
+
+class SharedArea;
 
 // A subscriber that a session's call made, to be unsubscribed when the session ends.
 struct Subscriber {
@@ -58,11 +61,15 @@ class SessionTable {
   void forget(const std::string& pRoutingId, const Subscriber& pSubscriber);
   std::vector<std::string> routingIds() const;
   std::size_t size() const;
+  // The session's shared-memory area (oxsharedmemory.h), which ends with it; null for none.
+  void setArea(const std::string& pRoutingId, std::shared_ptr<SharedArea> pArea);
+  std::shared_ptr<SharedArea> area(const std::string& pRoutingId) const;
 
  private:
   struct Session {
     std::string fName;
     std::vector<Subscriber> fSubscribers;
+    std::shared_ptr<SharedArea> fArea;
   };
   // Counts a use of pName less; true when it was the last one. fMutex held.
   bool release(const std::string& pName);
