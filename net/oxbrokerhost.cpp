@@ -1,6 +1,10 @@
 // The broker host: the listener thread and the glue of the parts; see oxbrokerhost.h.
 #include "oxbrokerhost.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <boost/make_shared.hpp>
 #include <algorithm>
 #include <atomic>
@@ -21,6 +25,7 @@
 #include "oxrequests.h"
 #include "oxscheduler.h"
 #include "oxsessions.h"
+#include "oxsharedmemory.h"
 #include "oxzap.h"
 
 namespace OX {
@@ -66,10 +71,25 @@ zmq::message_t borrowedFrame(const OXValue::Binary& pBytes,
       keep);
 }
 
-// The IP address of the client that sent pFrame, as ZeroMQ tells it; empty when it does not.
-std::string peerAddress(const zmq::message_t& pFrame) {
+// Whether a process listens on the Unix socket file pPath. ZeroMQ removes an existing file before
+// it binds, which would take the address away from a broker that still serves there.
+bool unixSocketInUse(const std::string& pPath) {
+  sockaddr_un address{};
+  if (pPath.size() >= sizeof(address.sun_path)) return false;  // ZeroMQ refuses it itself
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, pPath.c_str(), pPath.size() + 1);
+  const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) return false;
+  const bool answered =
+      connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  close(probe);
+  return answered;
+}
+
+// How ZeroMQ describes the peer that sent pFrame: an IP address, or an ipc peer's credentials.
+std::string peerOf(const zmq::message_t& pFrame) {
   const char* address = zmq_msg_gets(pFrame.handle(), "Peer-Address");
-  return address != nullptr ? address : "";
+  return address != nullptr ? std::string(address) : std::string();
 }
 
 std::vector<wire::FrameView> viewsOf(const std::vector<zmq::message_t>& pFrames) {
@@ -89,6 +109,7 @@ class OXBrokerHost::Impl {
   void stop();
   net::HostStatus status() const;
   std::string fUrl;
+  std::string fIpcUrl;
 
  private:
   class HostWorker;
@@ -122,6 +143,7 @@ class OXBrokerHost::Impl {
   std::unique_ptr<zmq::socket_t> fMonitorIn;
   std::unique_ptr<ZapHandler> fZap;  // with CURVE only
   std::unique_ptr<Housekeeper> fHousekeeper;
+  std::unique_ptr<SharedAreas> fAreas;
   std::unique_ptr<SessionTable> fSessions;
   std::unique_ptr<RequestHandler> fHandler;
   std::unique_ptr<Scheduler> fScheduler;
@@ -154,10 +176,9 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
     std::size_t requestBytes = 0;
     for (const zmq::message_t& frame : pJob.fFrames) requestBytes += frame.size();
     RequestHandler::Served served;
-    OXValue reply = fHost.fHandler->handle(pJob.fRoutingId, viewsOf(pJob.fFrames), &served);
-    if (served.fOperation == "hello") {
-      fHost.fSessions->setAddress(pJob.fRoutingId, peerAddress(pJob.fFrames[0]));
-    }
+    OXValue reply =
+        fHost.fHandler->handle(pJob.fRoutingId, viewsOf(pJob.fFrames),
+                               pJob.fFrames.empty() ? "" : peerOf(pJob.fFrames[0]), &served);
     pJob.fFrames.clear();  // the decoded request holds its own copy
     const bool failed = reply[2].asString() == "error";
     const std::size_t replyBytes = send(pJob, std::move(reply));
@@ -177,7 +198,9 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
     auto held = boost::make_shared<HeldReply>();
     held->fValue = std::move(pReply);
     wire::Encoded encoded;
-    encodeReply(pJob.fId, held->fValue, encoded);
+    // A session on this machine may have its large binaries placed in its shared area.
+    const std::shared_ptr<SharedArea> area = fHost.fSessions->area(pJob.fRoutingId);
+    encodeReply(pJob.fId, held->fValue, encoded, area.get());
     std::size_t bytes = encoded.fHeader.size();
     for (const OXValue::Binary* frame : encoded.fFrames) bytes += frame->size();
     // Charged to the connection until ZeroMQ has written the reply: a client that does not read
@@ -207,6 +230,10 @@ OXBrokerHost::Impl::Impl(boost::shared_ptr<OXBroker> pBroker, const Options& pOp
   fLimits.fMaxSessionBytes = pOptions.fMaxSessionBytes;
   fLimits.fMaxQueuedBytes = pOptions.fMaxQueuedBytes;
   fLimits.fMaxSessions = std::max(1, pOptions.fMaxSessions);
+  // An area is at most what one connection may hold, and at most 1 GiB.
+  fLimits.fAreaBytes = std::min({pOptions.fSharedAreaBytes, pOptions.fMaxSessionBytes,
+                                 pOptions.fMaxSharedAreaBytes, std::size_t(1) << 30});
+  fLimits.fMaxAreaBytes = pOptions.fMaxSharedAreaBytes;
   const std::string tag = std::to_string(reinterpret_cast<std::uintptr_t>(this));
   fRepliesEndpoint = "inproc://oxbrokerhost-replies-" + tag;
   fMonitorEndpoint = "inproc://oxbrokerhost-monitor-" + tag;
@@ -249,25 +276,34 @@ void OXBrokerHost::Impl::openSockets() {
   const std::string endpoint =
       "tcp://" + fOptions.fBindAddress + ":" +
       (fOptions.fPort == 0 ? std::string("*") : std::to_string(fOptions.fPort));
+  std::string listening = endpoint;
   try {
     fFrontend->bind(endpoint);
+    fUrl = fFrontend->get(zmq::sockopt::last_endpoint);
+    if (!fOptions.fIpcPath.empty()) {
+      listening = "ipc://" + fOptions.fIpcPath;
+      if (unixSocketInUse(fOptions.fIpcPath)) throw zmq::error_t(EADDRINUSE);
+      fFrontend->bind(listening);
+      fIpcUrl = fFrontend->get(zmq::sockopt::last_endpoint);
+    }
   } catch (const zmq::error_t& error) {
     fFrontend.reset();
     fRepliesIn.reset();
     fMonitorIn.reset();
     fZap.reset();
-    throw hostError("start", "cannot listen on " + endpoint + ": " + error.what());
+    throw hostError("start", "cannot listen on " + listening + ": " + error.what());
   }
-  fUrl = fFrontend->get(zmq::sockopt::last_endpoint);
 }
 
 void OXBrokerHost::Impl::startParts() {
   fHousekeeper.reset(new Housekeeper(fBroker, !fOptions.fKeepSubscribers));
+  fAreas.reset(new SharedAreas(fLimits.fAreaBytes, fLimits.fMaxAreaBytes));
+  fAreas->start();
   fSessions.reset(new SessionTable(fLimits.fMaxSessions, [this](Farewell&& pFarewell) {
     fHousekeeper->post(std::move(pFarewell));
   }));
   fHandler.reset(new RequestHandler(fBroker, *fSessions, fLimits.fMaxMessageBytes,
-                                    fOptions.fAllowRemoteEvents));
+                                    fOptions.fAllowRemoteEvents, fAreas.get()));
   fScheduler.reset(new Scheduler(fLimits, fOptions.fThreads, [this] {
     return std::unique_ptr<Scheduler::Worker>(new HostWorker(*this));
   }));
@@ -290,8 +326,11 @@ void OXBrokerHost::Impl::stop() {
   fListenerDone = true;
   fListener.join();
   fHousekeeper->stop();
+  fAreas->stop();
   fFrontend->set(zmq::sockopt::linger, kClosingLingerMs);
   fFrontend.reset();
+  // ZeroMQ leaves the socket file behind; nothing listens there any more.
+  if (!fIpcUrl.empty()) ::unlink(fOptions.fIpcPath.c_str());
   fRepliesIn.reset();
   fMonitorIn.reset();
   fZap.reset();
@@ -308,11 +347,13 @@ void OXBrokerHost::Impl::listen() {
       wait = std::clamp(std::chrono::duration_cast<std::chrono::milliseconds>(due - Clock::now()),
                         std::chrono::milliseconds(1), wait);
     }
-    // Once stopping, requests are no longer read: only replies go out.
+    // Once stopping, requests are no longer read: only replies go out. Only the sockets that
+    // have something are read: each empty read costs ZeroMQ a system call.
+    for (zmq::pollitem_t& item : items) item.revents = 0;
     zmq::poll(items.data(), fStopping ? 2 : 3, wait);
-    if (!fStopping) receive();
-    forwardReplies();
-    watchConnections();
+    if (!fStopping && (items[2].revents & ZMQ_POLLIN) != 0) receive();
+    if ((items[0].revents & ZMQ_POLLIN) != 0) forwardReplies();
+    if ((items[1].revents & ZMQ_POLLIN) != 0) watchConnections();
     sweepIfDue();
     fScheduler->resume();
   }
@@ -380,8 +421,7 @@ bool OXBrokerHost::Impl::servedInline(const std::string& pRoutingId,
       (op != "hello" && op != "bye" && op != "ping") || !fScheduler->idle(pRoutingId)) {
     return false;
   }
-  OXValue reply = fHandler->handle(pRoutingId, viewsOf(pFrames));
-  if (op == "hello") fSessions->setAddress(pRoutingId, peerAddress(pFrames[0]));
+  OXValue reply = fHandler->handle(pRoutingId, viewsOf(pFrames), peerOf(pFrames[0]));
   wire::Encoded encoded;
   encodeReply(pStart.fId, reply, encoded);
   std::vector<zmq::message_t> frames;
@@ -519,6 +559,10 @@ void OXBrokerHost::stop() {
 
 std::string OXBrokerHost::getUrl() const {
   return fImpl->fUrl;
+}
+
+std::string OXBrokerHost::getIpcUrl() const {
+  return fImpl->fIpcUrl;
 }
 
 net::HostStatus OXBrokerHost::getStatus() const {

@@ -7,6 +7,7 @@
 #include "oxerror.h"
 #include "oxhostlog.h"
 #include "oxproxies.h"
+#include "oxsharedmemory.h"
 
 namespace OX {
 namespace net {
@@ -90,6 +91,18 @@ std::vector<std::string> SessionTable::routingIds() const {
   ids.reserve(fSessions.size());
   for (const auto& entry : fSessions) ids.push_back(entry.first);
   return ids;
+}
+
+void SessionTable::setArea(const std::string& pRoutingId, std::shared_ptr<SharedArea> pArea) {
+  std::lock_guard<std::mutex> guard(fMutex);
+  auto found = fSessions.find(pRoutingId);
+  if (found != fSessions.end()) found->second.fArea = std::move(pArea);
+}
+
+std::shared_ptr<SharedArea> SessionTable::area(const std::string& pRoutingId) const {
+  std::lock_guard<std::mutex> guard(fMutex);
+  auto found = fSessions.find(pRoutingId);
+  return found == fSessions.end() ? nullptr : found->second.fArea;
 }
 
 std::size_t SessionTable::size() const {

@@ -15,6 +15,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -25,6 +26,8 @@
 
 namespace OX {
 namespace net {
+
+class SharedArea;
 
 // A subscriber that a session's call made, to be unsubscribed when the session ends.
 struct Subscriber {
@@ -64,6 +67,9 @@ class SessionTable {
   void setAddress(const std::string& pRoutingId, const std::string& pAddress);
   // Every session, by name.
   std::vector<SessionView> list() const;
+  // The session's shared-memory area (oxsharedmemory.h), which ends with it; null for none.
+  void setArea(const std::string& pRoutingId, std::shared_ptr<SharedArea> pArea);
+  std::shared_ptr<SharedArea> area(const std::string& pRoutingId) const;
 
  private:
   struct Session {
@@ -71,6 +77,7 @@ class SessionTable {
     std::vector<Subscriber> fSubscribers;
     std::string fAddress;
     std::chrono::steady_clock::time_point fSince = std::chrono::steady_clock::now();
+    std::shared_ptr<SharedArea> fArea;
   };
   // Counts a use of pName less; true when it was the last one. fMutex held.
   bool release(const std::string& pName);

@@ -38,8 +38,10 @@ const char* const kAbout =
     "Loads module libraries into a broker and serves their published methods to other\n"
     "processes (ZeroMQ, see docs/protocol.md) until SIGINT or SIGTERM.\n"
     "It also serves pages, a JSON API and metrics over HTTP (--http, docs/http.md).\n"
-    "Once it listens, it prints \"oxbroker: listening on URL\" on stdout, then\n"
-    "\"oxbroker: pages on URL\" when it serves pages.\n"
+    "Once it listens, it prints \"oxbroker: listening on URL\" on stdout (and a second line\n"
+    "with the ipc:// address, with --ipc), then \"oxbroker: pages on URL\" when it serves pages.\n"
+    "Clients on this machine (loopback or ipc) may ask for a shared-memory area, through which\n"
+    "large binaries of replies come without the socket (--shared-memory-bytes, 0: none).\n"
     "The first SIGINT or SIGTERM stops it within two seconds (queued requests are answered\n"
     "with an error, running calls finish); a second one ends it at once.\n"
     "It listens on loopback only unless given keys (--curve-secret, --allow-keys) or --insecure,\n"
@@ -138,6 +140,10 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
                   "address to listen on: loopback only by default, 0.0.0.0 for every interface")
       ->type_name("ADDRESS")
       ->capture_default_str();
+  pLine
+      .add_option("--ipc", host.fIpcPath,
+                  "also listen on ipc://PATH, a Unix socket file, for clients on this machine")
+      ->type_name("PATH");
   pLine.addNumber("--threads", host.fThreads, "N", "worker threads serving calls", 1, 1024);
   pLine.addNumber("--heartbeat-timeout", host.fHeartbeatTimeoutMs, "MS",
                   "a client that answers no heartbeat for this long is disconnected", 50, 3600000);
@@ -152,6 +158,11 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
                   std::size_t{1} << 20, std::size_t{1} << 40);
   pLine.addNumber("--max-queued-bytes", host.fMaxQueuedBytes, "BYTES",
                   "the same for all clients together", std::size_t{1} << 20, std::size_t{1} << 40);
+  pLine.addNumber("--shared-memory-bytes", host.fSharedAreaBytes, "BYTES",
+                  "shared-memory area of each client on this machine that asks; 0 offers none",
+                  std::size_t{0}, std::size_t{1} << 30);
+  pLine.addNumber("--max-shared-memory-bytes", host.fMaxSharedAreaBytes, "BYTES",
+                  "the same for all clients together", std::size_t{0}, std::size_t{1} << 40);
   pLine.add_flag("--keep-subscribers", host.fKeepSubscribers,
                  "leave the subscribers of a client that went away registered (default: "
                  "unsubscribe them)");
@@ -290,6 +301,9 @@ int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOption
   if (!startPages(pages, pBroker, host, pOptions)) return kExitNotServing;
   // The first line is the message port, as readers of the first line expect.
   std::cout << kProgram << ": listening on " << host.getUrl() << std::endl;
+  if (!host.getIpcUrl().empty()) {
+    std::cout << kProgram << ": listening on " << host.getIpcUrl() << std::endl;
+  }
   if (pages) std::cout << kProgram << ": pages on " << pages->getUrl() << std::endl;
   ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
       << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl()

@@ -52,8 +52,10 @@ class Broker:
         self.url = self._wait_listening()
         self.host, port = self.url[len("tcp://"):].rsplit(":", 1)
         self.port = int(port)
-        # The pages' address follows on the next line, unless they are off.
+        # The pages' address follows, after the ipc address if any, unless they are off.
         self.http_url = None
+        if "ipc" in arguments:
+            self.process.stdout.readline()
         if arguments["http"] != "off":
             line = self.process.stdout.readline().decode("utf-8", "replace").strip()
             if line.startswith(PAGES_PREFIX):

@@ -19,7 +19,7 @@ namespace oxtools {
 constexpr const char* kDeviceModule = "OXVideoDevice";
 
 // Introduces this process as pClientName and connects to pModule of the broker at pUrl, with
-// pOptions (the keys of --server-key and --client-key); throws OXError when the broker does not
+// pOptions (--server-key, --client-key, --shared-memory); throws OXError when the broker does not
 // answer or hosts no such module.
 boost::shared_ptr<OX::OXProxy> connectModule(const std::string& pUrl, const std::string& pModule,
                                              const std::string& pClientName,
