@@ -107,6 +107,7 @@ class OXBrokerHost::Impl {
   ~Impl() { stop(); }
   void start();
   void stop();
+  net::HostStatus status() const;
   std::string fUrl;
   std::string fIpcUrl;
 
@@ -146,6 +147,8 @@ class OXBrokerHost::Impl {
   std::unique_ptr<SessionTable> fSessions;
   std::unique_ptr<RequestHandler> fHandler;
   std::unique_ptr<Scheduler> fScheduler;
+  mutable HostMetrics fMetrics;  // callRate keeps its sample
+  const Clock::time_point fCreated = Clock::now();
 
   std::atomic<bool> fStopping{false};      // no more requests are read
   std::atomic<bool> fListenerDone{false};  // the listener forwards the last replies and ends
@@ -169,10 +172,20 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
     fReplies.connect(pHost.fRepliesEndpoint);
   }
   void serve(Job& pJob) override {
-    OXValue reply = fHost.fHandler->handle(pJob.fRoutingId, viewsOf(pJob.fFrames),
-                                           pJob.fFrames.empty() ? "" : peerOf(pJob.fFrames[0]));
+    const Clock::time_point start = Clock::now();
+    std::size_t requestBytes = 0;
+    for (const zmq::message_t& frame : pJob.fFrames) requestBytes += frame.size();
+    RequestHandler::Served served;
+    OXValue reply =
+        fHost.fHandler->handle(pJob.fRoutingId, viewsOf(pJob.fFrames),
+                               pJob.fFrames.empty() ? "" : peerOf(pJob.fFrames[0]), &served);
     pJob.fFrames.clear();  // the decoded request holds its own copy
-    send(pJob, std::move(reply));
+    const bool failed = reply[2].asString() == "error";
+    const std::size_t replyBytes = send(pJob, std::move(reply));
+    if (served.fOperation == "call") {
+      fHost.fMetrics.record(served.fModule, served.fMethod, failed, requestBytes, replyBytes,
+                            Clock::now() - start);
+    }
   }
   void refuse(Job& pJob) override {
     send(pJob,
@@ -180,7 +193,8 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
   }
 
  private:
-  void send(Job& pJob, OXValue&& pReply) {
+  // Returns the bytes sent.
+  std::size_t send(Job& pJob, OXValue&& pReply) {
     auto held = boost::make_shared<HeldReply>();
     held->fValue = std::move(pReply);
     wire::Encoded encoded;
@@ -201,6 +215,7 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
       zmq::message_t frame = borrowedFrame(*encoded.fFrames[i], owner);
       (void)fReplies.send(frame, i + 1 == encoded.fFrames.size() ? zmq::send_flags::none : more);
     }
+    return bytes;
   }
 
   Impl& fHost;
@@ -548,6 +563,24 @@ std::string OXBrokerHost::getUrl() const {
 
 std::string OXBrokerHost::getIpcUrl() const {
   return fImpl->fIpcUrl;
+}
+
+net::HostStatus OXBrokerHost::getStatus() const {
+  return fImpl->status();
+}
+
+net::HostStatus OXBrokerHost::Impl::status() const {
+  HostStatus status;
+  status.fUrl = fUrl;
+  status.fUptimeSeconds = std::chrono::duration<double>(Clock::now() - fCreated).count();
+  status.fWorkers = fOptions.fThreads;
+  status.fMaxSessions = fLimits.fMaxSessions;
+  status.fCalls = fMetrics.calls();
+  status.fCallRate = fMetrics.callRate();
+  status.fMethods = fMetrics.methods();
+  if (fScheduler) fScheduler->load(status.fQueued, status.fRunning);
+  if (fSessions) status.fSessions = fSessions->list();
+  return status;
 }
 
 }  // namespace OX

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "oxbroker.h"
+#include "oxmetrics.h"
 #include "oxwire.h"
 
 namespace OX {
@@ -66,6 +67,9 @@ class OXBrokerHost {
   std::string getUrl() const;
   // The ipc address, when it listens on one ("ipc:///run/oxbroker.sock"), else empty.
   std::string getIpcUrl() const;
+  // What the host is doing now (sessions, load, calls per method), for its pages and metrics.
+  // Any thread, once started.
+  net::HostStatus getStatus() const;
 
  private:
   class Impl;

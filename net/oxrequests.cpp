@@ -24,6 +24,15 @@ const std::string& operandString(const OXValue& pHeader, int pIndex, const std::
   return pHeader[pIndex].asString();
 }
 
+void noteServed(const OXValue& pHeader, RequestHandler::Served& pServed) {
+  pServed.fOperation = pHeader[2].asString();
+  if (pServed.fOperation == "call" && pHeader.getSize() > 4 && pHeader[3].isString() &&
+      pHeader[4].isString()) {
+    pServed.fModule = pHeader[3].asString();
+    pServed.fMethod = pHeader[4].asString();
+  }
+}
+
 bool startsWith(const std::string& pText, const char* pPrefix) {
   return pText.rfind(pPrefix, 0) == 0;
 }
@@ -87,7 +96,7 @@ RequestHandler::RequestHandler(boost::shared_ptr<OXBroker> pBroker, SessionTable
 
 OXValue RequestHandler::handle(const std::string& pRoutingId,
                                const std::vector<wire::FrameView>& pFrames,
-                               const std::string& pPeerAddress) {
+                               const std::string& pPeerAddress, Served* pServed) {
   int id = -1;
   try {
     const OXValue header = wire::decode(pFrames, fMaxMessageBytes);
@@ -96,6 +105,7 @@ OXValue RequestHandler::handle(const std::string& pRoutingId,
       refuse("decode", "malformed message: a request is [version, id, operation, ...]");
     }
     id = header[1].asInt();
+    if (pServed != nullptr) noteServed(header, *pServed);
     if (header[0].asInt() != wire::kProtocolVersion) {
       refuse("decode", "unsupported protocol version " + std::to_string(header[0].asInt()) +
                            " (this broker speaks " + std::to_string(wire::kProtocolVersion) + ")");
@@ -143,6 +153,7 @@ OXValue RequestHandler::hello(const std::string& pRoutingId, const OXValue& pHea
     fBroker->getProxy(operandString(pHeader, 4, "hello"), 0);  // throws for an unknown module
   }
   fSessions.begin(pRoutingId, name);
+  fSessions.setAddress(pRoutingId, pPeer);
   OXValue reply = OXValue::array({fBroker->getName(), OXValue(fBroker->getModuleNames())});
   const bool wantsArea = pHeader.getSize() > 5 && pHeader[5].isBool() && pHeader[5].asBool();
   std::shared_ptr<SharedArea> area;

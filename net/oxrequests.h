@@ -28,11 +28,19 @@ class RequestHandler {
                  std::size_t pMaxMessageBytes, bool pAllowRemoteEvents = false,
                  SharedAreas* pAreas = nullptr);
 
+  // What a request was, for the host's metrics: its operation and, for a call, the module and
+  // method called (empty when the request could not be decoded that far).
+  struct Served {
+    std::string fOperation;
+    std::string fModule;
+    std::string fMethod;
+  };
+
   // The reply to the message pFrames of the connection pRoutingId, whose peer ZeroMQ describes as
   // pPeerAddress: [1, id, "ok", result] or [1, id, "error", fields]. Never throws for anything
-  // the client sent.
+  // the client sent. Fills pServed if given.
   OXValue handle(const std::string& pRoutingId, const std::vector<wire::FrameView>& pFrames,
-                 const std::string& pPeerAddress = std::string());
+                 const std::string& pPeerAddress = std::string(), Served* pServed = nullptr);
 
  private:
   OXValue run(const std::string& pRoutingId, const OXValue& pHeader, const std::string& pPeer);

@@ -35,5 +35,8 @@ bool sleepUntil(std::chrono::steady_clock::time_point pDeadline);
 // remote proxy then throws zmq's "Interrupted system call"): an exception once a stop was
 // requested ends the loop, since stopping is what was asked for; any other reaches the caller.
 void repeatUntilStopped(const std::function<bool()>& pStep);
+// Whether an address to listen on lets clients come only from this machine: 127.0.0.0/8, ::1
+// (bracketed or not), localhost, lo. The broker host's message port and its pages share it.
+bool isLoopback(std::string pAddress);
 
 }  // namespace oxtools
