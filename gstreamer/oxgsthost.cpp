@@ -7,6 +7,26 @@ namespace {
 constexpr GParamFlags kReadWrite =
     static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS);
 constexpr GParamFlags kReadyOnly = static_cast<GParamFlags>(kReadWrite | GST_PARAM_MUTABLE_READY);
+
+using SharedMemory = OX::ConnectOptions::SharedMemory;
+
+GType registerSharedMemory() {
+  static const GEnumValue values[] = {
+      {static_cast<int>(SharedMemory::kAuto),
+       "Through a shared-memory area when the host is on this machine and offers one", "auto"},
+      {static_cast<int>(SharedMemory::kNever), "Always through the socket", "never"},
+      {static_cast<int>(SharedMemory::kRequire), "Through a shared-memory area, or not at all",
+       "require"},
+      {0, nullptr, nullptr}};
+  return g_enum_register_static("GstOxSharedMemory", values);
+}
+
+// The enumeration of the shared-memory property.
+GType sharedMemoryEnumType() {
+  static const GType type = registerSharedMemory();
+  return type;
+}
+
 }  // namespace
 
 std::string HostSettings::url() const {
@@ -17,6 +37,7 @@ OX::ConnectOptions HostSettings::connectOptions(int pRequestTimeoutMs) const {
   OX::ConnectOptions options;
   options.fServerKey = fServerKey;
   options.fClientKey = fClientKey;
+  options.fSharedMemory = fSharedMemory;
   options.fTimeoutMs = pRequestTimeoutMs;
   return options;
 }
@@ -52,6 +73,14 @@ void installHostProperties(GObjectClass* pClass, const char* pTimeoutBlurb) {
       g_param_spec_string("client-key", "Client key",
                           "CURVE: file of this client's secret key (oxkeygen); give server-key too",
                           nullptr, kReadyOnly));
+  g_object_class_install_property(
+      pClass, kPropSharedMemory,
+      g_param_spec_enum("shared-memory", "Shared memory",
+                        "Whether the host's replies bring images through a shared-memory area "
+                        "(a host on this machine only; docs/shared-memory.md)",
+                        sharedMemoryEnumType(), static_cast<int>(defaults.fSharedMemory),
+                        kReadyOnly));
+  gst_type_mark_as_plugin_api(sharedMemoryEnumType(), static_cast<GstPluginAPIFlags>(0));
   g_object_class_install_property(pClass, kPropTimeout,
                                   g_param_spec_int("timeout", "Timeout", pTimeoutBlurb, 100,
                                                    3600000, defaults.fTimeoutMs, kReadyOnly));
@@ -78,6 +107,9 @@ bool setHostProperty(GstObject* pObject, HostSettings& pSettings, guint pId, con
       break;
     case kPropTimeout:
       pSettings.fTimeoutMs = g_value_get_int(pValue);
+      break;
+    case kPropSharedMemory:
+      pSettings.fSharedMemory = static_cast<SharedMemory>(g_value_get_enum(pValue));
       break;
     default:
       known = false;
@@ -110,6 +142,9 @@ bool getHostProperty(GstObject* pObject, const HostSettings& pSettings, guint pI
       break;
     case kPropTimeout:
       g_value_set_int(pValue, pSettings.fTimeoutMs);
+      break;
+    case kPropSharedMemory:
+      g_value_set_enum(pValue, static_cast<int>(pSettings.fSharedMemory));
       break;
     default:
       known = false;

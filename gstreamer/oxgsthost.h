@@ -18,11 +18,12 @@ struct HostSettings {
   std::string fUrl;  // wins over host and port when not empty
   std::string fServerKey;
   std::string fClientKey;
+  OX::ConnectOptions::SharedMemory fSharedMemory = OX::ConnectOptions::SharedMemory::kAuto;
   int fTimeoutMs = 5000;
 
   // fUrl, or tcp://host:port.
   std::string url() const;
-  // The keys, and pRequestTimeoutMs as the wait for each reply.
+  // The keys, the use of shared memory, and pRequestTimeoutMs as the wait for each reply.
   OX::ConnectOptions connectOptions(int pRequestTimeoutMs) const;
 };
 
@@ -34,11 +35,12 @@ enum HostProperty : guint {
   kPropServerKey,
   kPropClientKey,
   kPropTimeout,
+  kPropSharedMemory,
   kHostPropertyEnd
 };
 
-// Installs host, port, url, server-key, client-key and timeout on a class. pTimeoutBlurb says
-// what the element does when the host is silent for that long.
+// Installs host, port, url, server-key, client-key, shared-memory and timeout on a class.
+// pTimeoutBlurb says what the element does when the host is silent for that long.
 void installHostProperties(GObjectClass* pClass, const char* pTimeoutBlurb);
 // Reads or writes one of them, under the object's lock; false for another property id.
 bool setHostProperty(GstObject* pObject, HostSettings& pSettings, guint pId, const GValue* pValue);

@@ -101,7 +101,9 @@ Subscriber::Result Subscriber::next(Image& pImage) {
     if (!waitUntil(fNextRequest)) return Result::kInterrupted;
     try {
       fRequestStart = Clock::now();
-      fReply = fProxy->genericCall("getImageRemote", fArguments);
+      // The pixels are read in place, in the reply or in the shared area: the element's copy
+      // into its buffer is their only one on this side.
+      fReply = OX::callWithViews(*fProxy, "getImageRemote", fArguments);
       fLastAnswer = Clock::now();
     } catch (const OX::OXError& error) {
       const Clock::time_point now = Clock::now();
@@ -137,12 +139,13 @@ Subscriber::Result Subscriber::next(Image& pImage) {
       continue;
     }
     const Clock::time_point now = fLastAnswer;
-    if (!fReply.isValid()) {
+    const OX::OXValue& reply = fReply.fValue;
+    if (!reply.isValid()) {
       fNextRequest = now + kNoImagePause;
       continue;
     }
-    const OX::OXValue& reply = fReply;
-    if (!reply.isArray() || reply.getSize() < 7 || !reply[6].isBinary()) {
+    if (!reply.isArray() || reply.getSize() < 7 || !reply[6].isBinary() ||
+        fReply.fBinaries.empty()) {
       fMessage =
           "the broker host at " + fUrl + " sent no image array: " + reply.toString().substr(0, 120);
       return Result::kFailed;
@@ -154,8 +157,8 @@ Subscriber::Result Subscriber::next(Image& pImage) {
     pImage.fTimeStamp = static_cast<int64_t>(
         (static_cast<uint64_t>(static_cast<uint32_t>(reply[4].asInt())) << 32) |
         static_cast<uint32_t>(reply[5].asInt()));
-    pImage.fData = static_cast<const unsigned char*>(reply[6].GetBinary());
-    pImage.fSize = static_cast<std::size_t>(reply[6].getSize());
+    pImage.fData = fReply.fBinaries[0].fData;
+    pImage.fSize = fReply.fBinaries[0].fSize;
     const int periodMs = 1000 / std::max(1, fFrameRate.load());
     if (pImage.fTimeStamp == fLastStamp) {
       // The device shares an image for one period of the frame rate: ask again a little later.

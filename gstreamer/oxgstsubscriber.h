@@ -13,6 +13,7 @@
 
 #include "oxbroker.h"
 #include "oxgsthost.h"
+#include "oxremote.h"
 #include "oxtypes.h"
 #include "oxvalue.h"
 
@@ -27,7 +28,8 @@ struct SubscriberSettings {
   int fFps = 30;
 };
 
-// The image last fetched: a view into the reply, valid until the next call of next().
+// The image last fetched: a view into the reply or the shared area, valid until the next call
+// of next() (or any other call through the subscriber's connection).
 struct Image {
   int fWidth = 0;
   int fHeight = 0;
@@ -88,7 +90,7 @@ class Subscriber {
   const std::string fUrl;
   boost::shared_ptr<OX::OXProxy> fProxy;
   OX::OXValue fArguments;          // [id], built once for the image requests
-  OX::OXValue fReply;              // the last reply, which the image of next() points into
+  OX::ViewedResult fReply;         // the last reply, whose views the image of next() is
   std::atomic<int> fFrameRate{0};  // read by caps and latency queries on other threads
   int64_t fLastStamp = INT64_MIN;
   Clock::time_point fNextRequest;
