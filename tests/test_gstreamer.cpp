@@ -158,39 +158,43 @@ TEST_F(GStreamer, PatternArrivesPixelExactInOrderAndTheSubscriberGoesWithThePipe
   Pipeline feed(feedPipeline(fBroker->port()));
   feed.play();
   constexpr int kFrames = 20;
-  Pipeline pipeline(source("name=src client-name=gsttest color-space=rgb num-buffers=" +
-                           std::to_string(kFrames) + " ! appsink name=out sync=false"));
-  pipeline.play();
-  GstClockTime last = GST_CLOCK_TIME_NONE;
-  for (int i = 0; i < kFrames; ++i) {
-    GstSample* sample = pipeline.pull();
-    ASSERT_NE(sample, nullptr) << "frame " << i;
-    gchar* caps = gst_caps_to_string(gst_sample_get_caps(sample));
-    EXPECT_NE(std::string(caps).find("format=(string)RGB, width=(int)320, height=(int)240"),
-              std::string::npos)
-        << caps;
-    g_free(caps);
-    EXPECT_TRUE(bytesOf(sample) == expected) << "frame " << i << " differs from the pattern";
-    const GstClockTime pts = GST_BUFFER_PTS(gst_sample_get_buffer(sample));
-    ASSERT_TRUE(GST_CLOCK_TIME_IS_VALID(pts));
-    if (GST_CLOCK_TIME_IS_VALID(last)) {
-      EXPECT_GT(pts, last) << "frame " << i;
-    }
-    last = pts;
-  }
-  EXPECT_EQ(pipeline.pull(), nullptr);
-  EXPECT_TRUE(gst_app_sink_is_eos(GST_APP_SINK(pipeline.element("out"))));
-
-  gchar* id = nullptr;
-  g_object_get(pipeline.element("src"), "subscriber", &id, nullptr);
-  ASSERT_NE(id, nullptr);
-  EXPECT_STREQ(id, "gsttest");
-  g_free(id);
   auto device = OX::OXProxy::connect(fBroker->url(), "OXVideoDevice");
   const OX::OXValue name = OX::OXValue::array({"gsttest"});
-  EXPECT_EQ(device->genericCall("getResolution", name).asInt(), OX::kQVGA);
-  pipeline.stop();
-  EXPECT_THROW(device->genericCall("getResolution", name), OX::OXError);
+  for (const char* channel : {"never", "require"}) {
+    SCOPED_TRACE(std::string("shared-memory=") + channel);
+    Pipeline pipeline(source(std::string("name=src client-name=gsttest shared-memory=") + channel +
+                             " num-buffers=" + std::to_string(kFrames) +
+                             " ! appsink name=out sync=false"));
+    pipeline.play();
+    GstClockTime last = GST_CLOCK_TIME_NONE;
+    for (int i = 0; i < kFrames; ++i) {
+      GstSample* sample = pipeline.pull();
+      ASSERT_NE(sample, nullptr) << "frame " << i;
+      gchar* caps = gst_caps_to_string(gst_sample_get_caps(sample));
+      EXPECT_NE(std::string(caps).find("format=(string)RGB, width=(int)320, height=(int)240"),
+                std::string::npos)
+          << caps;
+      g_free(caps);
+      EXPECT_TRUE(bytesOf(sample) == expected) << "frame " << i << " differs from the pattern";
+      const GstClockTime pts = GST_BUFFER_PTS(gst_sample_get_buffer(sample));
+      ASSERT_TRUE(GST_CLOCK_TIME_IS_VALID(pts));
+      if (GST_CLOCK_TIME_IS_VALID(last)) {
+        EXPECT_GT(pts, last) << "frame " << i;
+      }
+      last = pts;
+    }
+    EXPECT_EQ(pipeline.pull(), nullptr);
+    EXPECT_TRUE(gst_app_sink_is_eos(GST_APP_SINK(pipeline.element("out"))));
+
+    gchar* id = nullptr;
+    g_object_get(pipeline.element("src"), "subscriber", &id, nullptr);
+    ASSERT_NE(id, nullptr);
+    EXPECT_STREQ(id, "gsttest");
+    g_free(id);
+    EXPECT_EQ(device->genericCall("getResolution", name).asInt(), OX::kQVGA);
+    pipeline.stop();
+    EXPECT_THROW(device->genericCall("getResolution", name), OX::OXError);
+  }
   EXPECT_EQ(feed.error(0), "") << "the feed failed";
 }
 
