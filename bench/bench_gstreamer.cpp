@@ -1,6 +1,7 @@
 // oxvideosrc ! fakesink beside the project's own C++ client, each a subscriber at VGA in kRGB of
-// one broker host whose simulator camera is fed at 30 frames per second. One iteration is one new
-// frame delivered: to fakesink by the element, into a buffer of the client's by getImageRemote.
+// one broker host whose simulator camera is fed at 30 frames per second, over TCP and over the
+// shared-memory channel. One iteration is one new frame delivered: to fakesink by the element,
+// into a buffer of the client's by getImageRemote read in place.
 // Their ratio is the element's rate against the client's; the device shares a frame for one
 // period of the subscriber's frame rate, so both are bound to about 30 frames per second and the
 // ratio shows whether the element loses frames on the way.
@@ -23,6 +24,7 @@
 #include "oxbroker.h"
 #include "oxbrokerhost.h"
 #include "oxconnectoptions.h"
+#include "oxremote.h"
 #include "cameras/simulator/oxvisionsimulatorcam.h"
 
 namespace {
@@ -111,11 +113,14 @@ class Handoffs {
   long fCount = 0;
 };
 
-void BM_OxVideoSrcTcp(benchmark::State& pState) {
+using SharedMemory = OX::ConnectOptions::SharedMemory;
+
+void oxVideoSrc(benchmark::State& pState, SharedMemory pChannel) {
   FedHost host;
   GError* error = nullptr;
+  const std::string channel = pChannel == SharedMemory::kNever ? "never" : "require";
   GstElement* pipeline = gst_parse_launch(
-      ("oxvideosrc url=" + host.url() +
+      ("oxvideosrc url=" + host.url() + " shared-memory=" + channel +
        " resolution=vga color-space=rgb fps=30 ! fakesink name=out sync=false signal-handoffs=true")
           .c_str(),
       &error);
@@ -143,14 +148,14 @@ void BM_OxVideoSrcTcp(benchmark::State& pState) {
   gst_object_unref(sink);
   gst_object_unref(pipeline);
 }
-BENCHMARK(BM_OxVideoSrcTcp)->UseRealTime()->Iterations(kFrames)->Unit(benchmark::kMillisecond);
 
-// The same subscriber by hand: getImageRemote until the time stamp changes, and one copy of the
-// new frame, as the element makes into its buffer.
-void BM_OxVideoSrcTcp_Reference(benchmark::State& pState) {
+// The same subscriber by hand: getImageRemote, read in place, until the time stamp changes, and
+// one copy of the new frame, as the element makes into its buffer.
+void client(benchmark::State& pState, SharedMemory pChannel) {
   FedHost host;
-  boost::shared_ptr<OX::OXProxy> proxy =
-      OX::OXProxy::connect(host.url(), "OXVideoDevice", OX::ConnectOptions());
+  OX::ConnectOptions options;
+  options.fSharedMemory = pChannel;
+  boost::shared_ptr<OX::OXProxy> proxy = OX::OXProxy::connect(host.url(), "OXVideoDevice", options);
   const OX::OXValue id =
       proxy->genericCall("subscribeCamera", OX::OXValue::array({"bench", 0, 2, 11, 30}));
   const OX::OXValue arguments = OX::OXValue::array({id});
@@ -159,10 +164,10 @@ void BM_OxVideoSrcTcp_Reference(benchmark::State& pState) {
   const auto next = [&] {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (std::chrono::steady_clock::now() < deadline) {
-      const OX::OXValue image = proxy->genericCall("getImageRemote", arguments);
-      if (!image.isValid() || image[5].asInt() == lastStamp) continue;
-      lastStamp = image[5].asInt();
-      std::memcpy(frame.data(), image[6].GetBinary(), kImageBytes);
+      const OX::ViewedResult image = OX::callWithViews(*proxy, "getImageRemote", arguments);
+      if (!image.fValue.isValid() || image.fValue[5].asInt() == lastStamp) continue;
+      lastStamp = image.fValue[5].asInt();
+      std::memcpy(frame.data(), image.fBinaries.at(0).fData, kImageBytes);
       return true;
     }
     return false;
@@ -179,7 +184,26 @@ void BM_OxVideoSrcTcp_Reference(benchmark::State& pState) {
       benchmark::Counter(static_cast<double>(pState.iterations()), benchmark::Counter::kIsRate);
   proxy->genericCall("unsubscribe", arguments);
 }
+
+void BM_OxVideoSrcTcp(benchmark::State& pState) {
+  oxVideoSrc(pState, SharedMemory::kNever);
+}
+void BM_OxVideoSrcTcp_Reference(benchmark::State& pState) {
+  client(pState, SharedMemory::kNever);
+}
+void BM_OxVideoSrcShm(benchmark::State& pState) {
+  oxVideoSrc(pState, SharedMemory::kRequire);
+}
+void BM_OxVideoSrcShm_Reference(benchmark::State& pState) {
+  client(pState, SharedMemory::kRequire);
+}
+BENCHMARK(BM_OxVideoSrcTcp)->UseRealTime()->Iterations(kFrames)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_OxVideoSrcTcp_Reference)
+    ->UseRealTime()
+    ->Iterations(kFrames)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_OxVideoSrcShm)->UseRealTime()->Iterations(kFrames)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_OxVideoSrcShm_Reference)
     ->UseRealTime()
     ->Iterations(kFrames)
     ->Unit(benchmark::kMillisecond);
