@@ -3,6 +3,7 @@
 #   bin/                          every tool of tools/ (oxbroker, oxcall, ...)
 #   lib/                          liboxframework.so, liboxnet.so (remote proxies and the host) and
 #                                 the module libvideoinput.so
+#   lib/gstreamer-1.0/            the GStreamer plugin libgstoxvideo.so (oxvideosrc, oxsimsink)
 #   include/libvideoinput/        the framework's and net/'s headers, oxvalue/detail/ and
 #                                 ivideoinput.h
 #   share/libvideoinput/preferences/   the default preference files
@@ -48,6 +49,10 @@ install(TARGETS oxframework oxnet EXPORT libvideoinputTargets
   INCLUDES DESTINATION ${VI_INSTALL_INCLUDEDIR})
 # A module, loaded with dlopen: no target to link against.
 install(TARGETS videoinput LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+# The GStreamer plugin, in the prefix's GStreamer plugin folder (the system's own for the prefix
+# /usr, where gst-inspect-1.0 finds it unaided); it finds our libraries one folder up.
+set_target_properties(gstoxvideo PROPERTIES INSTALL_RPATH "$ORIGIN/..")
+install(TARGETS gstoxvideo LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/gstreamer-1.0)
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/framework/ DESTINATION ${VI_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")

@@ -18,6 +18,10 @@ struct ConnectOptions {
   // the same either way.
   enum class SharedMemory { kAuto, kNever, kRequire };
   SharedMemory fSharedMemory = SharedMemory::kAuto;
+  // How long a request waits for its reply, in milliseconds; 0 or less: the process's remote
+  // timeout (OXProxy::setRemoteTimeout). A client that must notice a silent host sooner than
+  // the process default, such as a GStreamer element, sets its own.
+  int fTimeoutMs = 0;
 };
 
 }  // namespace OX

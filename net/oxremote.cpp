@@ -280,8 +280,9 @@ boost::shared_ptr<OXProxy> OXProxy::connect(const std::string& pUrl,
 boost::shared_ptr<OXProxy> OXProxy::connect(const std::string& pUrl, const std::string& pModuleName,
                                             const ConnectOptions& pOptions) {
   boost::shared_ptr<OXProxy> proxy(new OXProxy(boost::shared_ptr<OXBroker>(), pModuleName));
+  const int timeoutMs = pOptions.fTimeoutMs > 0 ? pOptions.fTimeoutMs : getRemoteTimeout();
   proxy->fRemote.reset(
-      new OXRemoteConnection(pUrl, getClientName(), pModuleName, getRemoteTimeout(), pOptions));
+      new OXRemoteConnection(pUrl, getClientName(), pModuleName, timeoutMs, pOptions));
   return proxy;
 }
 
