@@ -1,33 +1,66 @@
-// A remote subscriber's round trip: getImageRemote at VGA in kRGB through the broker host, beside
-// a plain ZeroMQ request and reply that carries the same number of bytes over the same loopback.
-// Both report frames per second; the ratio of their times is the broker's overhead. The device
-// converts each new frame once and shares it with requests within the same frame period, so with
-// a simulator feeding it at 30 frames per second the loop mostly measures the transport.
-// BM_GetImageRemoteVGACurve is the same round trip encrypted with CURVE, beside the plain one as
-// its reference: their ratio is the price of encryption.
+// A remote subscriber's round trip: getImageRemote through the broker host, beside a plain ZeroMQ
+// request and reply that carries the same number of bytes over the same loopback (the
+// reference). Formats: VGA kRGB (921,600 bytes) and 4VGA kYUV422 (2,457,600 bytes). Channels: the
+// socket, a shared-memory area with the result copied into an OXValue as genericCall gives it,
+// and the area read in place (callWithViews). All report frames per second; scripts/bench prints
+// each one's time over the reference's. The device converts each new frame once and shares it
+// with requests within the same frame period, so with a simulator feeding it at 30 frames per
+// second the loop mostly measures the transport. BM_GetImageRemoteVGACurve is the socket
+// channel at VGA encrypted with CURVE, beside the plain one as its reference: their ratio is the
+// price of encryption.
+//
+// `bench_remote --plain-server BYTES` serves the reference's replies on a loopback port instead
+// (printing "listening on URL"), for the Python client's benchmark (bench/bench_client.py),
+// until its standard input closes.
 #include <benchmark/benchmark.h>
-
 #include <stdlib.h>
 
 #include <atomic>
 #include <boost/filesystem.hpp>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 #include <zmq.hpp>
 
+#include "cameras/simulator/oxvisionsimulatorcam.h"
 #include "oxbroker.h"
 #include "oxbrokerhost.h"
 #include "oxconnectoptions.h"
 #include "oxkeys.h"
-#include "cameras/simulator/oxvisionsimulatorcam.h"
+#include "oxremote.h"
+#include "oxtypes.h"
 
 namespace {
 
-constexpr int kWidth = 640;
-constexpr int kHeight = 480;
-constexpr size_t kImageBytes = static_cast<size_t>(kWidth) * kHeight * 3;
+struct Format {
+  int fResolution;
+  int fColorSpace;
+  int fWidth;
+  int fHeight;
+  int fLayers;
+  std::size_t bytes() const { return static_cast<std::size_t>(fWidth) * fHeight * fLayers; }
+};
+const Format kFormats[] = {{OX::kVGA, OX::kRGB, 640, 480, 3},
+                           {OX::k4VGA, OX::kYUV422, 1280, 960, 2}};
+enum Channel { kSocket = 0, kSharedCopy = 1, kSharedViews = 2 };
+
+// Answers every request on pSocket with pBytes bytes, as a minimal server would, until pStop.
+void servePlain(zmq::socket_t& pSocket, std::size_t pBytes, const std::atomic<bool>& pStop) {
+  std::vector<unsigned char> payload(pBytes, 90);
+  std::vector<zmq::pollitem_t> items = {{pSocket.handle(), 0, ZMQ_POLLIN, 0}};
+  while (!pStop) {
+    if (zmq::poll(items, std::chrono::milliseconds(20)) == 0) continue;
+    zmq::message_t identity, request;
+    (void)pSocket.recv(identity);
+    (void)pSocket.recv(request);
+    pSocket.send(identity, zmq::send_flags::sndmore);
+    pSocket.send(zmq::buffer(payload), zmq::send_flags::none);
+  }
+}
 
 // Key files of a broker and of its one client, in a directory removed at the end.
 struct BenchKeys {
@@ -42,32 +75,38 @@ struct BenchKeys {
   std::string fDirectory;
 };
 
-void getImageRemoteVGA(benchmark::State& pState, bool pCurve) {
+void getImageRemote(benchmark::State& pState, const Format& format, Channel channel, bool pCurve) {
   boost::shared_ptr<OX::OXBroker> broker = OX::OXBroker::createBroker("bench", {});
   OX::OXModule::createModule<OX::OXVisionSimulatorCam>(broker);
   OX::OXBrokerHost::Options options;
   options.fPort = 0;
-  OX::ConnectOptions connection;
+  OX::ConnectOptions connect;
   std::unique_ptr<BenchKeys> keys;
   if (pCurve) {
     keys.reset(new BenchKeys);
     options.fCurveSecretKey = OX::readCurveKey(keys->file("broker.key"));
     options.fAllowedClientKeys = {OX::readCurveKey(keys->file("client.pub"))};
-    connection = {keys->file("broker.pub"), keys->file("client.key")};
+    connect.fServerKey = keys->file("broker.pub");
+    connect.fClientKey = keys->file("client.key");
   }
   OX::OXBrokerHost host(broker, options);
   host.start();
+  connect.fSharedMemory = channel == kSocket ? OX::ConnectOptions::SharedMemory::kNever
+                                             : OX::ConnectOptions::SharedMemory::kRequire;
   boost::shared_ptr<OX::OXProxy> proxy =
-      OX::OXProxy::connect(host.getUrl(), "OXVideoDevice", connection);
-  proxy->genericCall("subscribeCamera", OX::OXValue::array({"bench", 0, 2, 11, 30}));
+      OX::OXProxy::connect(host.getUrl(), "OXVideoDevice", connect);
+  proxy->genericCall("subscribeCamera",
+                     OX::OXValue::array({"bench", 0, format.fResolution, format.fColorSpace, 30}));
   // A simulator feeds the camera at 30 frames per second meanwhile, as it would in use: the
   // subscriber then shares each converted frame for one period, as the device intends.
   std::atomic<bool> stop{false};
   std::thread simulator([&] {
     OX::OXProxy local(broker, "OXVideoDevice");
-    std::vector<unsigned char> rgb(kImageBytes, 90);
-    const OX::OXValue frame = OX::OXValue::array(
-        {0, kWidth, kHeight, OX::OXValue::binary(rgb.data(), static_cast<int>(rgb.size()))});
+    std::vector<unsigned char> rgb(static_cast<std::size_t>(format.fWidth) * format.fHeight * 3,
+                                   90);
+    const OX::OXValue frame =
+        OX::OXValue::array({0, format.fWidth, format.fHeight,
+                            OX::OXValue::binary(rgb.data(), static_cast<int>(rgb.size()))});
     auto next = std::chrono::steady_clock::now();
     while (!stop) {
       local.genericCall("putImage", frame);
@@ -75,15 +114,26 @@ void getImageRemoteVGA(benchmark::State& pState, bool pCurve) {
       std::this_thread::sleep_until(next);
     }
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
   const OX::OXValue arguments = OX::OXValue::array({"bench"});
+  const int expected = static_cast<int>(format.bytes());
   for (auto _ : pState) {
-    OX::OXValue image = proxy->genericCall("getImageRemote", arguments);
-    if (image.getSize() != 12 || image[6].getSize() != static_cast<int>(kImageBytes)) {
-      pState.SkipWithError("no image");
-      break;
+    if (channel == kSharedViews) {
+      const OX::ViewedResult image = OX::callWithViews(*proxy, "getImageRemote", arguments);
+      if (image.fValue.getSize() != 12 || image.fBinaries.size() != 1 ||
+          image.fBinaries[0].fSize != format.bytes()) {
+        pState.SkipWithError("no image");
+        break;
+      }
+      benchmark::DoNotOptimize(image.fBinaries[0].fData[0]);
+    } else {
+      OX::OXValue image = proxy->genericCall("getImageRemote", arguments);
+      if (image.getSize() != 12 || image[6].getSize() != expected) {
+        pState.SkipWithError("no image");
+        break;
+      }
+      benchmark::DoNotOptimize(image);
     }
-    benchmark::DoNotOptimize(image);
   }
   pState.counters["fps"] =
       benchmark::Counter(static_cast<double>(pState.iterations()), benchmark::Counter::kIsRate);
@@ -95,41 +145,35 @@ void getImageRemoteVGA(benchmark::State& pState, bool pCurve) {
   broker->removeAllModules();
 }
 
-void BM_GetImageRemoteVGA(benchmark::State& pState) {
-  getImageRemoteVGA(pState, false);
+void BM_GetImageRemote(benchmark::State& pState) {
+  getImageRemote(pState, kFormats[pState.range(0)], static_cast<Channel>(pState.range(1)), false);
 }
-BENCHMARK(BM_GetImageRemoteVGA)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_GetImageRemote)
+    ->ArgsProduct({{0, 1}, {kSocket, kSharedCopy, kSharedViews}})
+    ->ArgNames({"format", "channel"})
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
 
 void BM_GetImageRemoteVGACurve(benchmark::State& pState) {
-  getImageRemoteVGA(pState, true);
+  getImageRemote(pState, kFormats[0], kSocket, true);
 }
 BENCHMARK(BM_GetImageRemoteVGACurve)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 void BM_GetImageRemoteVGACurve_Reference(benchmark::State& pState) {
-  getImageRemoteVGA(pState, false);
+  getImageRemote(pState, kFormats[0], kSocket, false);
 }
 BENCHMARK(BM_GetImageRemoteVGACurve_Reference)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 // The same exchange without a broker: a small request, a reply of the image's size.
-void BM_GetImageRemoteVGA_Reference(benchmark::State& pState) {
+void BM_GetImageRemote_Reference(benchmark::State& pState) {
+  const Format& format = kFormats[pState.range(0)];
   zmq::context_t context(1);
   zmq::socket_t server(context, zmq::socket_type::router);
   server.set(zmq::sockopt::linger, 0);
   server.bind("tcp://127.0.0.1:*");
   const std::string url = server.get(zmq::sockopt::last_endpoint);
   std::atomic<bool> stop{false};
-  std::thread serving([&] {
-    std::vector<unsigned char> payload(kImageBytes, 90);
-    std::vector<zmq::pollitem_t> items = {{server.handle(), 0, ZMQ_POLLIN, 0}};
-    while (!stop) {
-      if (zmq::poll(items, std::chrono::milliseconds(20)) == 0) continue;
-      zmq::message_t identity, request;
-      (void)server.recv(identity);
-      (void)server.recv(request);
-      server.send(identity, zmq::send_flags::sndmore);
-      server.send(zmq::buffer(payload), zmq::send_flags::none);
-    }
-  });
+  std::thread serving([&] { servePlain(server, format.bytes(), stop); });
   zmq::socket_t client(context, zmq::socket_type::dealer);
   client.set(zmq::sockopt::linger, 0);
   client.connect(url);
@@ -144,8 +188,39 @@ void BM_GetImageRemoteVGA_Reference(benchmark::State& pState) {
   stop = true;
   serving.join();
 }
-BENCHMARK(BM_GetImageRemoteVGA_Reference)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_GetImageRemote_Reference)
+    ->Arg(0)
+    ->Arg(1)
+    ->ArgName("format")
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
+
+// The reference's server in a process of its own, until standard input closes.
+int servePlainUntilStdinCloses(std::size_t pBytes) {
+  zmq::context_t context(1);
+  zmq::socket_t server(context, zmq::socket_type::router);
+  server.set(zmq::sockopt::linger, 0);
+  server.bind("tcp://127.0.0.1:*");
+  std::cout << "listening on " << server.get(zmq::sockopt::last_endpoint) << std::endl;
+  std::atomic<bool> stop{false};
+  std::thread serving([&] { servePlain(server, pBytes, stop); });
+  std::string line;
+  while (std::getline(std::cin, line)) {
+  }
+  stop = true;
+  serving.join();
+  return 0;
+}
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  if (argc == 3 && std::strcmp(argv[1], "--plain-server") == 0) {
+    return servePlainUntilStdinCloses(std::strtoull(argv[2], nullptr, 10));
+  }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -3,9 +3,11 @@
 #   bin/                          every tool of tools/ (oxbroker, oxcall, ...)
 #   lib/                          liboxframework.so, liboxnet.so (remote proxies and the host) and
 #                                 the module libvideoinput.so
+#   lib/gstreamer-1.0/            the GStreamer plugin libgstoxvideo.so (oxvideosrc, oxsimsink)
 #   include/libvideoinput/        the framework's and net/'s headers, oxvalue/detail/ and
 #                                 ivideoinput.h
 #   share/libvideoinput/preferences/   the default preference files
+#   share/libvideoinput/http/     the broker host's pages
 #   lib/pkgconfig/libvideoinput.pc (and libvideoinput-net.pc) and lib/cmake/libvideoinput/ (package
 #   libvideoinput, targets libvideoinput::oxframework and libvideoinput::oxnet; libvideoinput_MODULE and libvideoinput_PREFERENCES_DIR say where
 #   the module and the preferences are).
@@ -16,16 +18,19 @@ include(CMakePackageConfigHelpers)
 
 set(VI_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/libvideoinput)
 set(VI_INSTALL_PREFERENCESDIR ${CMAKE_INSTALL_DATADIR}/libvideoinput/preferences)
+set(VI_INSTALL_HTTPDIR ${CMAKE_INSTALL_DATADIR}/libvideoinput/http)
 set(VI_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/libvideoinput)
 
 # Installed programs and libraries find ours through a relative RPATH.
 file(RELATIVE_PATH VI_LIB_FROM_BIN /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 file(RELATIVE_PATH VI_PREFERENCES_FROM_BIN /${CMAKE_INSTALL_BINDIR} /${VI_INSTALL_PREFERENCESDIR})
+file(RELATIVE_PATH VI_HTTP_FROM_BIN /${CMAKE_INSTALL_BINDIR} /${VI_INSTALL_HTTPDIR})
 set_target_properties(oxframework oxnet videoinput PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 # The broker host looks for the installed preferences and module beside itself first.
 target_compile_definitions(oxbroker PRIVATE
-  VI_PREFERENCES_FROM_BIN="${VI_PREFERENCES_FROM_BIN}" VI_MODULES_FROM_BIN="${VI_LIB_FROM_BIN}")
+  VI_PREFERENCES_FROM_BIN="${VI_PREFERENCES_FROM_BIN}" VI_MODULES_FROM_BIN="${VI_LIB_FROM_BIN}"
+  VI_HTTP_FROM_BIN="${VI_HTTP_FROM_BIN}")
 
 # Every program of tools/, whatever it holds.
 get_property(vi_tool_targets DIRECTORY ${PROJECT_SOURCE_DIR}/tools PROPERTY BUILDSYSTEM_TARGETS)
@@ -44,6 +49,10 @@ install(TARGETS oxframework oxnet EXPORT libvideoinputTargets
   INCLUDES DESTINATION ${VI_INSTALL_INCLUDEDIR})
 # A module, loaded with dlopen: no target to link against.
 install(TARGETS videoinput LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+# The GStreamer plugin, in the prefix's GStreamer plugin folder (the system's own for the prefix
+# /usr, where gst-inspect-1.0 finds it unaided); it finds our libraries one folder up.
+set_target_properties(gstoxvideo PROPERTIES INSTALL_RPATH "$ORIGIN/..")
+install(TARGETS gstoxvideo LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/gstreamer-1.0)
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/framework/ DESTINATION ${VI_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
@@ -54,6 +63,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/liboxvalue/oxvalue/detail/
 install(FILES ${PROJECT_SOURCE_DIR}/vision/videoinput/src/device/ivideoinput.h
   DESTINATION ${VI_INSTALL_INCLUDEDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/share/preferences/ DESTINATION ${VI_INSTALL_PREFERENCESDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/share/http/ DESTINATION ${VI_INSTALL_HTTPDIR})
 
 install(EXPORT libvideoinputTargets NAMESPACE libvideoinput:: DESTINATION ${VI_INSTALL_CMAKEDIR})
 set(VI_INSTALL_MODULE ${CMAKE_INSTALL_LIBDIR}/libvideoinput.so)

@@ -96,6 +96,8 @@ class OXProxy {
   bool isRemote() const { return fRemote != nullptr; }
   // The address of the broker host of a remote proxy, empty in-process.
   std::string getUrl() const;
+  // The transport of a remote proxy, null in-process: for what only the net library offers.
+  OXRemoteChannel* getRemoteChannel() const { return fRemote.get(); }
 
   // The name under which remote proxies made afterwards introduce this process (by default the
   // program's name and the process id, "oxgrab-4242", so that two processes never share it

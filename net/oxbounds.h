@@ -28,6 +28,11 @@ struct HostLimits {
   std::size_t fMaxSessionBytes = std::size_t(256) << 20;
   std::size_t fMaxQueuedBytes = std::size_t(1024) << 20;
   int fMaxSessions = 1024;
+  // The shared-memory area of one session on this machine (0: none is offered), and the bytes
+  // of all areas together (oxsharedmemory.h). An area is counted whole from hello on, whether
+  // its pages are touched or not.
+  std::size_t fAreaBytes = std::size_t(16) << 20;
+  std::size_t fMaxAreaBytes = std::size_t(256) << 20;
 };
 
 // What a frame costs besides its bytes: ZeroMQ keeps a 64-byte message record per frame, so a

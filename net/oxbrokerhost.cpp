@@ -1,6 +1,10 @@
 // The broker host: the listener thread and the glue of the parts; see oxbrokerhost.h.
 #include "oxbrokerhost.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <boost/make_shared.hpp>
 #include <algorithm>
 #include <atomic>
@@ -21,6 +25,7 @@
 #include "oxrequests.h"
 #include "oxscheduler.h"
 #include "oxsessions.h"
+#include "oxsharedmemory.h"
 #include "oxzap.h"
 
 namespace OX {
@@ -66,6 +71,27 @@ zmq::message_t borrowedFrame(const OXValue::Binary& pBytes,
       keep);
 }
 
+// Whether a process listens on the Unix socket file pPath. ZeroMQ removes an existing file before
+// it binds, which would take the address away from a broker that still serves there.
+bool unixSocketInUse(const std::string& pPath) {
+  sockaddr_un address{};
+  if (pPath.size() >= sizeof(address.sun_path)) return false;  // ZeroMQ refuses it itself
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, pPath.c_str(), pPath.size() + 1);
+  const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) return false;
+  const bool answered =
+      connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  close(probe);
+  return answered;
+}
+
+// How ZeroMQ describes the peer that sent pFrame: an IP address, or an ipc peer's credentials.
+std::string peerOf(const zmq::message_t& pFrame) {
+  const char* address = zmq_msg_gets(pFrame.handle(), "Peer-Address");
+  return address != nullptr ? std::string(address) : std::string();
+}
+
 std::vector<wire::FrameView> viewsOf(const std::vector<zmq::message_t>& pFrames) {
   std::vector<wire::FrameView> views;
   views.reserve(pFrames.size());
@@ -81,7 +107,9 @@ class OXBrokerHost::Impl {
   ~Impl() { stop(); }
   void start();
   void stop();
+  net::HostStatus status() const;
   std::string fUrl;
+  std::string fIpcUrl;
 
  private:
   class HostWorker;
@@ -115,9 +143,12 @@ class OXBrokerHost::Impl {
   std::unique_ptr<zmq::socket_t> fMonitorIn;
   std::unique_ptr<ZapHandler> fZap;  // with CURVE only
   std::unique_ptr<Housekeeper> fHousekeeper;
+  std::unique_ptr<SharedAreas> fAreas;
   std::unique_ptr<SessionTable> fSessions;
   std::unique_ptr<RequestHandler> fHandler;
   std::unique_ptr<Scheduler> fScheduler;
+  mutable HostMetrics fMetrics;  // callRate keeps its sample
+  const Clock::time_point fCreated = Clock::now();
 
   std::atomic<bool> fStopping{false};      // no more requests are read
   std::atomic<bool> fListenerDone{false};  // the listener forwards the last replies and ends
@@ -141,9 +172,20 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
     fReplies.connect(pHost.fRepliesEndpoint);
   }
   void serve(Job& pJob) override {
-    OXValue reply = fHost.fHandler->handle(pJob.fRoutingId, viewsOf(pJob.fFrames));
+    const Clock::time_point start = Clock::now();
+    std::size_t requestBytes = 0;
+    for (const zmq::message_t& frame : pJob.fFrames) requestBytes += frame.size();
+    RequestHandler::Served served;
+    OXValue reply =
+        fHost.fHandler->handle(pJob.fRoutingId, viewsOf(pJob.fFrames),
+                               pJob.fFrames.empty() ? "" : peerOf(pJob.fFrames[0]), &served);
     pJob.fFrames.clear();  // the decoded request holds its own copy
-    send(pJob, std::move(reply));
+    const bool failed = reply[2].asString() == "error";
+    const std::size_t replyBytes = send(pJob, std::move(reply));
+    if (served.fOperation == "call") {
+      fHost.fMetrics.record(served.fModule, served.fMethod, failed, requestBytes, replyBytes,
+                            Clock::now() - start);
+    }
   }
   void refuse(Job& pJob) override {
     send(pJob,
@@ -151,11 +193,14 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
   }
 
  private:
-  void send(Job& pJob, OXValue&& pReply) {
+  // Returns the bytes sent.
+  std::size_t send(Job& pJob, OXValue&& pReply) {
     auto held = boost::make_shared<HeldReply>();
     held->fValue = std::move(pReply);
     wire::Encoded encoded;
-    encodeReply(pJob.fId, held->fValue, encoded);
+    // A session on this machine may have its large binaries placed in its shared area.
+    const std::shared_ptr<SharedArea> area = fHost.fSessions->area(pJob.fRoutingId);
+    encodeReply(pJob.fId, held->fValue, encoded, area.get());
     std::size_t bytes = encoded.fHeader.size();
     for (const OXValue::Binary* frame : encoded.fFrames) bytes += frame->size();
     // Charged to the connection until ZeroMQ has written the reply: a client that does not read
@@ -170,6 +215,7 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
       zmq::message_t frame = borrowedFrame(*encoded.fFrames[i], owner);
       (void)fReplies.send(frame, i + 1 == encoded.fFrames.size() ? zmq::send_flags::none : more);
     }
+    return bytes;
   }
 
   Impl& fHost;
@@ -184,6 +230,10 @@ OXBrokerHost::Impl::Impl(boost::shared_ptr<OXBroker> pBroker, const Options& pOp
   fLimits.fMaxSessionBytes = pOptions.fMaxSessionBytes;
   fLimits.fMaxQueuedBytes = pOptions.fMaxQueuedBytes;
   fLimits.fMaxSessions = std::max(1, pOptions.fMaxSessions);
+  // An area is at most what one connection may hold, and at most 1 GiB.
+  fLimits.fAreaBytes = std::min({pOptions.fSharedAreaBytes, pOptions.fMaxSessionBytes,
+                                 pOptions.fMaxSharedAreaBytes, std::size_t(1) << 30});
+  fLimits.fMaxAreaBytes = pOptions.fMaxSharedAreaBytes;
   const std::string tag = std::to_string(reinterpret_cast<std::uintptr_t>(this));
   fRepliesEndpoint = "inproc://oxbrokerhost-replies-" + tag;
   fMonitorEndpoint = "inproc://oxbrokerhost-monitor-" + tag;
@@ -226,25 +276,34 @@ void OXBrokerHost::Impl::openSockets() {
   const std::string endpoint =
       "tcp://" + fOptions.fBindAddress + ":" +
       (fOptions.fPort == 0 ? std::string("*") : std::to_string(fOptions.fPort));
+  std::string listening = endpoint;
   try {
     fFrontend->bind(endpoint);
+    fUrl = fFrontend->get(zmq::sockopt::last_endpoint);
+    if (!fOptions.fIpcPath.empty()) {
+      listening = "ipc://" + fOptions.fIpcPath;
+      if (unixSocketInUse(fOptions.fIpcPath)) throw zmq::error_t(EADDRINUSE);
+      fFrontend->bind(listening);
+      fIpcUrl = fFrontend->get(zmq::sockopt::last_endpoint);
+    }
   } catch (const zmq::error_t& error) {
     fFrontend.reset();
     fRepliesIn.reset();
     fMonitorIn.reset();
     fZap.reset();
-    throw hostError("start", "cannot listen on " + endpoint + ": " + error.what());
+    throw hostError("start", "cannot listen on " + listening + ": " + error.what());
   }
-  fUrl = fFrontend->get(zmq::sockopt::last_endpoint);
 }
 
 void OXBrokerHost::Impl::startParts() {
   fHousekeeper.reset(new Housekeeper(fBroker, !fOptions.fKeepSubscribers));
+  fAreas.reset(new SharedAreas(fLimits.fAreaBytes, fLimits.fMaxAreaBytes));
+  fAreas->start();
   fSessions.reset(new SessionTable(fLimits.fMaxSessions, [this](Farewell&& pFarewell) {
     fHousekeeper->post(std::move(pFarewell));
   }));
   fHandler.reset(new RequestHandler(fBroker, *fSessions, fLimits.fMaxMessageBytes,
-                                    fOptions.fAllowRemoteEvents));
+                                    fOptions.fAllowRemoteEvents, fAreas.get()));
   fScheduler.reset(new Scheduler(fLimits, fOptions.fThreads, [this] {
     return std::unique_ptr<Scheduler::Worker>(new HostWorker(*this));
   }));
@@ -267,8 +326,11 @@ void OXBrokerHost::Impl::stop() {
   fListenerDone = true;
   fListener.join();
   fHousekeeper->stop();
+  fAreas->stop();
   fFrontend->set(zmq::sockopt::linger, kClosingLingerMs);
   fFrontend.reset();
+  // ZeroMQ leaves the socket file behind; nothing listens there any more.
+  if (!fIpcUrl.empty()) ::unlink(fOptions.fIpcPath.c_str());
   fRepliesIn.reset();
   fMonitorIn.reset();
   fZap.reset();
@@ -285,11 +347,13 @@ void OXBrokerHost::Impl::listen() {
       wait = std::clamp(std::chrono::duration_cast<std::chrono::milliseconds>(due - Clock::now()),
                         std::chrono::milliseconds(1), wait);
     }
-    // Once stopping, requests are no longer read: only replies go out.
+    // Once stopping, requests are no longer read: only replies go out. Only the sockets that
+    // have something are read: each empty read costs ZeroMQ a system call.
+    for (zmq::pollitem_t& item : items) item.revents = 0;
     zmq::poll(items.data(), fStopping ? 2 : 3, wait);
-    if (!fStopping) receive();
-    forwardReplies();
-    watchConnections();
+    if (!fStopping && (items[2].revents & ZMQ_POLLIN) != 0) receive();
+    if ((items[0].revents & ZMQ_POLLIN) != 0) forwardReplies();
+    if ((items[1].revents & ZMQ_POLLIN) != 0) watchConnections();
     sweepIfDue();
     fScheduler->resume();
   }
@@ -357,7 +421,7 @@ bool OXBrokerHost::Impl::servedInline(const std::string& pRoutingId,
       (op != "hello" && op != "bye" && op != "ping") || !fScheduler->idle(pRoutingId)) {
     return false;
   }
-  OXValue reply = fHandler->handle(pRoutingId, viewsOf(pFrames));
+  OXValue reply = fHandler->handle(pRoutingId, viewsOf(pFrames), peerOf(pFrames[0]));
   wire::Encoded encoded;
   encodeReply(pStart.fId, reply, encoded);
   std::vector<zmq::message_t> frames;
@@ -495,6 +559,28 @@ void OXBrokerHost::stop() {
 
 std::string OXBrokerHost::getUrl() const {
   return fImpl->fUrl;
+}
+
+std::string OXBrokerHost::getIpcUrl() const {
+  return fImpl->fIpcUrl;
+}
+
+net::HostStatus OXBrokerHost::getStatus() const {
+  return fImpl->status();
+}
+
+net::HostStatus OXBrokerHost::Impl::status() const {
+  HostStatus status;
+  status.fUrl = fUrl;
+  status.fUptimeSeconds = std::chrono::duration<double>(Clock::now() - fCreated).count();
+  status.fWorkers = fOptions.fThreads;
+  status.fMaxSessions = fLimits.fMaxSessions;
+  status.fCalls = fMetrics.calls();
+  status.fCallRate = fMetrics.callRate();
+  status.fMethods = fMetrics.methods();
+  if (fScheduler) fScheduler->load(status.fQueued, status.fRunning);
+  if (fSessions) status.fSessions = fSessions->list();
+  return status;
 }
 
 }  // namespace OX

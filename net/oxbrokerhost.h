@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "oxbroker.h"
+#include "oxmetrics.h"
 #include "oxwire.h"
 
 namespace OX {
@@ -25,6 +26,8 @@ class OXBrokerHost {
   struct Options {
     std::string fBindAddress = "127.0.0.1";
     int fPort = 7761;  // 0 picks a free port (see getUrl)
+    // Also listen on ipc://fIpcPath when not empty.
+    std::string fIpcPath;
     int fThreads = 8;
     int fHeartbeatTimeoutMs = 5000;
     // The bounds (see net::HostLimits for what each counts).
@@ -34,6 +37,10 @@ class OXBrokerHost {
     std::size_t fMaxSessionBytes = std::size_t(256) << 20;
     std::size_t fMaxQueuedBytes = std::size_t(1024) << 20;
     int fMaxSessions = 1024;
+    // The shared-memory area of a session on this machine that asks for one (0: never), and of
+    // all sessions together (oxsharedmemory.h).
+    std::size_t fSharedAreaBytes = std::size_t(16) << 20;
+    std::size_t fMaxSharedAreaBytes = std::size_t(256) << 20;
     // Leave the subscribers of an ended session registered (the modules' own clean-up only).
     bool fKeepSubscribers = false;
     // CURVE (docs/security.md): with a secret key (Z85 text, oxkeys.h) every connection is
@@ -58,6 +65,11 @@ class OXBrokerHost {
   void stop();
   // The address that clients connect to, e.g. "tcp://127.0.0.1:7761".
   std::string getUrl() const;
+  // The ipc address, when it listens on one ("ipc:///run/oxbroker.sock"), else empty.
+  std::string getIpcUrl() const;
+  // What the host is doing now (sessions, load, calls per method), for its pages and metrics.
+  // Any thread, once started.
+  net::HostStatus getStatus() const;
 
  private:
   class Impl;

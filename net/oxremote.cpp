@@ -11,6 +11,7 @@
 #include "oxerror.h"
 #include "oxkeys.h"
 #include "oxrequests.h"
+#include "oxsharedmemory.h"
 #include "oxwire.h"
 
 namespace OX {
@@ -28,6 +29,17 @@ constexpr int kHelloTimeoutMs = 5000;
 zmq::context_t& context() {
   static zmq::context_t* const sContext = new zmq::context_t(1);
   return *sContext;
+}
+
+// Whether the broker host at pUrl runs on this machine: an ipc address, or a loopback one.
+bool onThisMachine(const std::string& pUrl) {
+  if (pUrl.rfind("ipc://", 0) == 0) return true;
+  if (pUrl.rfind("tcp://", 0) != 0) return false;
+  std::string host = pUrl.substr(6, pUrl.rfind(':') - 6);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  }
+  return host == "localhost" || net::isLocalPeer(host);
 }
 
 // With keys, the connection is encrypted and the broker knows this client by its public key; a
@@ -64,7 +76,14 @@ OXRemoteConnection::OXRemoteConnection(const std::string& pUrl, const std::strin
       fClientName(pClientName),
       fModuleName(pModuleName),
       fTimeoutMs(pTimeoutMs),
+      fOptions(pOptions),
       fSocket(context(), zmq::socket_type::dealer) {
+  if (fOptions.fSharedMemory == ConnectOptions::SharedMemory::kRequire && !onThisMachine(pUrl)) {
+    throw OXError("OXProxy", "connect",
+                  "shared memory needs a broker host on this machine, not " + pUrl, kRemoteFile,
+                  __LINE__);
+  }
+  if (!onThisMachine(pUrl)) fOptions.fSharedMemory = ConnectOptions::SharedMemory::kNever;
   fSocket.set(zmq::sockopt::linger, 0);
   useCurve(fSocket, pOptions);
   try {
@@ -90,13 +109,32 @@ OXRemoteConnection::~OXRemoteConnection() {
 
 OXValue OXRemoteConnection::request(const std::string& pOperation, OXValue::Array pOperands,
                                     const std::string& pFunction) {
+  return send(pOperation, std::move(pOperands), pFunction, nullptr);
+}
+
+OXValue OXRemoteConnection::request(const std::string& pOperation, OXValue::Array pOperands,
+                                    const std::string& pFunction, std::vector<BinaryView>& pViews) {
+  pViews.clear();
+  return send(pOperation, std::move(pOperands), pFunction, &pViews);
+}
+
+bool OXRemoteConnection::usesSharedMemory() const {
   std::lock_guard<std::mutex> guard(fMutex);
+  return fArea != nullptr;
+}
+
+OXValue OXRemoteConnection::send(const std::string& pOperation, OXValue::Array&& pOperands,
+                                 const std::string& pFunction, std::vector<BinaryView>* pViews) {
+  std::lock_guard<std::mutex> guard(fMutex);
+  // What the last call read in place is given up: the host may write over it again.
+  fHeld.clear();
+  if (fArea) fArea->releaseAll();
   int id = 0;
   // The encoded frames point into this value: it must live until they are sent, a second time
   // too if the session has to be introduced again.
   const OXValue sent = message(pOperation, std::move(pOperands), id);
   try {
-    return exchange(sent, id, pFunction, fTimeoutMs);
+    return exchange(sent, id, pFunction, fTimeoutMs, pViews);
   } catch (const OXError& error) {
     const bool unknownSession =
         error.getModuleName() == "OXBroker" && error.getDescription() == net::kUnknownSession;
@@ -106,14 +144,48 @@ OXValue OXRemoteConnection::request(const std::string& pOperation, OXValue::Arra
   // process was stopped, say): the broker ended the old session. The request was refused
   // without being run, so it is sent again once, as the new session's.
   hello(pFunction, std::min(fTimeoutMs, kHelloTimeoutMs));
-  return exchange(sent, id, pFunction, fTimeoutMs);
+  return exchange(sent, id, pFunction, fTimeoutMs, pViews);
 }
 
-OXValue OXRemoteConnection::hello(const std::string& pFunction, int pTimeoutMs) {
+void OXRemoteConnection::hello(const std::string& pFunction, int pTimeoutMs) {
+  using SharedMemory = ConnectOptions::SharedMemory;
+  fArea.reset();
   int id = 0;
-  const OXValue sent =
-      message("hello", {fClientName, fModuleName.empty() ? OXValue() : OXValue(fModuleName)}, id);
-  return exchange(sent, id, pFunction, pTimeoutMs);
+  OXValue::Array operands = {fClientName, fModuleName.empty() ? OXValue() : OXValue(fModuleName)};
+  // Only a client that asks for an area says more than a client of old.
+  const bool ask = fOptions.fSharedMemory != SharedMemory::kNever;
+  if (ask) operands.emplace_back(true);
+  const OXValue sent = message("hello", std::move(operands), id);
+  const OXValue reply = exchange(sent, id, pFunction, pTimeoutMs);
+  if (ask) takeArea(reply, pFunction, pTimeoutMs);
+}
+
+// Attaches the area that the host offered. Without one, a client that may do without carries on
+// through the socket, and tells the host with a hello that does not ask.
+void OXRemoteConnection::takeArea(const OXValue& pReply, const std::string& pFunction,
+                                  int pTimeoutMs) {
+  const bool required = fOptions.fSharedMemory == ConnectOptions::SharedMemory::kRequire;
+  const OXValue offer = pReply.isArray() && pReply.getSize() > 2
+                            ? pReply[2]
+                            : OXValue("shared memory is not offered by this host");
+  std::string refusal;
+  if (offer.isString()) {
+    refusal = offer.asString();
+  } else {
+    try {
+      fArea.reset(new net::AreaClient(offer));
+      return;
+    } catch (const OXError& error) {
+      refusal = error.getDescription();
+    }
+  }
+  if (required) throw OXError("OXProxy", pFunction, refusal, kRemoteFile, __LINE__);
+  if (offer.isArray()) {
+    int id = 0;
+    OXValue::Array operands = {fClientName, fModuleName.empty() ? OXValue() : OXValue(fModuleName)};
+    const OXValue sent = message("hello", std::move(operands), id);
+    exchange(sent, id, pFunction, pTimeoutMs);
+  }
 }
 
 OXValue OXRemoteConnection::message(const std::string& pOperation, OXValue::Array&& pOperands,
@@ -132,7 +204,7 @@ OXValue OXRemoteConnection::message(const std::string& pOperation, OXValue::Arra
 }
 
 OXValue OXRemoteConnection::exchange(const OXValue& pMessage, int pId, const std::string& pFunction,
-                                     int pTimeoutMs) {
+                                     int pTimeoutMs, std::vector<BinaryView>* pViews) {
   wire::Encoded encoded;
   wire::encode(pMessage, encoded);
   const auto sendFlags = [](bool pLast) {
@@ -177,12 +249,19 @@ OXValue OXRemoteConnection::exchange(const OXValue& pMessage, int pId, const std
     } while (frames.back().more());
     std::vector<wire::FrameView> views;
     for (const zmq::message_t& frame : frames) views.push_back({frame.data(), frame.size()});
-    OXValue reply = wire::decode(views, SIZE_MAX, wire::DecodeBudget::unlimited());
+    if (pViews != nullptr) pViews->clear();
+    OXValue reply =
+        wire::decode(views, SIZE_MAX, wire::DecodeBudget::unlimited(), fArea.get(), pViews);
     if (!reply.isArray() || reply.getSize() != 4 || !reply[1].isInt() || !reply[2].isString()) {
       throw OXError("OXProxy", pFunction, "malformed reply from " + fUrl, kRemoteFile, __LINE__);
     }
     // Another id: a late reply to a request that timed out, or the broker's probe (id 0).
     if (reply[1].asInt() != pId) continue;
+    if (pViews != nullptr) {
+      fHeld = std::move(frames);  // the views point into them (moving keeps their bytes)
+    } else if (fArea) {
+      fArea->releaseAll();  // copied out: the host may use the area again at once
+    }
     if (reply[2].asString() == "error") wire::throwErrorValue(reply[3]);
     return std::move(reply[3]);  // the pixels of an image are not copied once more
   }
@@ -201,9 +280,24 @@ boost::shared_ptr<OXProxy> OXProxy::connect(const std::string& pUrl,
 boost::shared_ptr<OXProxy> OXProxy::connect(const std::string& pUrl, const std::string& pModuleName,
                                             const ConnectOptions& pOptions) {
   boost::shared_ptr<OXProxy> proxy(new OXProxy(boost::shared_ptr<OXBroker>(), pModuleName));
+  const int timeoutMs = pOptions.fTimeoutMs > 0 ? pOptions.fTimeoutMs : getRemoteTimeout();
   proxy->fRemote.reset(
-      new OXRemoteConnection(pUrl, getClientName(), pModuleName, getRemoteTimeout(), pOptions));
+      new OXRemoteConnection(pUrl, getClientName(), pModuleName, timeoutMs, pOptions));
   return proxy;
+}
+
+ViewedResult callWithViews(OXProxy& pProxy, const std::string& pMethod, const OXValue& pArguments) {
+  auto* connection = dynamic_cast<OXRemoteConnection*>(pProxy.getRemoteChannel());
+  if (connection == nullptr) {
+    throw OXError("OXProxy", pMethod,
+                  "views are read in place of a remote reply: " + pProxy.getModuleName() +
+                      " is an in-process proxy",
+                  kRemoteFile, __LINE__);
+  }
+  ViewedResult result;
+  result.fValue = connection->request("call", {pProxy.getModuleName(), pMethod, pArguments},
+                                      pMethod, result.fBinaries);
+  return result;
 }
 
 }  // namespace OX

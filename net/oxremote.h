@@ -2,15 +2,39 @@
 // the remote constructors of OXProxy that use it.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 #include <zmq.hpp>
 
 #include "oxbroker.h"
 #include "oxconnectoptions.h"
 #include "oxvalue.h"
+#include "oxwire.h"
 
 namespace OX {
+
+namespace net {
+class AreaClient;
+}
+
+// Bytes of a result read in place.
+using BinaryView = wire::BinaryView;
+
+// The result of callWithViews.
+struct ViewedResult {
+  // The result, with every binary left empty...
+  OXValue fValue;
+  // ...and its bytes here, in the order in which the binaries appear (depth first).
+  std::vector<BinaryView> fBinaries;
+};
+
+// Calls a published method through a remote proxy like genericCall, without copying the
+// binaries of the result: they are read in place, in the received message or in the shared area.
+// The views stay valid until the next call through the same connection (the proxy or a copy of
+// it). Throws OXError for an in-process proxy, and as genericCall does.
+ViewedResult callWithViews(OXProxy& pProxy, const std::string& pMethod, const OXValue& pArguments);
 
 // One ZeroMQ connection to a broker host. Requests through one connection are sent one after
 // the other, under its mutex; replies are matched to requests by id, so a reply that comes after
@@ -35,23 +59,36 @@ class OXRemoteConnection : public OXRemoteChannel {
   // the errors of the connection itself.
   OXValue request(const std::string& pOperation, OXValue::Array pOperands,
                   const std::string& pFunction) override;
+  // The same, with the binaries of the result read in place (see callWithViews).
+  OXValue request(const std::string& pOperation, OXValue::Array pOperands,
+                  const std::string& pFunction, std::vector<BinaryView>& pViews);
 
   const std::string& getUrl() const override { return fUrl; }
   int getTimeout() const { return fTimeoutMs; }
+  // Whether replies come through a shared-memory area.
+  bool usesSharedMemory() const;
 
  private:
+  OXValue send(const std::string& pOperation, OXValue::Array&& pOperands,
+               const std::string& pFunction, std::vector<BinaryView>* pViews);
   // One exchange under fMutex: sends the message and waits for the reply with its id.
-  OXValue exchange(const OXValue& pMessage, int pId, const std::string& pFunction, int pTimeoutMs);
+  OXValue exchange(const OXValue& pMessage, int pId, const std::string& pFunction, int pTimeoutMs,
+                   std::vector<BinaryView>* pViews = nullptr);
   OXValue message(const std::string& pOperation, OXValue::Array&& pOperands, int& pId);
-  OXValue hello(const std::string& pFunction, int pTimeoutMs);
+  void hello(const std::string& pFunction, int pTimeoutMs);
+  void takeArea(const OXValue& pReply, const std::string& pFunction, int pTimeoutMs);
 
   std::string fUrl;
   std::string fClientName;
   std::string fModuleName;
   int fTimeoutMs;
-  std::mutex fMutex;
+  ConnectOptions fOptions;
+  mutable std::mutex fMutex;
   zmq::socket_t fSocket;
   int fNextId = 1;
+  std::unique_ptr<net::AreaClient> fArea;
+  // The frames of the last reply read in place, kept until the next request.
+  std::vector<zmq::message_t> fHeld;
 };
 
 }  // namespace OX

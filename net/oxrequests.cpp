@@ -4,6 +4,7 @@
 #include "oxcaller.h"
 #include "oxerror.h"
 #include "oxservices.h"
+#include "oxsharedmemory.h"
 
 namespace OX {
 namespace net {
@@ -21,6 +22,15 @@ const std::string& operandString(const OXValue& pHeader, int pIndex, const std::
     refuse(pOp, "operand " + std::to_string(pIndex - 3) + " of " + pOp + " must be a string");
   }
   return pHeader[pIndex].asString();
+}
+
+void noteServed(const OXValue& pHeader, RequestHandler::Served& pServed) {
+  pServed.fOperation = pHeader[2].asString();
+  if (pServed.fOperation == "call" && pHeader.getSize() > 4 && pHeader[3].isString() &&
+      pHeader[4].isString()) {
+    pServed.fModule = pHeader[3].asString();
+    pServed.fMethod = pHeader[4].asString();
+  }
 }
 
 bool startsWith(const std::string& pText, const char* pPrefix) {
@@ -66,9 +76,9 @@ OXValue errorReply(int pId, const OXError& pError) {
                           pError.getFileName(), pError.getLine())});
 }
 
-void encodeReply(int pId, OXValue& pReply, wire::Encoded& pOut) {
+void encodeReply(int pId, OXValue& pReply, wire::Encoded& pOut, wire::BinaryPlacer* pPlacer) {
   try {
-    wire::encode(pReply, pOut);
+    wire::encode(pReply, pOut, pPlacer);
   } catch (const std::exception& error) {
     pReply = errorReply(pId, hostError("encode", error.what()));
     wire::encode(pReply, pOut);
@@ -76,14 +86,17 @@ void encodeReply(int pId, OXValue& pReply, wire::Encoded& pOut) {
 }
 
 RequestHandler::RequestHandler(boost::shared_ptr<OXBroker> pBroker, SessionTable& pSessions,
-                               std::size_t pMaxMessageBytes, bool pAllowRemoteEvents)
+                               std::size_t pMaxMessageBytes, bool pAllowRemoteEvents,
+                               SharedAreas* pAreas)
     : fBroker(std::move(pBroker)),
       fSessions(pSessions),
       fMaxMessageBytes(pMaxMessageBytes),
-      fAllowRemoteEvents(pAllowRemoteEvents) {}
+      fAllowRemoteEvents(pAllowRemoteEvents),
+      fAreas(pAreas) {}
 
 OXValue RequestHandler::handle(const std::string& pRoutingId,
-                               const std::vector<wire::FrameView>& pFrames) {
+                               const std::vector<wire::FrameView>& pFrames,
+                               const std::string& pPeerAddress, Served* pServed) {
   int id = -1;
   try {
     const OXValue header = wire::decode(pFrames, fMaxMessageBytes);
@@ -92,11 +105,12 @@ OXValue RequestHandler::handle(const std::string& pRoutingId,
       refuse("decode", "malformed message: a request is [version, id, operation, ...]");
     }
     id = header[1].asInt();
+    if (pServed != nullptr) noteServed(header, *pServed);
     if (header[0].asInt() != wire::kProtocolVersion) {
       refuse("decode", "unsupported protocol version " + std::to_string(header[0].asInt()) +
                            " (this broker speaks " + std::to_string(wire::kProtocolVersion) + ")");
     }
-    return okReply(id, run(pRoutingId, header));
+    return okReply(id, run(pRoutingId, header, pPeerAddress));
   } catch (const OXError& error) {
     // A request whose id could not be decoded may still have one at its start.
     if (id == -1 && !pFrames.empty()) id = wire::peekRequest(pFrames[0]).fId;
@@ -106,9 +120,10 @@ OXValue RequestHandler::handle(const std::string& pRoutingId,
   }
 }
 
-OXValue RequestHandler::run(const std::string& pRoutingId, const OXValue& pHeader) {
+OXValue RequestHandler::run(const std::string& pRoutingId, const OXValue& pHeader,
+                            const std::string& pPeer) {
   const std::string& op = pHeader[2].asString();
-  if (op == "hello") return hello(pRoutingId, pHeader);
+  if (op == "hello") return hello(pRoutingId, pHeader, pPeer);
   if (op == "bye") {
     fSessions.end(pRoutingId, "said goodbye");
     return OXValue();
@@ -128,14 +143,26 @@ OXValue RequestHandler::run(const std::string& pRoutingId, const OXValue& pHeade
   refuse("decode", "unknown operation \"" + op + "\"");
 }
 
-OXValue RequestHandler::hello(const std::string& pRoutingId, const OXValue& pHeader) {
+// Operand 2, when true, asks for a shared-memory area: the answer is then a third element of the
+// reply, the area's offer or the text of its refusal. Every hello sets the session's area anew.
+OXValue RequestHandler::hello(const std::string& pRoutingId, const OXValue& pHeader,
+                              const std::string& pPeer) {
   const std::string& name = operandString(pHeader, 3, "hello");
   if (name.empty()) refuse("hello", "operand 0 of hello must not be empty");
   if (pHeader.getSize() > 4 && pHeader[4].isValid()) {
     fBroker->getProxy(operandString(pHeader, 4, "hello"), 0);  // throws for an unknown module
   }
   fSessions.begin(pRoutingId, name);
-  return OXValue::array({fBroker->getName(), OXValue(fBroker->getModuleNames())});
+  fSessions.setAddress(pRoutingId, pPeer);
+  OXValue reply = OXValue::array({fBroker->getName(), OXValue(fBroker->getModuleNames())});
+  const bool wantsArea = pHeader.getSize() > 5 && pHeader[5].isBool() && pHeader[5].asBool();
+  std::shared_ptr<SharedArea> area;
+  if (wantsArea) {
+    reply.arrayPush(fAreas != nullptr ? fAreas->offer(pPeer, area)
+                                      : OXValue("shared memory is not offered by this host"));
+  }
+  fSessions.setArea(pRoutingId, std::move(area));
+  return reply;
 }
 
 // Besides running the method, keeps track of the subscribers that the session makes, so that

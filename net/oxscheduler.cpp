@@ -48,6 +48,16 @@ bool Scheduler::idle(const std::string& pRoutingId) const {
   return fLanes.count(pRoutingId) == 0;
 }
 
+void Scheduler::load(std::size_t& pQueued, std::size_t& pRunning) const {
+  std::lock_guard<std::mutex> guard(fMutex);
+  pQueued = 0;
+  pRunning = 0;
+  for (const auto& lane : fLanes) {
+    pQueued += lane.second.fQueue.size();
+    if (lane.second.fRunning) ++pRunning;
+  }
+}
+
 void Scheduler::replied(const std::string& pRoutingId) {
   std::lock_guard<std::mutex> guard(fMutex);
   auto lane = fLanes.find(pRoutingId);

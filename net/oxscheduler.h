@@ -58,6 +58,8 @@ class Scheduler {
   // The connection is gone: its queued requests are dropped unanswered, and pThen is called once
   // none of its requests runs any more (at once, or by the worker that finishes the last).
   void retire(const std::string& pRoutingId, std::function<void()> pThen);
+  // Requests waiting for a worker, and being served, at this moment.
+  void load(std::size_t& pQueued, std::size_t& pRunning) const;
   // Lanes held back by unread replies are looked at again. Listener thread, now and then.
   void resume();
   // Queued requests are refused, running ones finish; then the workers end. Idempotent.

@@ -7,6 +7,7 @@
 #include "oxerror.h"
 #include "oxhostlog.h"
 #include "oxproxies.h"
+#include "oxsharedmemory.h"
 
 namespace OX {
 namespace net {
@@ -92,9 +93,45 @@ std::vector<std::string> SessionTable::routingIds() const {
   return ids;
 }
 
+void SessionTable::setArea(const std::string& pRoutingId, std::shared_ptr<SharedArea> pArea) {
+  std::lock_guard<std::mutex> guard(fMutex);
+  auto found = fSessions.find(pRoutingId);
+  if (found != fSessions.end()) found->second.fArea = std::move(pArea);
+}
+
+std::shared_ptr<SharedArea> SessionTable::area(const std::string& pRoutingId) const {
+  std::lock_guard<std::mutex> guard(fMutex);
+  auto found = fSessions.find(pRoutingId);
+  return found == fSessions.end() ? nullptr : found->second.fArea;
+}
+
 std::size_t SessionTable::size() const {
   std::lock_guard<std::mutex> guard(fMutex);
   return fSessions.size();
+}
+
+void SessionTable::setAddress(const std::string& pRoutingId, const std::string& pAddress) {
+  std::lock_guard<std::mutex> guard(fMutex);
+  auto found = fSessions.find(pRoutingId);
+  if (found != fSessions.end()) found->second.fAddress = pAddress;
+}
+
+std::vector<SessionView> SessionTable::list() const {
+  const auto now = std::chrono::steady_clock::now();
+  std::vector<SessionView> views;
+  {
+    std::lock_guard<std::mutex> guard(fMutex);
+    views.reserve(fSessions.size());
+    for (const auto& entry : fSessions) {
+      const Session& session = entry.second;
+      views.push_back({session.fName, session.fAddress,
+                       std::chrono::duration<double>(now - session.fSince).count(),
+                       session.fSubscribers.size()});
+    }
+  }
+  std::sort(views.begin(), views.end(),
+            [](const SessionView& a, const SessionView& b) { return a.fName < b.fName; });
+  return views;
 }
 
 Housekeeper::Housekeeper(boost::shared_ptr<OXBroker> pBroker, bool pUnsubscribe)

@@ -10,19 +10,24 @@
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "oxbroker.h"
+#include "oxmetrics.h"
 
 namespace OX {
 namespace net {
+
+class SharedArea;
 
 // A subscriber that a session's call made, to be unsubscribed when the session ends.
 struct Subscriber {
@@ -58,11 +63,21 @@ class SessionTable {
   void forget(const std::string& pRoutingId, const Subscriber& pSubscriber);
   std::vector<std::string> routingIds() const;
   std::size_t size() const;
+  // The client's address, for the host's pages; ignored when there is no such session.
+  void setAddress(const std::string& pRoutingId, const std::string& pAddress);
+  // Every session, by name.
+  std::vector<SessionView> list() const;
+  // The session's shared-memory area (oxsharedmemory.h), which ends with it; null for none.
+  void setArea(const std::string& pRoutingId, std::shared_ptr<SharedArea> pArea);
+  std::shared_ptr<SharedArea> area(const std::string& pRoutingId) const;
 
  private:
   struct Session {
     std::string fName;
     std::vector<Subscriber> fSubscribers;
+    std::string fAddress;
+    std::chrono::steady_clock::time_point fSince = std::chrono::steady_clock::now();
+    std::shared_ptr<SharedArea> fArea;
   };
   // Counts a use of pName less; true when it was the last one. fMutex held.
   bool release(const std::string& pName);

@@ -15,6 +15,7 @@ namespace {
 
 const char* const kWireFile = "net/oxwire";
 constexpr int8_t kFrameExt = 1;
+constexpr int8_t kAreaExt = 2;
 
 [[noreturn]] void malformed(const std::string& pWhy) {
   throw OXError("OXBroker", "decode", "malformed message: " + pWhy, kWireFile, 0);
@@ -27,7 +28,7 @@ struct HeaderSink {
 };
 using Packer = msgpack::packer<HeaderSink>;
 
-void pack(Packer& pPacker, const OXValue& pValue, Encoded& pOut) {
+void pack(Packer& pPacker, const OXValue& pValue, Encoded& pOut, BinaryPlacer* pPlacer) {
   switch (pValue.getType()) {
     case OXValue::TypeInvalid:
       pPacker.pack_nil();
@@ -63,7 +64,7 @@ void pack(Packer& pPacker, const OXValue& pValue, Encoded& pOut) {
     case OXValue::TypeArray: {
       const int size = pValue.getSize();
       pPacker.pack_array(static_cast<uint32_t>(size));
-      for (int i = 0; i < size; ++i) pack(pPacker, pValue[i], pOut);
+      for (int i = 0; i < size; ++i) pack(pPacker, pValue[i], pOut, pPlacer);
       return;
     }
     case OXValue::TypeBinary: {
@@ -72,6 +73,15 @@ void pack(Packer& pPacker, const OXValue& pValue, Encoded& pOut) {
       if (size < kOutOfLineBinary) {
         pPacker.pack_bin(static_cast<uint32_t>(size));
         pPacker.pack_bin_body(reinterpret_cast<const char*>(bytes), static_cast<uint32_t>(size));
+        return;
+      }
+      uint64_t position = 0;
+      if (pPlacer != nullptr && pPlacer->place(bytes, size, position)) {
+        char payload[12];
+        for (int i = 0; i < 8; ++i) payload[i] = static_cast<char>(position >> (56 - 8 * i));
+        for (int i = 0; i < 4; ++i) payload[8 + i] = static_cast<char>(size >> (24 - 8 * i));
+        pPacker.pack_ext(sizeof(payload), kAreaExt);
+        pPacker.pack_ext_body(payload, sizeof(payload));
         return;
       }
       // The vector itself is referenced so that the frame can be sent without a copy.
@@ -90,8 +100,13 @@ void pack(Packer& pPacker, const OXValue& pValue, Encoded& pOut) {
 // and charges every element to the budget before it is allocated.
 class Builder : public msgpack::null_visitor {
  public:
-  Builder(const std::vector<FrameView>& pFrames, const DecodeBudget& pBudget)
-      : fFrames(pFrames), fUsed(pFrames.size(), false), fBudget(pBudget) {}
+  Builder(const std::vector<FrameView>& pFrames, const DecodeBudget& pBudget, BinaryResolver* pArea,
+          std::vector<BinaryView>* pViews)
+      : fFrames(pFrames),
+        fUsed(pFrames.size(), false),
+        fBudget(pBudget),
+        fArea(pArea),
+        fViews(pViews) {}
 
   // The refusal, when decoding stopped early.
   const std::string& error() const { return fError; }
@@ -125,7 +140,7 @@ class Builder : public msgpack::null_visitor {
   bool visit_bin(const char* pData, uint32_t pSize) {
     if (pSize > static_cast<uint32_t>(INT32_MAX))
       return fail("malformed message: binary too large");
-    return charge(0, pSize) && add(OXValue::binary(pData, static_cast<int>(pSize)));
+    return charge(0, pSize) && addBinary(pData, pSize);
   }
   bool visit_ext(const char* pData, uint32_t pSize);
   bool start_array(uint32_t pSize) {
@@ -170,6 +185,13 @@ class Builder : public msgpack::null_visitor {
     }
     return true;
   }
+  // A binary of bytes that are not the builder's own: copied, or only pointed at.
+  bool addBinary(const void* pData, std::size_t pSize) {
+    if (fViews == nullptr) return add(OXValue::binary(pData, static_cast<int>(pSize)));
+    fViews->push_back({static_cast<const unsigned char*>(pData), pSize});
+    return add(OXValue::binary(OXValue::Binary()));
+  }
+  bool areaBinary(const char* pPayload);
   // The top element is charged here; array elements were charged with their array.
   bool add(OXValue&& pValue) {
     if (fStack.empty()) {
@@ -184,6 +206,8 @@ class Builder : public msgpack::null_visitor {
   const std::vector<FrameView>& fFrames;
   std::vector<bool> fUsed;
   DecodeBudget fBudget;
+  BinaryResolver* fArea;
+  std::vector<BinaryView>* fViews;
   std::size_t fElements = 0;
   std::size_t fBytes = 0;
   std::vector<OXValue::Array> fStack;
@@ -191,8 +215,26 @@ class Builder : public msgpack::null_visitor {
   std::string fError;
 };
 
+bool Builder::areaBinary(const char* pPayload) {
+  const auto* p = reinterpret_cast<const unsigned char*>(pPayload);
+  uint64_t position = 0;
+  for (int i = 0; i < 8; ++i) position = (position << 8) | p[i];
+  uint32_t size = 0;
+  for (int i = 8; i < 12; ++i) size = (size << 8) | p[i];
+  if (size > static_cast<uint32_t>(INT32_MAX)) return fail("malformed message: binary too large");
+  const unsigned char* bytes = fArea->resolve(position, size);
+  if (bytes == nullptr) {
+    return fail("malformed message: " + std::to_string(size) + " bytes at " +
+                std::to_string(position) + " lie outside the shared area");
+  }
+  return charge(0, size) && addBinary(bytes, size);
+}
+
 bool Builder::visit_ext(const char* pData, uint32_t pSize) {
   // The parser hands the type byte first, then the payload.
+  if (pSize == 13 && static_cast<int8_t>(pData[0]) == kAreaExt && fArea != nullptr) {
+    return areaBinary(pData + 1);
+  }
   if (pSize != 5 || static_cast<int8_t>(pData[0]) != kFrameExt) {
     return fail("malformed message: unknown extension type " +
                 std::to_string(pSize == 0 ? 0 : static_cast<int8_t>(pData[0])));
@@ -211,7 +253,7 @@ bool Builder::visit_ext(const char* pData, uint32_t pSize) {
   if (view.fSize > static_cast<std::size_t>(INT32_MAX)) {
     return fail("malformed message: binary too large");
   }
-  return charge(0, view.fSize) && add(OXValue::binary(view.fData, static_cast<int>(view.fSize)));
+  return charge(0, view.fSize) && addBinary(view.fData, view.fSize);
 }
 
 // Reads the first three elements of a request header and stops.
@@ -244,12 +286,12 @@ class RequestPeek : public msgpack::null_visitor {
 
 }  // namespace
 
-void encode(const OXValue& pValue, Encoded& pOut) {
+void encode(const OXValue& pValue, Encoded& pOut, BinaryPlacer* pPlacer) {
   pOut.fFrames.clear();
   pOut.fHeader.clear();
   HeaderSink sink{pOut.fHeader};
   Packer packer(sink);
-  pack(packer, pValue, pOut);
+  pack(packer, pValue, pOut, pPlacer);
 }
 
 DecodeBudget DecodeBudget::forMessage(std::size_t pMessageBytes) {
@@ -268,6 +310,12 @@ OXValue decode(const std::vector<FrameView>& pFrames, std::size_t pMaxBytes) {
 
 OXValue decode(const std::vector<FrameView>& pFrames, std::size_t pMaxBytes,
                const DecodeBudget& pBudget) {
+  return decode(pFrames, pMaxBytes, pBudget, nullptr, nullptr);
+}
+
+OXValue decode(const std::vector<FrameView>& pFrames, std::size_t pMaxBytes,
+               const DecodeBudget& pBudget, BinaryResolver* pArea,
+               std::vector<BinaryView>* pViews) {
   if (pFrames.empty()) malformed("no frames");
   std::size_t total = 0;
   for (const FrameView& frame : pFrames) total += frame.fSize;
@@ -279,7 +327,7 @@ OXValue decode(const std::vector<FrameView>& pFrames, std::size_t pMaxBytes,
   }
   const FrameView& header = pFrames[0];
   if (header.fSize == 0) malformed("empty header");
-  Builder builder(pFrames, pBudget);
+  Builder builder(pFrames, pBudget, pArea, pViews);
   std::size_t offset = 0;
   bool parsed = false;
   try {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -28,8 +29,31 @@ struct Encoded {
   std::vector<const OXValue::Binary*> fFrames;
 };
 
-// Encodes pValue as a header plus out-of-line frames.
-void encode(const OXValue& pValue, Encoded& pOut);
+// Where a same-host session's binaries go instead of a frame (oxsharedmemory.h): their place
+// travels in the header as ext type 2, a big-endian 8-byte position and 4-byte size.
+class BinaryPlacer {
+ public:
+  virtual ~BinaryPlacer() = default;
+  // Copies the bytes into the area and gives their position; false when they travel as a frame.
+  virtual bool place(const void* pData, std::size_t pSize, std::uint64_t& pPosition) = 0;
+};
+
+// The receiving side of an area: the bytes at a position, or null when it lies outside.
+class BinaryResolver {
+ public:
+  virtual ~BinaryResolver() = default;
+  virtual const unsigned char* resolve(std::uint64_t pPosition, std::size_t pSize) = 0;
+};
+
+// Bytes read in place, in a received frame or an area.
+struct BinaryView {
+  const unsigned char* fData;
+  std::size_t fSize;
+};
+
+// Encodes pValue as a header plus out-of-line frames; with pPlacer, binaries that it takes are
+// placed in its area instead of a frame.
+void encode(const OXValue& pValue, Encoded& pOut, BinaryPlacer* pPlacer = nullptr);
 
 struct FrameView {
   const void* fData;
@@ -57,6 +81,11 @@ OXValue decode(const std::vector<FrameView>& pFrames,
                std::size_t pMaxBytes = kDefaultMaxMessageBytes);
 OXValue decode(const std::vector<FrameView>& pFrames, std::size_t pMaxBytes,
                const DecodeBudget& pBudget);
+// The same for a client: binaries placed in an area are read through pArea (without one, ext
+// type 2 is malformed). With pViews, no binary is copied: each is left empty in the value and its
+// bytes are appended to pViews, depth first, pointing into pFrames or the area.
+OXValue decode(const std::vector<FrameView>& pFrames, std::size_t pMaxBytes,
+               const DecodeBudget& pBudget, BinaryResolver* pArea, std::vector<BinaryView>* pViews);
 
 // The id and the operation of a request, read from the start of its header without decoding the
 // rest, so that a request refused before it is decoded is still answered under its own id. An id

@@ -1,7 +1,12 @@
 #!/usr/bin/python3
-"""Prints the ratio of each benchmark BM_<x>/<args> to its BM_<x>_Reference/<args>."""
+"""Prints the ratio of each benchmark BM_<x>/<args> to its BM_<x>_Reference/<args>; without one of
+the same arguments, to the reference of its leading arguments (BM_<x>/a/b to BM_<x>_Reference/a),
+so that several variants can share one reference."""
 import json
 import sys
+
+
+_TIME_KINDS = ("real_time", "process_time", "manual_time")
 
 
 def main(paths):
@@ -20,9 +25,14 @@ def main(paths):
         base, _, args = name.partition("/")
         if base.endswith("_Reference"):
             continue
-        reference = base + "_Reference" + ("/" + args if args else "")
-        if reference in times and times[reference] > 0:
-            print(f"{name:50} {time / times[reference]:20.2f}")
+        parts = args.split("/") if args else []
+        trailer = [part for part in parts if part in _TIME_KINDS]
+        parts = [part for part in parts if part not in _TIME_KINDS]
+        for kept in range(len(parts), -1, -1):
+            reference = "/".join([base + "_Reference"] + parts[:kept] + trailer)
+            if reference in times and times[reference] > 0:
+                print(f"{name:50} {time / times[reference]:20.2f}")
+                break
 
 
 if __name__ == "__main__":

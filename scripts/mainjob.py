@@ -64,17 +64,19 @@ class Processes:
             log.close()
 
 
-def start_broker(processes, name, prefs, bindir, data):
-    """Starts oxbroker on a free loopback port, its clients' files in the folder data, and
-    returns (process, host, port)."""
+def start_broker(processes, name, prefs, bindir, data, pages=False):
+    """Starts oxbroker on a free loopback port, its clients' files in the folder data, with its
+    pages on another free port if pages, and returns (process, host, port, pages URL or None)."""
     process = processes.start(name, [os.path.join(bindir, "oxbroker"), "--port", "0",
-                                     "--prefs", prefs, "--data-dir", data, "--log-level", "3"],
+                                     "--prefs", prefs, "--data-dir", data, "--log-level", "3",
+                                     "--http", "127.0.0.1:0" if pages else "off"],
                               stdout=subprocess.PIPE, text=True)
     line = process.stdout.readline()
     match = re.search(r"listening on tcp://([\d.]+):(\d+)", line)
     if not match:
         raise RuntimeError("%s did not start (see out/logs/%s.log)" % (name, name))
-    return process, match.group(1), int(match.group(2))
+    url = process.stdout.readline().strip().replace("oxbroker: pages on ", "") if pages else None
+    return process, match.group(1), int(match.group(2)), url
 
 
 def count_pngs(folder):
@@ -145,10 +147,12 @@ def main():
     started = time.monotonic()
     try:
         print("mainjob: starting the broker host (SimulatorCam)")
-        broker, host, port = start_broker(processes, "broker-simulator",
-                                          os.path.join(ROOT, "share", "preferences"), bindir, out)
+        broker, host, port, pages = start_broker(processes, "broker-simulator",
+                                                 os.path.join(ROOT, "share", "preferences"),
+                                                 bindir, out, pages=True)
         url = "tcp://%s:%d" % (host, port)
-        print("mainjob: broker listening on %s; starting oxsim (640x480 at 30 fps)" % url)
+        print("mainjob: broker listening on %s, its pages on %s; starting oxsim (640x480 at 30 fps)"
+              % (url, pages))
         processes.start("oxsim", [os.path.join(bindir, "oxsim"), "--url", url, "--size",
                                   "640x480", "--fps", "30", "--quiet"])
         time.sleep(0.3)
@@ -196,9 +200,9 @@ def main():
                 processes.stop(process)
 
         print("mainjob: replaying the recording in a second broker (FileCam)")
-        _, host, port = start_broker(processes, "broker-filecam",
-                                     os.path.join(ROOT, "share", "preferences", "filecam"),
-                                     bindir, out)
+        _, host, port, _ = start_broker(processes, "broker-filecam",
+                                        os.path.join(ROOT, "share", "preferences", "filecam"),
+                                        bindir, out)
         with OXProxy("OXVideoDevice", host, port, name="mainjob") as proxy:
             proxy.setVideo(os.path.basename(recording), None, True, 0, 0)
         folder = os.path.join(out, "replay-rgb")

@@ -1,12 +1,16 @@
 // The broker host in its own process, driven through the remote OXProxy and through raw
-// ZeroMQ messages: results, errors and introspection arrive as they would in-process, every
-// refusal is answered under the request's id, and a client carries on across a reconnection.
+// ZeroMQ messages: results, errors and introspection arrive as they would in-process, over the
+// socket and over a shared-memory area alike, every refusal is answered under the request's id,
+// and a client carries on across a reconnection. The areas themselves are bounded, single-use and
+// only for this machine.
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "brokerprocess.h"
 #include "oxbroker.h"
+#include "oxremote.h"
+#include "oxsharedmemory.h"
 #include "oxwire.h"
 #include "simulatorsupport.h"
 #include "testsupport.h"
@@ -17,6 +21,38 @@ using OX::OXProxy;
 using OX::OXValue;
 using vitest::BrokerProcess;
 using vitest::RawClient;
+using SharedMemory = OX::ConnectOptions::SharedMemory;
+namespace net = OX::net;
+
+// Every remote test that carries results runs over both channels.
+class Channel : public ::testing::TestWithParam<SharedMemory> {
+ protected:
+  boost::shared_ptr<OXProxy> connect(const std::string& pUrl, const std::string& pModule) {
+    OX::ConnectOptions options;
+    options.fSharedMemory = GetParam();
+    boost::shared_ptr<OXProxy> proxy = OXProxy::connect(pUrl, pModule, options);
+    const auto* connection = dynamic_cast<OX::OXRemoteConnection*>(proxy->getRemoteChannel());
+    EXPECT_EQ(connection->usesSharedMemory(), GetParam() == SharedMemory::kRequire);
+    return proxy;
+  }
+};
+INSTANTIATE_TEST_SUITE_P(Remote, Channel,
+                         ::testing::Values(SharedMemory::kNever, SharedMemory::kRequire),
+                         [](const auto& pInfo) {
+                           return pInfo.param == SharedMemory::kNever ? "Socket" : "SharedMemory";
+                         });
+
+// Puts the bytes of pViews back into the binaries of pValue, depth first, as callWithViews left
+// them.
+void fillViews(OXValue& pValue, const std::vector<OX::BinaryView>& pViews, std::size_t& pNext) {
+  if (pValue.isBinary()) {
+    ASSERT_LT(pNext, pViews.size());
+    pValue = OXValue::binary(pViews[pNext].fData, static_cast<int>(pViews[pNext].fSize));
+    ++pNext;
+  } else if (pValue.isArray()) {
+    for (int i = 0; i < pValue.getSize(); ++i) fillViews(pValue[i], pViews, pNext);
+  }
+}
 
 OXValue uniformFrame(int pWidth, int pHeight) {
   std::vector<unsigned char> rgb(static_cast<size_t>(pWidth) * pHeight * 3);
@@ -28,9 +64,10 @@ OXValue uniformFrame(int pWidth, int pHeight) {
   return OXValue::binary(rgb.data(), static_cast<int>(rgb.size()));
 }
 
-TEST(Remote, CallsErrorsAndIntrospectionMatchInProcess) {
+TEST_P(Channel, CallsErrorsAndIntrospectionMatchInProcess) {
   BrokerProcess broker;
-  OXProxy proxy("OXVideoDevice", "127.0.0.1", broker.port());
+  const boost::shared_ptr<OXProxy> remote = connect(broker.url(), "OXVideoDevice");
+  OXProxy& proxy = *remote;
   EXPECT_TRUE(proxy.isRemote());
 
   // The same device in this process, for comparison.
@@ -147,16 +184,133 @@ TEST(Remote, EveryRefusalIsAnsweredUnderItsRequestsId) {
 
 // A client whose connection was made again (here: the broker restarted on its port) has a new
 // routing identity; without a new hello its calls would all fail, or run without a session.
-TEST(Remote, ClientIntroducesItselfAgainAfterItsConnectionIsMadeAgain) {
+TEST_P(Channel, ClientIntroducesItselfAgainAfterItsConnectionIsMadeAgain) {
   auto broker = std::make_unique<BrokerProcess>();
   const std::string port = std::to_string(broker->port());
-  OXProxy proxy("OXMemory", "127.0.0.1", broker->port());
+  const boost::shared_ptr<OXProxy> remote = connect(broker->url(), "OXMemory");
+  OXProxy& proxy = *remote;
+  std::vector<unsigned char> large(300000, 9);
+  const OXValue image = OXValue::binary(large.data(), static_cast<int>(large.size()));
   proxy.genericCall("insertData", OXValue::array({"key", 1}));
   broker.reset();
   broker = std::make_unique<BrokerProcess>(std::vector<std::string>{"--port", port});
   EXPECT_EQ(proxy.genericCall("getData", OXValue::array({"key"})), OXValue());  // a new memory
-  proxy.genericCall("insertData", OXValue::array({"key", 2}));
-  EXPECT_EQ(proxy.genericCall("getData", OXValue::array({"key"})), OXValue(2));
+  proxy.genericCall("insertData", OXValue::array({"key", image}));
+  // The new session has an area of its own, or none, as the first one had.
+  EXPECT_EQ(proxy.genericCall("getData", OXValue::array({"key"})), image);
+  const auto* connection = dynamic_cast<OX::OXRemoteConnection*>(proxy.getRemoteChannel());
+  EXPECT_EQ(connection->usesSharedMemory(), GetParam() == SharedMemory::kRequire);
+}
+
+// A binary placed in the area but read back wrong (a stale position, a view of the wrong bytes,
+// an order mixed up between several binaries) would pass a test of images of one colour: every
+// kind of value, binaries of every size among them, must come back byte for byte, copied and read
+// in place.
+TEST_P(Channel, EveryKindOfValueComesBackByteIdentical) {
+  BrokerProcess broker;
+  const boost::shared_ptr<OXProxy> proxy = connect(broker.url(), "OXMemory");
+  std::vector<unsigned char> bytes(3 * net::kDefaultPlaceThreshold);
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i * 7 + 3);
+  const auto binary = [&](std::size_t pOffset, std::size_t pSize) {
+    return OXValue::binary(bytes.data() + pOffset, static_cast<int>(pSize));
+  };
+  const OXValue value = OXValue::array(
+      {OXValue(), true, -7, 2.5f, "text", OXValue::binary(nullptr, 0), binary(1, 100),
+       binary(2, net::kDefaultPlaceThreshold - 1), binary(3, net::kDefaultPlaceThreshold),
+       OXValue::array({binary(5, 2 * net::kDefaultPlaceThreshold), OXValue::array({}), "x",
+                       binary(0, bytes.size())})});
+  proxy->genericCall("insertData", OXValue::array({"all", value}));
+  for (int round = 0; round < 3; ++round) {  // the ring is used again, and wraps
+    EXPECT_EQ(proxy->genericCall("getData", OXValue::array({"all"})), value);
+    OX::ViewedResult viewed = OX::callWithViews(*proxy, "getData", OXValue::array({"all"}));
+    std::size_t next = 0;
+    fillViews(viewed.fValue, viewed.fBinaries, next);
+    EXPECT_EQ(next, viewed.fBinaries.size());
+    EXPECT_EQ(viewed.fValue, value);
+  }
+  OXProxy local(boost::shared_ptr<OX::OXBroker>(), "OXMemory");
+  EXPECT_NE(vitest::raised([&] { OX::callWithViews(local, "getData", OXValue()); })
+                .getDescription()
+                .find("is an in-process proxy"),
+            std::string::npos);
+}
+
+// An area that grew without bound, or one that a second visitor could fetch with a seen token,
+// would let one client exhaust the host or read another's images; an address that is not this
+// machine's must get no area, whatever the client asks.
+TEST(SharedArea, IsBoundedSingleUseAndOnlyForThisMachine) {
+  constexpr std::size_t kPiece = net::kDefaultPlaceThreshold;
+  net::SharedAreas areas(net::kAreaHeaderBytes + 3 * kPiece, net::kAreaHeaderBytes + 3 * kPiece);
+  areas.start();
+  std::shared_ptr<net::SharedArea> area;
+  for (const char* peer : {"192.0.2.7", "10.1.2.3", "::ffff:192.0.2.7", "2001:db8::1", "",
+                           "::", "localhost", "127.0.0.1.example"}) {
+    EXPECT_EQ(areas.offer(peer, area),
+              OXValue("shared memory refused: the client is not on this machine"))
+        << peer;
+    EXPECT_FALSE(area);
+  }
+  OXValue offer;
+  for (const char* peer :
+       {"127.0.0.1", "127.9.8.7", "::1", "::ffff:127.0.0.1", "host:1000:1000:42"}) {
+    area.reset();  // one area at a time fits the bound
+    offer = areas.offer(peer, area);
+    EXPECT_TRUE(offer.isArray()) << peer;
+  }
+  ASSERT_TRUE(area);
+  EXPECT_EQ(areas.offer("127.0.0.1", area),
+            OXValue("shared memory refused: at most " + std::to_string(areas.heldBytes()) +
+                    " bytes of areas for all clients"));
+  ASSERT_TRUE(area);
+  net::AreaClient client(offer);
+  EXPECT_NE(vitest::raised([&] { net::AreaClient again(offer); })
+                .getDescription()
+                .find("the shared-memory door refused"),
+            std::string::npos);
+
+  // Three binaries fill the ring: the fourth travels as a frame, and until the client gives the
+  // ring back, everything does.
+  std::vector<unsigned char> bytes(kPiece);
+  OXValue value = OXValue::array({});
+  for (int i = 0; i < 4; ++i) {
+    for (std::size_t b = 0; b < bytes.size(); ++b) bytes[b] = static_cast<unsigned char>(b + i);
+    value.arrayPush(OXValue::binary(bytes.data(), static_cast<int>(bytes.size())));
+  }
+  const auto frames = [&] {
+    OX::wire::Encoded encoded;
+    OX::wire::encode(value, encoded, area.get());
+    std::vector<OX::wire::FrameView> views = {{encoded.fHeader.data(), encoded.fHeader.size()}};
+    for (const OXValue::Binary* frame : encoded.fFrames)
+      views.push_back({frame->data(), frame->size()});
+    EXPECT_EQ(
+        OX::wire::decode(views, SIZE_MAX, OX::wire::DecodeBudget::unlimited(), &client, nullptr),
+        value);
+    return encoded.fFrames.size();
+  };
+  EXPECT_EQ(frames(), 1u);
+  EXPECT_EQ(frames(), 4u);
+  client.releaseAll();
+  EXPECT_EQ(frames(), 1u);
+  // Once everything is given back, the whole ring is free again, for a larger binary too.
+  for (std::size_t size : {kPiece, 2 * kPiece + 100}) {
+    client.releaseAll();
+    bytes.assign(size, static_cast<unsigned char>(size));
+    value = OXValue::array({OXValue::binary(bytes.data(), static_cast<int>(bytes.size()))});
+    EXPECT_EQ(frames(), 0u) << size;
+  }
+  area.reset();
+  EXPECT_EQ(areas.heldBytes(), 0u);
+}
+
+// A client that must have an area would otherwise send its hello to a host on another machine
+// and learn only there that it gets none.
+TEST(SharedArea, RequiringItOfAnotherMachineFailsBeforeConnecting) {
+  OX::ConnectOptions options;
+  options.fSharedMemory = SharedMemory::kRequire;
+  EXPECT_EQ(vitest::raised([&] {
+              OXProxy::connect("tcp://192.0.2.1:7761", "OXMemory", options);
+            }).getDescription(),
+            "shared memory needs a broker host on this machine, not tcp://192.0.2.1:7761");
 }
 
 }  // namespace

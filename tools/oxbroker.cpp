@@ -5,12 +5,11 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <arpa/inet.h>
-
 #include <boost/filesystem.hpp>
 #include <boost/make_shared.hpp>
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,8 +18,10 @@
 #include "oxbroker.h"
 #include "oxbrokerhost.h"
 #include "oxfilepolicy.h"
+#include "oxhttpserver.h"
 #include "oxkeys.h"
 #include "toolcommandline.h"
+#include "toolsupport.h"
 
 namespace {
 
@@ -36,7 +37,11 @@ constexpr int kExitNotServing = 1;
 const char* const kAbout =
     "Loads module libraries into a broker and serves their published methods to other\n"
     "processes (ZeroMQ, see docs/protocol.md) until SIGINT or SIGTERM.\n"
-    "Once it listens, it prints one line on stdout: \"oxbroker: listening on URL\".\n"
+    "It also serves pages, a JSON API and metrics over HTTP (--http, docs/http.md).\n"
+    "Once it listens, it prints \"oxbroker: listening on URL\" on stdout (and a second line\n"
+    "with the ipc:// address, with --ipc), then \"oxbroker: pages on URL\" when it serves pages.\n"
+    "Clients on this machine (loopback or ipc) may ask for a shared-memory area, through which\n"
+    "large binaries of replies come without the socket (--shared-memory-bytes, 0: none).\n"
     "The first SIGINT or SIGTERM stops it within two seconds (queued requests are answered\n"
     "with an error, running calls finish); a second one ends it at once.\n"
     "It listens on loopback only unless given keys (--curve-secret, --allow-keys) or --insecure,\n"
@@ -51,6 +56,9 @@ struct Options {
   std::string curveSecret;  // files; their keys go into host
   std::string allowKeys;
   bool insecure = false;
+  std::string http = oxhttp::kDefaultListen;
+  bool httpGiven = false;  // --http on the command line: a port it cannot have is an error
+  oxhttp::Options pages;
 };
 
 fs::path programDirectory() {
@@ -67,6 +75,13 @@ std::string defaultPreferences(const fs::path& pHere) {
   const fs::path installed = pHere / VI_PREFERENCES_FROM_BIN;
   if (fs::is_directory(installed)) return fs::canonical(installed).string();
   return std::string(VI_SOURCE_DIR) + "/share/preferences";
+}
+
+// The pages installed beside the program, else the source tree's.
+std::string defaultPages(const fs::path& pHere) {
+  const fs::path installed = pHere / VI_HTTP_FROM_BIN;
+  if (fs::is_directory(installed)) return fs::canonical(installed).string();
+  return std::string(VI_SOURCE_DIR) + "/share/http";
 }
 
 // libvideoinput.so where it is installed, else in the build tree's lib/ beside bin/.
@@ -125,6 +140,10 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
                   "address to listen on: loopback only by default, 0.0.0.0 for every interface")
       ->type_name("ADDRESS")
       ->capture_default_str();
+  pLine
+      .add_option("--ipc", host.fIpcPath,
+                  "also listen on ipc://PATH, a Unix socket file, for clients on this machine")
+      ->type_name("PATH");
   pLine.addNumber("--threads", host.fThreads, "N", "worker threads serving calls", 1, 1024);
   pLine.addNumber("--heartbeat-timeout", host.fHeartbeatTimeoutMs, "MS",
                   "a client that answers no heartbeat for this long is disconnected", 50, 3600000);
@@ -139,29 +158,63 @@ void declare(oxtools::CommandLine& pLine, Options& pOptions, const fs::path& pHe
                   std::size_t{1} << 20, std::size_t{1} << 40);
   pLine.addNumber("--max-queued-bytes", host.fMaxQueuedBytes, "BYTES",
                   "the same for all clients together", std::size_t{1} << 20, std::size_t{1} << 40);
+  pLine.addNumber("--shared-memory-bytes", host.fSharedAreaBytes, "BYTES",
+                  "shared-memory area of each client on this machine that asks; 0 offers none",
+                  std::size_t{0}, std::size_t{1} << 30);
+  pLine.addNumber("--max-shared-memory-bytes", host.fMaxSharedAreaBytes, "BYTES",
+                  "the same for all clients together", std::size_t{0}, std::size_t{1} << 40);
   pLine.add_flag("--keep-subscribers", host.fKeepSubscribers,
                  "leave the subscribers of a client that went away registered (default: "
                  "unsubscribe them)");
   declareSecurity(pLine, pOptions);
+  pOptions.pages.fPages = defaultPages(pHere);
+  pLine
+      .add_option("--http", pOptions.http,
+                  "ADDRESS:PORT of the pages, API and metrics (port 0 picks a free one), or off; "
+                  "loopback only unless the host has keys or --insecure")
+      ->type_name("ADDRESS:PORT")
+      ->capture_default_str()
+      ->each([&pOptions](const std::string&) { pOptions.httpGiven = true; });
+  pLine.add_option("--http-pages", pOptions.pages.fPages, "directory of the pages")
+      ->type_name("DIR")
+      ->capture_default_str();
+  pLine.addNumber("--max-live-views", pOptions.pages.fMaxLiveViews, "N",
+                  "live views streamed at once; more are refused", 0, 64);
   pLine.addClientName(pOptions.name, "the broker's name");
   pLine.addLogOptions();
 }
 
-// Whether clients can only come from this machine.
-bool isLoopback(std::string pAddress) {
-  if (pAddress == "localhost" || pAddress == "lo") return true;
-  if (pAddress.size() > 2 && pAddress.front() == '[' && pAddress.back() == ']') {
-    pAddress = pAddress.substr(1, pAddress.size() - 2);
+// Refuses pAddress beyond loopback without keys unless --insecure accepts the risk, and warns
+// when it does. pWhat says what would be done there ("listen"), pDoing the same as it goes on
+// ("listening").
+void checkAddress(const Options& pOptions, const std::string& pAddress, const std::string& pWhat,
+                  const std::string& pDoing) {
+  if (oxtools::isLoopback(pAddress)) return;
+  if (!pOptions.insecure) {
+    throw UsageError(
+        "refusing to " + pWhat + " on " + pAddress +
+        " without keys: every machine that reaches the port could use the camera, push "
+        "frames and write into the data directory.\n"
+        "Make keys (docs/security.md): 'oxkeygen keys --name broker' here, 'oxkeygen keys "
+        "--name NAME' on each client; copy each client's NAME.pub into a directory DIR and "
+        "start with --curve-secret keys/broker.key --allow-keys DIR. Or accept the risk with "
+        "--insecure.");
   }
-  unsigned char bytes[16];
-  if (inet_pton(AF_INET, pAddress.c_str(), bytes) == 1) return bytes[0] == 127;
-  in6_addr address;
-  return inet_pton(AF_INET6, pAddress.c_str(), &address) == 1 && IN6_IS_ADDR_LOOPBACK(&address);
+  std::cerr << kProgram << ": warning: " << pDoing << " on " << pAddress
+            << " without encryption or authentication (--insecure): anyone who reaches the "
+               "port can use the camera and the files of the data directory\n";
 }
 
-// Without keys a broker listens on loopback only, unless told that the risk is accepted.
+// Without keys a broker listens on loopback only, unless told that the risk is accepted. Its
+// pages follow the same rule with the same check.
 void checkExposure(Options& pOptions) {
-  const std::string& address = pOptions.host.fBindAddress;
+  const bool pages = pOptions.http != "off";
+  if (pages) {
+    std::string error;
+    if (!oxhttp::parseListen(pOptions.http, pOptions.pages.fAddress, pOptions.pages.fPort, error)) {
+      throw UsageError("--http " + error);
+    }
+  }
   if (!pOptions.curveSecret.empty()) {
     pOptions.host.fCurveSecretKey = OX::readCurveKey(pOptions.curveSecret);
     pOptions.host.fAllowedClientKeys = OX::readAllowedKeys(pOptions.allowKeys);
@@ -169,21 +222,16 @@ void checkExposure(Options& pOptions) {
       throw UsageError("no client key (*.pub) in " + pOptions.allowKeys +
                        ": put there the NAME.pub of each client that oxkeygen made");
     }
-  } else if (!isLoopback(address)) {
-    if (!pOptions.insecure) {
-      throw UsageError(
-          "refusing to listen on " + address +
-          " without keys: every machine that reaches the port could use the camera, push "
-          "frames and write into the data directory.\n"
-          "Make keys (docs/security.md): 'oxkeygen keys --name broker' here, 'oxkeygen keys "
-          "--name NAME' on each client; copy each client's NAME.pub into a directory DIR and "
-          "start with --curve-secret keys/broker.key --allow-keys DIR. Or accept the risk with "
-          "--insecure.");
+    if (pages && !oxtools::isLoopback(pOptions.pages.fAddress)) {
+      std::cerr << kProgram << ": warning: the pages on " << pOptions.pages.fAddress
+                << " are plain HTTP: the keys guard the message port only, and anyone who "
+                   "reaches the pages sees the host and its cameras\n";
     }
-    std::cerr << kProgram << ": warning: listening on " << address
-              << " without encryption or authentication (--insecure): anyone who reaches the "
-                 "port can use the camera and the files of the data directory\n";
+  } else {
+    checkAddress(pOptions, pOptions.host.fBindAddress, "listen", "listening");
+    if (pages) checkAddress(pOptions, pOptions.pages.fAddress, "serve pages", "serving pages");
   }
+  pOptions.pages.fBeyondLoopback = true;  // checked here
 }
 
 // Loads one module library and lets it create its modules in the broker.
@@ -220,6 +268,25 @@ sigset_t blockStopSignals() {
   return stopSignals;
 }
 
+// Starts the pages, unless they are off. A port that was asked for and cannot be had stops the
+// host; the default one, taken by another host, only costs this one its pages.
+bool startPages(std::unique_ptr<oxhttp::HttpServer>& pServer,
+                const boost::shared_ptr<OX::OXBroker>& pBroker, const OX::OXBrokerHost& pHost,
+                const Options& pOptions) {
+  if (pOptions.http == "off") return true;
+  pServer.reset(new oxhttp::HttpServer(pBroker, pHost, pOptions.pages));
+  try {
+    pServer->start();
+  } catch (const std::exception& failure) {
+    pServer.reset();
+    std::cerr << kProgram << ": pages: " << failure.what() << "\n";
+    if (pOptions.httpGiven) return false;
+    std::cerr << kProgram << ": serving without pages (choose a port with --http ADDRESS:PORT)\n";
+    return true;
+  }
+  return true;
+}
+
 // Serves the broker's modules until the first stop signal.
 int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOptions,
           const sigset_t& pStopSignals) {
@@ -230,7 +297,14 @@ int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOption
     std::cerr << kProgram << ": " << error.getDescription() << "\n";
     return kExitNotServing;
   }
+  std::unique_ptr<oxhttp::HttpServer> pages;
+  if (!startPages(pages, pBroker, host, pOptions)) return kExitNotServing;
+  // The first line is the message port, as readers of the first line expect.
   std::cout << kProgram << ": listening on " << host.getUrl() << std::endl;
+  if (!host.getIpcUrl().empty()) {
+    std::cout << kProgram << ": listening on " << host.getIpcUrl() << std::endl;
+  }
+  if (pages) std::cout << kProgram << ": pages on " << pages->getUrl() << std::endl;
   ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
       << "serving " << pBroker->getModuleNames().size() << " modules on " << host.getUrl()
       << (pOptions.host.fCurveSecretKey.empty()
@@ -250,6 +324,8 @@ int serve(const boost::shared_ptr<OX::OXBroker>& pBroker, const Options& pOption
   }).detach();
   ki::log::LogStream(ki::log::kLogInfo, kCategory, "", "serve", 0)
       << "stopping on signal " << received;
+  // The live views unsubscribe while the host still runs.
+  if (pages) pages->stop();
   host.stop();
   return oxtools::kExitOk;
 }

@@ -192,7 +192,7 @@ json methodsJson(const OXValue& pRecords) {
 
 struct Options {
   std::string url = oxtools::kDefaultUrl;
-  OX::ConnectOptions keys;  // --server-key, --client-key
+  OX::ConnectOptions keys;  // --server-key, --client-key, --shared-memory
   std::string name = kProgram;
   int timeoutMs = OX::OXProxy::getRemoteTimeout();
   bool list = false;
@@ -203,7 +203,7 @@ struct Options {
 
 void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   pLine.addUrl(pOptions.url);
-  pLine.addKeyOptions(pOptions.keys);
+  pLine.addConnectOptions(pOptions.keys);
   pLine.addClientName(pOptions.name, "client name given to the broker");
   pLine.addNumber("--timeout", pOptions.timeoutMs, "MS", "reply timeout in milliseconds", 1,
                   std::numeric_limits<int>::max());

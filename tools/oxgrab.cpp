@@ -75,7 +75,7 @@ class Subscription {
 
 struct Options {
   std::string url = oxtools::kDefaultUrl;
-  OX::ConnectOptions keys;  // --server-key, --client-key
+  OX::ConnectOptions keys;  // --server-key, --client-key, --shared-memory
   std::string name = kProgram;
   int camera = 0;
   int resolution = OX::kQVGA;
@@ -103,7 +103,7 @@ CLI::Validator byName(int (*pParse)(const std::string&), const std::string& pKno
 void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   constexpr int kMax = std::numeric_limits<int>::max();
   pLine.addUrl(pOptions.url);
-  pLine.addKeyOptions(pOptions.keys);
+  pLine.addConnectOptions(pOptions.keys);
   pLine.addClientName(pOptions.name, "subscriber name");
   pLine.addNumber("--camera", pOptions.camera, "N", "camera index", 0, 127);
   pLine.add_option("--resolution", pOptions.resolution, "qqvga, qvga, vga, 4vga or 0..3")

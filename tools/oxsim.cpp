@@ -177,7 +177,7 @@ std::vector<std::string> pngFiles(const std::string& pFolder, int& pWidth, int& 
 
 struct Options {
   std::string url = oxtools::kDefaultUrl;
-  OX::ConnectOptions keys;  // --server-key, --client-key
+  OX::ConnectOptions keys;  // --server-key, --client-key, --shared-memory
   int camera = 0;
   std::string size = "640x480";
   double fps = 30;
@@ -192,7 +192,7 @@ struct Options {
 
 void declare(oxtools::CommandLine& pLine, Options& pOptions) {
   pLine.addUrl(pOptions.url);
-  pLine.addKeyOptions(pOptions.keys);
+  pLine.addConnectOptions(pOptions.keys);
   pLine.addNumber("--camera", pOptions.camera, "N", "camera index", 0, 127);
   pLine.add_option("--size", pOptions.size, "frame size of the drawn scene")
       ->type_name("WxH")

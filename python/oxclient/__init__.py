@@ -16,8 +16,12 @@ Usage::
 
 Published methods are called as attributes of the proxy, with positional arguments; values map
 as None <-> invalid, bool, int (signed 32-bit), float (sent as float 32), str, list/tuple ->
-array, bytes/bytearray/memoryview -> binary (received as bytes). The wire format is described in
-docs/protocol.md.
+array, bytes/bytearray/memoryview -> binary (received as a read-only memoryview, which shares the
+received bytes: ``bytes(value)`` makes a copy). The wire format is described in docs/protocol.md.
+
+A broker host on this machine (a loopback or ``ipc://`` address) may send the large binaries of
+its replies through a shared-memory area instead of the socket: see ``OXProxy``'s
+``shared_memory`` and ``views``.
 """
 
 import itertools
@@ -27,7 +31,7 @@ import time
 
 import zmq
 
-from . import _keys, _wire
+from . import _keys, _shm, _wire
 from ._error import OXError
 
 __all__ = ["OXProxy", "OXError", "describe", "describe_from_value", "image_to_numpy"]
@@ -62,16 +66,34 @@ class OXProxy:
     With ``server_key`` (the broker's NAME.pub) and ``client_key`` (this client's NAME.key, both
     made by oxkeygen) the connection is encrypted with CURVE; a broker that does not admit the
     key never answers (see docs/security.md).
+
+    ``host`` may also be a whole address (``"ipc:///run/oxbroker.sock"``), ``port`` is then not
+    used. ``shared_memory``: None uses a shared-memory area when the host is on this machine and
+    offers one, False never asks, True fails (OXError) without one (docs/shared-memory.md).
+    Binaries come back the same either way, as read-only memoryviews of bytes of their own; with
+    ``views=True``, those that came through the area are views of it instead, valid only until
+    the proxy's next call.
     """
 
     def __init__(self, module, host="127.0.0.1", port=DEFAULT_PORT, name=None,
-                 timeout_ms=30000, server_key=None, client_key=None):
+                 timeout_ms=30000, server_key=None, client_key=None, shared_memory=None,
+                 views=False):
         self._socket = None
+        self._area = None
         self.module = module
-        self.url = "tcp://%s:%d" % (host, port)
+        if "://" in host:
+            self.url = host
+        else:
+            self.url = ("tcp://[%s]:%d" if ":" in host else "tcp://%s:%d") % (host, port)
         self.name = _default_client_name() if name is None else name
         self.timeout_ms = timeout_ms
+        self.views = views
+        if shared_memory and not _shm.on_this_machine(self.url):
+            raise OXError("OXProxy", "connect", "shared memory needs a broker host on this "
+                          "machine, not %s" % self.url)
+        self._shared_memory = shared_memory if _shm.on_this_machine(self.url) else False
         self._ids = itertools.count(1)  # id 0 is the broker's own
+        self._timeout_set = None
         socket = zmq.Context.instance().socket(zmq.DEALER)
         socket.setsockopt(zmq.LINGER, 0)
         self._socket = socket
@@ -82,10 +104,15 @@ class OXProxy:
             raise
         socket.connect(self.url)
         try:
-            self.broker_name, self.modules_at_hello = self._request("hello", self.name, module)
+            self._hello()
         except BaseException:
             self._close_socket()
             raise
+
+    @property
+    def shared_memory(self):
+        """Whether replies come through a shared-memory area."""
+        return self._area is not None
 
     # -- published methods
 
@@ -168,12 +195,44 @@ class OXProxy:
         socket, self._socket = getattr(self, "_socket", None), None
         if socket is not None:
             socket.close(linger=0)
+        self._drop_area()
+
+    def _drop_area(self):
+        area, self._area = getattr(self, "_area", None), None
+        if area is not None:
+            area.close()
+
+    def _hello(self):
+        """Says hello, asking for a shared-memory area unless shared_memory is False. Without
+        one, a proxy that may do without carries on through the socket, and tells the host so
+        with a hello that does not ask."""
+        self._drop_area()
+        ask = self._shared_memory is not False
+        reply = self._request("hello", self.name, self.module, *([True] if ask else []))
+        self.broker_name, self.modules_at_hello = reply[0], reply[1]
+        if not ask:
+            return
+        offer = reply[2] if len(reply) > 2 else "shared memory is not offered by this host"
+        if isinstance(offer, str):
+            refusal = offer
+        else:
+            try:
+                self._area = _shm.Area(offer)
+                return
+            except OXError as error:
+                refusal = error.description
+        if self._shared_memory:
+            raise OXError("OXProxy", "connect", refusal)
+        if not isinstance(offer, str):
+            self._request("hello", self.name, self.module)
 
     # -- the request/reply exchange
 
     def _request(self, op, *operands, what=None, timeout_ms=None):
         if self._socket is None:
             raise OXError("OXProxy", what or op, "the proxy on %s is closed" % self.module)
+        if self._area is not None:
+            self._area.release()  # the views of the last call end here
         request_id = next(self._ids)
         # Encoding first: a value the broker would refuse never leaves this process.
         frames = _wire.encode([_wire.PROTOCOL_VERSION, request_id, op] + list(operands))
@@ -185,19 +244,33 @@ class OXProxy:
                 raise
         # The broker ended the session of the dropped connection; the request was not run, so it
         # is sent once more after a new hello.
-        self._request("hello", self.name, self.module)
+        self._hello()
         return self._exchange(op, request_id, frames, what, timeout_ms)
 
     def _exchange(self, op, request_id, frames, what, timeout_ms):
         self._socket.send_multipart(frames, copy=False)
         timeout_ms = self.timeout_ms if timeout_ms is None else timeout_ms
         deadline = time.monotonic() + timeout_ms / 1000.0
+        wait_ms = timeout_ms
         while True:
-            remaining = deadline - time.monotonic()
-            if remaining <= 0 or not self._socket.poll(max(1, int(remaining * 1000)), zmq.POLLIN):
+            # A receive timeout costs less than a poll on every call; it is set again only when
+            # it changes.
+            if wait_ms != self._timeout_set and wait_ms > 0:
+                self._socket.setsockopt(zmq.RCVTIMEO, wait_ms)
+                self._timeout_set = wait_ms
+            try:
+                received = self._socket.recv_multipart(copy=False) if wait_ms > 0 else None
+            except zmq.Again:
+                received = None
+            if received is None:
                 raise OXError("OXProxy", what or op, "no reply from %s: no answer to \"%s\" "
                               "within %d ms" % (self.url, op, timeout_ms))
-            reply = _wire.decode(self._socket.recv_multipart())
+            # What is left for another message, should this one be for an earlier request.
+            wait_ms = max(0, int((deadline - time.monotonic()) * 1000))
+            area = self._area
+            reply = _wire.decode(received, area, self.views)
+            if area is not None and not self.views:
+                area.release()  # copied out: the host may use the area again at once
             if not isinstance(reply, list) or len(reply) != 4:
                 raise OXError("OXProxy", "decode", "malformed message: a reply that is not an "
                               "array of four elements")

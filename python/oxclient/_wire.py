@@ -16,6 +16,9 @@ PROTOCOL_VERSION = 1
 # never copied into the header.
 OUT_OF_LINE_BINARY = 4096
 FRAME_EXT_TYPE = 1
+# A binary placed in the session's shared-memory area (_shm.py): its position and size.
+AREA_EXT_TYPE = 2
+_AREA_PLACE = struct.Struct(">QI")
 INT_MIN = -(2 ** 31)
 INT_MAX = 2 ** 31 - 1
 # Far deeper than any value the device returns; it keeps a hostile reply from exhausting Python's
@@ -74,23 +77,28 @@ def encode(value):
     return [packed] + frames
 
 
-def _bytes_of(frame):
+def _buffer_of(frame):
+    """A read-only view of a frame's bytes, without a copy: a zmq.Frame received with copy=False,
+    or bytes."""
     if isinstance(frame, bytes):
-        return frame
-    if hasattr(frame, "bytes"):  # a zmq.Frame received with copy=False
-        return frame.bytes
-    return bytes(frame)
+        return memoryview(frame)
+    buffer = getattr(frame, "buffer", None)  # a zmq.Frame
+    return (buffer if buffer is not None else memoryview(frame)).toreadonly()
 
 
 class _Decoder:
-    def __init__(self, frames):
+    def __init__(self, frames, area, views):
         self.frames = frames
         self.used = [False] * len(frames)
+        self.area = area
+        self.views = views
 
     def value(self, obj, depth=0):
         if depth > MAX_DEPTH:
             raise _malformed("nested deeper than %d" % MAX_DEPTH)
-        if obj is None or isinstance(obj, (bool, float, str, bytes)):
+        if isinstance(obj, bytes):
+            return memoryview(obj)
+        if obj is None or isinstance(obj, (bool, float, str)):
             return obj
         if isinstance(obj, int):
             if not INT_MIN <= obj <= INT_MAX:
@@ -105,6 +113,9 @@ class _Decoder:
         raise _malformed("an unknown MessagePack type (%s)" % type(obj).__name__)
 
     def frame(self, ext):
+        if ext.code == AREA_EXT_TYPE and self.area is not None and len(ext.data) == 12:
+            position, size = _AREA_PLACE.unpack(ext.data)
+            return self.area.resolve(position, size, self.views)
         if ext.code != FRAME_EXT_TYPE:
             raise _malformed("unknown extension type %d" % ext.code)
         if len(ext.data) != 4:
@@ -115,18 +126,20 @@ class _Decoder:
         if self.used[index - 1]:
             raise _malformed("frame %d referenced twice" % index)
         self.used[index - 1] = True
-        return _bytes_of(self.frames[index - 1])
+        return _buffer_of(self.frames[index - 1])
 
 
 def _keep_ext(code, data):
     return msgpack.ExtType(code, data)
 
 
-def decode(frames):
-    """Decodes a whole message (a list of frames, header first) into Python values."""
+def decode(frames, area=None, views=False):
+    """Decodes a whole message (a list of frames, header first) into Python values. Binaries come
+    as read-only memoryviews of the frames, not copied; those placed in the shared-memory area
+    are read through area: copied, or with views, left in place."""
     if not frames:
         raise _malformed("no frames")
-    header = _bytes_of(frames[0])
+    header = _buffer_of(frames[0])
     if not header:
         raise _malformed("empty header")
     try:
@@ -138,7 +151,7 @@ def decode(frames):
         raise _malformed("bytes after the header") from None
     except (ValueError, msgpack.UnpackException, TypeError) as error:
         raise _malformed("unreadable header (%s)" % (str(error) or type(error).__name__)) from None
-    decoder = _Decoder(list(frames[1:]))
+    decoder = _Decoder(list(frames[1:]), area, views)
     result = decoder.value(obj)
     for index, used in enumerate(decoder.used, start=1):
         if not used:

@@ -1,5 +1,6 @@
 """Fixtures: a broker host process per test, started on a free port and stopped with SIGTERM."""
 
+import json
 import os
 import selectors
 import signal
@@ -7,15 +8,17 @@ import subprocess
 import sys
 import threading
 import time
+import urllib.request
 from pathlib import Path
 
 import pytest
 
-from helpers import PYTHON_DIR, REPO
+from helpers import PYTHON_DIR, REPO, poll_until
 
 sys.path.insert(0, str(PYTHON_DIR))
 
 LISTEN_PREFIX = "oxbroker: listening on "
+PAGES_PREFIX = "oxbroker: pages on "
 START_DEADLINE_S = 10.0
 STOP_DEADLINE_S = 5.0
 
@@ -33,7 +36,8 @@ class Broker:
 
     def __init__(self, prefs, options, cwd=None, env=None):
         self.bindir = str(broker_binary().parent)
-        arguments = {"port": 0, "heartbeat-timeout": 400, "log-level": 4, "prefs": prefs}
+        arguments = {"port": 0, "heartbeat-timeout": 400, "log-level": 4, "prefs": prefs,
+                     "http": "127.0.0.1:0"}
         arguments.update({key.replace("_", "-"): value for key, value in options.items()})
         command = [str(broker_binary())]
         for key, value in arguments.items():
@@ -48,6 +52,14 @@ class Broker:
         self.url = self._wait_listening()
         self.host, port = self.url[len("tcp://"):].rsplit(":", 1)
         self.port = int(port)
+        # The pages' address follows, after the ipc address if any, unless they are off.
+        self.http_url = None
+        if "ipc" in arguments:
+            self.process.stdout.readline()
+        if arguments["http"] != "off":
+            line = self.process.stdout.readline().decode("utf-8", "replace").strip()
+            if line.startswith(PAGES_PREFIX):
+                self.http_url = line[len(PAGES_PREFIX):].rstrip("/")
 
     def _read_stderr(self):
         for line in iter(self.process.stderr.readline, b""):
@@ -143,3 +155,26 @@ def filecam_prefs(tmp_path):
     (tmp_path / "VideoInput.xml").write_text(text.replace('value="SimulatorCam"',
                                                           'value="FileCam"'))
     return tmp_path
+
+
+@pytest.fixture
+def scene(broker):
+    """A broker with its pages, fed by oxsim's moving scene (640x480 at 30 fps) until teardown."""
+    oxsim = os.path.join(broker.bindir, "oxsim")
+    if not os.path.isfile(oxsim):
+        pytest.skip("no oxsim beside %s" % broker.bindir)
+    assert broker.http_url, "the broker serves no pages:\n" + broker.log()
+    sim = subprocess.Popen([oxsim, "--url", broker.url, "--quiet"], stdin=subprocess.DEVNULL)
+
+    def pushing():
+        with urllib.request.urlopen(broker.http_url + "/api/host", timeout=5) as reply:
+            host = json.load(reply)
+        return host["calls"] > 0 and any(s["name"].startswith("oxsim") for s in host["sessions"])
+    assert poll_until(pushing, START_DEADLINE_S), "oxsim did not connect"
+    yield broker
+    sim.send_signal(signal.SIGTERM)
+    try:
+        sim.wait(STOP_DEADLINE_S)
+    except subprocess.TimeoutExpired:
+        sim.kill()
+        sim.wait()

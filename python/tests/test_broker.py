@@ -29,9 +29,12 @@ def uniform_frame(colour=COLOUR):
     return bytes(colour) * (WIDTH * HEIGHT)
 
 
-@pytest.fixture
-def device(broker):
-    with OXProxy(DEVICE, broker.host, broker.port, name="pytest", timeout_ms=10000) as proxy:
+# Every test of the device runs over the socket and over a shared-memory area.
+@pytest.fixture(params=[False, True], ids=["socket", "shared-memory"])
+def device(broker, request):
+    with OXProxy(DEVICE, broker.host, broker.port, name="pytest", timeout_ms=10000,
+                 shared_memory=request.param) as proxy:
+        assert proxy.shared_memory is request.param
         yield proxy
 
 

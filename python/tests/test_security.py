@@ -62,7 +62,8 @@ def test_only_allowed_keys_get_answers_from_python_and_oxcall(start_broker, keys
         assert refused.returncode == 2 and "no reply from" in refused.stderr
 
 
-# Binding every interface without keys opened the camera and the data directory to the network.
+# Binding every interface without keys opened the camera and the data directory (or the pages)
+# to the network.
 def test_listening_beyond_loopback_needs_keys_or_insecure(start_broker):
     refused = subprocess.run([program("oxbroker"), "--bind", "0.0.0.0", "--port", "0"],
                              capture_output=True, text=True, timeout=30)
@@ -73,3 +74,11 @@ def test_listening_beyond_loopback_needs_keys_or_insecure(start_broker):
     assert broker.wait_for_log("warning: listening on 0.0.0.0 without encryption or authentication")
     with OXProxy("OXMemory", "127.0.0.1", broker.port) as memory:
         memory.ping()
+    # The pages follow the same rule.
+    refused = subprocess.run([program("oxbroker"), "--port", "0", "--http", "0.0.0.0:0"],
+                             capture_output=True, text=True, timeout=30)
+    assert refused.returncode == 1 and "refusing to serve pages on 0.0.0.0 without keys" in (
+        refused.stderr)
+    broker = start_broker(insecure=True, http="0.0.0.0:0")
+    assert broker.wait_for_log("warning: serving pages on 0.0.0.0 without encryption")
+    assert broker.http_url.startswith("http://0.0.0.0:")

@@ -125,9 +125,9 @@ def test_every_publication_survives_the_edges_of_its_arguments(start_broker, tmp
     environment = dict(os.environ, ASAN_OPTIONS="halt_on_error=1:detect_leaks=1",
                        UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1")
     write_video(tmp_path / VIDEO)
-    # Recordings go to the working directory: a temporary one.
+    # Remote callers' files (the video, recordings) are in the data directory: a temporary one.
     broker = start_broker(REPO / "share" / "preferences" / prefs, cwd=str(tmp_path),
-                          env=environment, log_level=-1)
+                          env=environment, log_level=-1, data_dir=str(tmp_path))
     deadline = time.monotonic() + SWEEP_BOUND_S
     publications = calls = 0
     with OXProxy("OXVideoDevice", broker.host, broker.port, name="sweep-setup") as device:

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Installs a build into a temporary prefix, then uses that prefix alone as another project would:
 # builds consumer.cpp once through the CMake package and once through pkg-config and runs both,
-# then installs the Python client there, imports it from there and calls the installed broker
-# host with it. Usage: check-install.sh BUILD_DIR. Guards against an install that is incomplete
-# or that still leans on the source or build tree.
+# loads the GStreamer plugin from there, then installs the Python client there, imports it from
+# there and calls the installed broker host with it. Usage: check-install.sh BUILD_DIR. Guards
+# against an install that is incomplete or that still leans on the source or build tree.
 set -euo pipefail
 build=$(cd "$1" && pwd)
 here=$(cd "$(dirname "$0")" && pwd)
@@ -22,6 +22,12 @@ g++ -std=c++17 -o "$work/consumer-pc" "$here/consumer.cpp" $(pc --cflags) \
   -DVI_MODULE="\"$(pc --variable=module)\"" -DVI_PREFERENCES_DIR="\"$(pc --variable=preferencesdir)\"" \
   $(pc --libs) -ldl -Wl,-rpath,"$(pc --variable=libdir)"
 "$work/consumer-pc"
+
+# The installed GStreamer plugin loads from the prefix's plugin folder, with our libraries.
+plugin=$(find "$prefix" -name libgstoxvideo.so)
+inspected=$(GST_PLUGIN_PATH=$(dirname "$plugin") GST_REGISTRY=$work/gst-registry.bin \
+  gst-inspect-1.0 oxvideosrc)
+grep -q "Filename  *$plugin" <<<"$inspected"
 
 # pip builds inside the folder it is given: a copy keeps the source tree clean.
 cp -r "$here/../../python" "$work/python"

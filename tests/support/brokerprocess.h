@@ -41,7 +41,7 @@ class BrokerProcess {
  public:
   explicit BrokerProcess(std::vector<std::string> pOptions = {}) {
     std::vector<std::string> args = {std::string(VI_PROGRAM_DIR) + "/oxbroker", "--port", "0",
-                                     "--log-level", "-1"};
+                                     "--http", "off", "--log-level", "-1"};
     args.insert(args.end(), pOptions.begin(), pOptions.end());  // a later --port wins
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(arg.data());

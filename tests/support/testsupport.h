@@ -2,9 +2,11 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -73,6 +75,18 @@ OX::OXError raised(F pCall) {
   }
   ADD_FAILURE() << "no OXError raised";
   return OX::OXError("", "", "", "", 0);
+}
+
+// Asks pCondition every few milliseconds until it holds or pMilliseconds have passed; its last
+// answer.
+template <class F>
+bool pollUntil(F pCondition, int pMilliseconds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(pMilliseconds);
+  while (!pCondition()) {
+    if (std::chrono::steady_clock::now() >= end) return pCondition();
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
 }
 
 // Path of a library or program of the build.

@@ -1,6 +1,7 @@
 #include "toolcommandline.h"
 
 #include <iostream>
+#include <map>
 #include <memory>
 #include <sstream>
 
@@ -128,7 +129,7 @@ CLI::Option* CommandLine::addUrl(std::string& pUrl) {
           ""));
 }
 
-void CommandLine::addKeyOptions(OX::ConnectOptions& pOptions) {
+void CommandLine::addConnectOptions(OX::ConnectOptions& pOptions) {
   CLI::Option* server =
       add_option("--server-key", pOptions.fServerKey,
                  "the broker's public key (NAME.pub of oxkeygen): speak CURVE, encrypted")
@@ -141,6 +142,23 @@ void CommandLine::addKeyOptions(OX::ConnectOptions& pOptions) {
           ->check(CLI::ExistingFile);
   server->needs(client);
   client->needs(server);
+  using SharedMemory = OX::ConnectOptions::SharedMemory;
+  static const std::map<std::string, SharedMemory> kModes = {{"auto", SharedMemory::kAuto},
+                                                             {"never", SharedMemory::kNever},
+                                                             {"require", SharedMemory::kRequire}};
+  add_option_function<std::string>(
+      "--shared-memory",
+      [&pOptions](const std::string& pMode) { pOptions.fSharedMemory = kModes.at(pMode); },
+      "images through a shared-memory area from a broker on this machine: auto (when it offers "
+      "one), never, or require (default: auto)")
+      ->type_name("MODE")
+      ->check(CLI::Validator(
+          [](const std::string& pText) -> std::string {
+            return kModes.count(pText) != 0
+                       ? ""
+                       : "expected auto, never or require, got '" + pText + "'";
+          },
+          ""));
 }
 
 CLI::Option* CommandLine::addClientName(std::string& pName, const std::string& pHelp) {

@@ -40,8 +40,9 @@ class CommandLine : public CLI::App {
   // --url URL: a ZeroMQ address "transport://endpoint".
   CLI::Option* addUrl(std::string& pUrl);
   // --server-key PATH and --client-key PATH: the CURVE keys of the connection to the broker
-  // (docs/security.md), both or neither.
-  void addKeyOptions(OX::ConnectOptions& pOptions);
+  // (docs/security.md), both or neither; --shared-memory auto|never|require: whether images come
+  // through a shared-memory area from a broker on this machine (docs/shared-memory.md).
+  void addConnectOptions(OX::ConnectOptions& pOptions);
   // --name NAME: the name this process gives the broker; not empty.
   CLI::Option* addClientName(std::string& pName, const std::string& pHelp);
   // pName pMetavar: a number from pMin to pMax; its default, shown in --help, is pValue's value.

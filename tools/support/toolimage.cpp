@@ -154,11 +154,15 @@ std::string colorSpaceNames() {
 
 bool toRgb(const unsigned char* pData, int pSize, int pWidth, int pHeight, int pColorSpace,
            RgbImage& pOut) {
-  pOut = RgbImage();
-  if (colorSpaceName(pColorSpace) == "unknown" || pWidth <= 0 || pHeight <= 0) return false;
   const long long pixels = static_cast<long long>(pWidth) * pHeight;
-  if (pSize != pixels * OX::getNumLayersFromColorSpace(pColorSpace)) return false;
-  std::vector<unsigned char> rgb(static_cast<size_t>(pixels) * 3);
+  if (colorSpaceName(pColorSpace) == "unknown" || pWidth <= 0 || pHeight <= 0 ||
+      pSize != pixels * OX::getNumLayersFromColorSpace(pColorSpace)) {
+    pOut = RgbImage();
+    return false;
+  }
+  // The pixels of the previous image are reused: a stream of images allocates once.
+  std::vector<unsigned char>& rgb = pOut.fPixels;
+  rgb.resize(static_cast<size_t>(pixels) * 3);
   const unsigned char* in = pData;
   // Two-byte spaces come in macro-pixels of two pixels that share one chroma pair: the pixels
   // of the image are taken as one stream, as the device writes them.
@@ -201,12 +205,12 @@ bool toRgb(const unsigned char* pData, int pSize, int pWidth, int pHeight, int p
         hsyPixel(pixel3[0], pixel3[1], -1, out);
         break;
       default:
+        pOut = RgbImage();
         return false;
     }
   }
   pOut.fWidth = pWidth;
   pOut.fHeight = pHeight;
-  pOut.fPixels = std::move(rgb);
   return true;
 }
 

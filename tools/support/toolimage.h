@@ -29,7 +29,7 @@ std::string colorSpaceNames();
 // Exact for kRGB, kBGR, kH2RGB and the luma/chroma spaces (BT.601 studio range, as the device
 // converts); the hue spaces (kHsy, kHSY, kHSMixed) carry no complete colour and come back
 // approximately. False, leaving pOut empty, for an unknown colour space or a buffer of the wrong
-// size.
+// size. pOut's pixels are reused, so that converting a stream of images allocates only once.
 bool toRgb(const unsigned char* pData, int pSize, int pWidth, int pHeight, int pColorSpace,
            RgbImage& pOut);
 

@@ -1,5 +1,7 @@
 #include "toolsupport.h"
 
+#include <arpa/inet.h>
+
 #include <atomic>
 #include <csignal>
 #include <thread>
@@ -60,6 +62,17 @@ void repeatUntilStopped(const std::function<bool()>& pStep) {
   } catch (const std::exception&) {
     if (!stopRequested()) throw;
   }
+}
+
+bool isLoopback(std::string pAddress) {
+  if (pAddress == "localhost" || pAddress == "lo") return true;
+  if (pAddress.size() > 2 && pAddress.front() == '[' && pAddress.back() == ']') {
+    pAddress = pAddress.substr(1, pAddress.size() - 2);
+  }
+  unsigned char bytes[16];
+  if (inet_pton(AF_INET, pAddress.c_str(), bytes) == 1) return bytes[0] == 127;
+  in6_addr address;
+  return inet_pton(AF_INET6, pAddress.c_str(), &address) == 1 && IN6_IS_ADDR_LOOPBACK(&address);
 }
 
 }  // namespace oxtools

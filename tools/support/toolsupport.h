@@ -19,7 +19,7 @@ namespace oxtools {
 constexpr const char* kDeviceModule = "OXVideoDevice";
 
 // Introduces this process as pClientName and connects to pModule of the broker at pUrl, with
-// pOptions (the keys of --server-key and --client-key); throws OXError when the broker does not
+// pOptions (--server-key, --client-key, --shared-memory); throws OXError when the broker does not
 // answer or hosts no such module.
 boost::shared_ptr<OX::OXProxy> connectModule(const std::string& pUrl, const std::string& pModule,
                                              const std::string& pClientName,
@@ -35,5 +35,8 @@ bool sleepUntil(std::chrono::steady_clock::time_point pDeadline);
 // remote proxy then throws zmq's "Interrupted system call"): an exception once a stop was
 // requested ends the loop, since stopping is what was asked for; any other reaches the caller.
 void repeatUntilStopped(const std::function<bool()>& pStep);
+// Whether an address to listen on lets clients come only from this machine: 127.0.0.0/8, ::1
+// (bracketed or not), localhost, lo. The broker host's message port and its pages share it.
+bool isLoopback(std::string pAddress);
 
 }  // namespace oxtools

@@ -16,6 +16,7 @@
 
 #include "device/ivideoinput.h"
 #include "oxbroker.h"
+#include "oxmodulestatus.h"
 #include "oxmutex.h"
 #include "device/oxvisionvideoinputrecords.h"
 #include "kilog.h"
@@ -61,7 +62,7 @@ enum : int {
   kCameraColorSpaceID = 20
 };
 
-class OXVisionVideoInput : public OXModule, public IVideoInput {
+class OXVisionVideoInput : public OXModule, public IVideoInput, public OXModuleStatus {
  public:
   ~OXVisionVideoInput() override;  // no lock: runs after the last call
 
@@ -209,6 +210,10 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   // Deprecated: changes the device's active camera through the driver; logs its deprecation on
   // every call and raises for a camera the device does not have. Takes W.
   bool setActiveCamera(const int& pCameraIndex);
+
+  // Each camera and each subscriber with what it was served, for the host's pages and metrics.
+  // Not published: the method table stays as it is. Takes R.
+  std::vector<OXStatusEntry> getStatus() override;
 
   // Conversions run by the delivery paths since construction: lets tests count work, not time.
   int conversionCountForTesting() const { return fConversionCount.load(); }
@@ -361,7 +366,11 @@ class OXVisionVideoInput : public OXModule, public IVideoInput {
   // non-recording subscribers are skipped. W held.
   void xRecordStep(const boost::shared_ptr<VisionModuleInfo>& pInfo, const OXImage* pRawImage,
                    bool pPatch);
-  // xConvertImage, counted for conversionCountForTesting; W held.
+  // Counts pImages images (the non-null ones of the list) handed to a subscriber by one request
+  // for its status. W held.
+  void xCountDelivery(VisionModuleInfo& pInfo, int pImages);
+  void xCountDelivery(VisionModuleInfo& pInfo, const std::vector<OXImage*>& pImages);
+  // xConvertImage, counted for conversionCountForTesting and timed for the subscriber; W held.
   int xConvertCounted(int pCameraIndex, boost::shared_ptr<VisionModuleInfo>& pModule,
                       const OXImage* pRawImage);
   // Raises (logged) when a delivery would index a camera that the device does not have.

@@ -30,13 +30,6 @@ std::pair<int64_t, int64_t> getTimeStamp(const OXImage& pImage) {
   return {pImage.fTimeStamp / 1000000, pImage.fTimeStamp % 1000000};
 }
 
-int OXVisionVideoInput::xConvertCounted(int pCameraIndex,
-                                        boost::shared_ptr<VisionModuleInfo>& pModule,
-                                        const OXImage* pRawImage) {
-  ++fConversionCount;
-  return xConvertImage(pCameraIndex, pModule, pRawImage);
-}
-
 void OXVisionVideoInput::xCheckDeliveryCamera(const std::string& pName, int pCameraIndex,
                                               const char* pMethod, const VisionModuleInfo& pInfo,
                                               int pLine) const {
@@ -181,7 +174,10 @@ OXImage* OXVisionVideoInput::xGetImage(const std::string& pName) {
   }
   xStartFrameGrabber(camera);
   OXImage* recent = nullptr;
-  if (xServeRecentImage(subscriber, camera, recent)) return recent;
+  if (xServeRecentImage(subscriber, camera, recent)) {
+    xCountDelivery(*subscriber, recent != nullptr ? 1 : 0);
+    return recent;
+  }
 
   // Third choice: a new frame from the camera.
   OXImage* rawImage = xGetDirectRawImage(pName, true);
@@ -201,6 +197,7 @@ OXImage* OXVisionVideoInput::xGetImage(const std::string& pName) {
   }
   if (converted < 0) return nullptr;  // xConvertImage has said why
   wanted.fLockedImage = fCameraProperties[camera]->fImageBuffers[converted];
+  xCountDelivery(*subscriber, 1);
   return wanted.fLockedImage->fImage;
 }
 
@@ -241,6 +238,7 @@ std::vector<OXImage*> OXVisionVideoInput::xGetImages(const std::string& pName) {
     wanted.fLockedImage = fCameraProperties[camera]->fImageBuffers[converted];
     images[i] = wanted.fLockedImage->fImage;
   }
+  xCountDelivery(*subscriber, images);
   return images;
 }
 

@@ -28,6 +28,7 @@ OXImage* OXVisionVideoInput::getDirectRawImageLocal(const std::string& pName) {
   // No grabber is started and no frame rate looked at: a request always goes to the camera.
   OXImage* image = xGetDirectRawImage(pName, false);
   xRecordStep(info, image, false);
+  xCountDelivery(*info, image != nullptr ? 1 : 0);
   return image;
 }
 
@@ -54,6 +55,7 @@ OXValue OXVisionVideoInput::getDirectRawImageRemote(const std::string& pName) {
         xFindSubscriber(pName, texts::kGetDirectRawImageRemote);
     image = xGetDirectRawImage(pName, false);
     xRecordStep(info, image, false);
+    xCountDelivery(*info, image != nullptr ? 1 : 0);
   }
   if (image == nullptr) return OXValue();
   // Outside the lock: the camera keeps a lent frame until it is given back.
@@ -64,9 +66,11 @@ OXValue OXVisionVideoInput::getDirectRawImageRemote(const std::string& pName) {
 
 OXValue OXVisionVideoInput::getDirectRawImagesLocal(const std::string& pName) {
   OXCriticalSectionWrite lock(fVisionModulesLock);
-  xFindSubscriber(pName, texts::kGetDirectRawImagesLocal);
+  const boost::shared_ptr<VisionModuleInfo> info =
+      xFindSubscriber(pName, texts::kGetDirectRawImagesLocal);
   // No recording step: a subscriber of several streams cannot record.
   const std::vector<OXImage*> images = xGetDirectRawImages(pName);
+  xCountDelivery(*info, images);
   OXValue result;
   result.arrayReserve(static_cast<int>(images.size()));
   for (size_t i = 0; i < images.size(); ++i) {
@@ -79,8 +83,10 @@ OXValue OXVisionVideoInput::getDirectRawImagesRemote(const std::string& pName) {
   std::vector<OXImage*> images;
   {
     OXCriticalSectionWrite lock(fVisionModulesLock);
-    xFindSubscriber(pName, texts::kGetDirectRawImagesRemote);
+    const boost::shared_ptr<VisionModuleInfo> info =
+        xFindSubscriber(pName, texts::kGetDirectRawImagesRemote);
     images = xGetDirectRawImages(pName);
+    xCountDelivery(*info, images);
   }
   if (images.empty()) return OXValue();
   OXValue reply = xJoinedReply(images, "getDirectRawImagesRemote");

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "device/oxvisionvideoinputcounts.h"
 #include "oximage.h"
 #include "oxvideo.h"
 
@@ -52,6 +53,7 @@ struct VisionModuleInfo {
   int fRecordTotal = 0;
   int fRecordedCount = 0;
   OXVideo* fVideo = nullptr;  // owned; closed and freed by xCloseVideo
+  SubscriberCounts fCounts;   // what it was served, for the host's pages and metrics
 };
 
 // The state of a camera's frame grabber, the same machine for every camera:

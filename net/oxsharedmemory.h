@@ -1,0 +1,141 @@
+// The same-host channel: a shared-memory area per session, where the broker host places the large
+// binaries of its replies instead of sending them through the socket.
+//
+// A client on this machine (loopback TCP or ipc) asks for an area at hello. The host makes a
+// sealed memfd (it can neither shrink nor grow, so nothing a client does to it can fault the
+// host), and answers with the address of its door, an abstract Unix socket, and a one-time token.
+// The client shows the token at the door and receives the descriptor (SCM_RIGHTS); only a process
+// of the host's own user is served. From then on, binaries of at least the threshold travel as a
+// position in the area (wire ext type 2) when the area has room, and as frames otherwise.
+//
+// The area is a ring. The client writes, in the area's header, the position up to which it is
+// done with what it received; the host never writes over what lies beyond it. Whatever the client
+// writes there can only make the host send frames instead, never write outside the ring. An area
+// lives as long as its session (bye, a closed connection, no answer to heartbeats); the memfd has
+// no name, so nothing is left behind when either side dies. docs/protocol.md describes the layout.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "oxbounds.h"
+#include "oxvalue.h"
+#include "oxwire.h"
+
+namespace OX {
+namespace net {
+
+// The area's layout: a header page, then the ring.
+constexpr std::size_t kAreaHeaderBytes = 4096;
+constexpr std::size_t kAreaReleasedOffset = 64;  // uint64, little-endian: written by the client
+constexpr char kAreaMagic[8] = {'O', 'X', 'A', 'R', 'E', 'A', '1', '\0'};
+// Placed binaries start at multiples of this many bytes.
+constexpr std::size_t kAreaAlignment = 64;
+constexpr std::size_t kDefaultAreaBytes = std::size_t(16) << 20;
+constexpr std::size_t kDefaultMaxAreaBytes = std::size_t(256) << 20;
+// Smaller binaries cost less in the message than an area round trip saves.
+constexpr std::size_t kDefaultPlaceThreshold = std::size_t(64) << 10;
+constexpr std::size_t kAreaTokenBytes = 16;
+
+// Whether a peer, as ZeroMQ reports it ("Peer-Address"), is on this machine: a loopback address
+// (127.0.0.0/8, ::1, ::ffff:127.0.0.0/104), or an ipc connection ("host:uid:gid:pid"). Anything
+// else, an empty address included, is not.
+bool isLocalPeer(const std::string& pPeerAddress);
+
+// One session's area, the host's side.
+class SharedArea : public wire::BinaryPlacer {
+ public:
+  // Makes the memfd and maps it; throws OXError when the system refuses.
+  SharedArea(std::size_t pBytes, std::size_t pThreshold, Reservation&& pCharge);
+  ~SharedArea() override;
+  SharedArea(const SharedArea&) = delete;
+  SharedArea& operator=(const SharedArea&) = delete;
+
+  // Copies a binary of at least the threshold into the ring, once the client holds the area and
+  // when the ring has room. Thread-safe.
+  bool place(const void* pData, std::size_t pSize, std::uint64_t& pPosition) override;
+
+  int descriptor() const { return fFd; }
+  std::size_t bytes() const { return fBytes; }
+  std::size_t threshold() const { return fThreshold; }
+  const std::string& token() const { return fToken; }
+  // The client has its descriptor: placing may start.
+  void markAttached() { fAttached = true; }
+  bool attached() const { return fAttached; }
+
+ private:
+  int fFd = -1;
+  unsigned char* fBase = nullptr;
+  const std::size_t fBytes;
+  const std::size_t fCapacity;  // of the ring
+  const std::size_t fThreshold;
+  std::string fToken;
+  Reservation fCharge;
+  std::atomic<bool> fAttached{false};
+  std::mutex fMutex;
+  std::uint64_t fHead = 0;      // the next free position (positions only grow)
+  std::uint64_t fReleased = 0;  // what the client is known to be done with
+  std::uint64_t fLastEnd = 0;   // the end of the latest placed binary
+};
+
+// Makes the areas of a host and hands their descriptors out at its door.
+class SharedAreas {
+ public:
+  // pAreaBytes 0: no area is ever offered.
+  SharedAreas(std::size_t pAreaBytes, std::size_t pMaxAreaBytes,
+              std::size_t pThreshold = kDefaultPlaceThreshold);
+  ~SharedAreas();
+  SharedAreas(const SharedAreas&) = delete;
+  SharedAreas& operator=(const SharedAreas&) = delete;
+
+  // Opens the door; when it cannot, logs why and offers no area.
+  void start();
+  void stop();
+
+  // The answer to a client at pPeerAddress that asks for an area: [door, token, bytes, threshold]
+  // with pArea set, or the text of the refusal.
+  OXValue offer(const std::string& pPeerAddress, std::shared_ptr<SharedArea>& pArea);
+  // The bytes of all live areas.
+  std::size_t heldBytes() const { return fAccount->held(); }
+
+ private:
+  class Door;
+  const std::size_t fAreaBytes;
+  const std::size_t fMaxAreaBytes;
+  const std::size_t fThreshold;
+  std::shared_ptr<ByteAccount> fAccount = std::make_shared<ByteAccount>();
+  std::unique_ptr<Door> fDoor;
+};
+
+// The client's side of an area: the mapping, the places of the binaries in replies, and what the
+// client is done with.
+class AreaClient : public wire::BinaryResolver {
+ public:
+  // Fetches the descriptor at the door with the token of pOffer (the hello's answer) and maps it.
+  // Throws OXError when anything fails.
+  explicit AreaClient(const OXValue& pOffer);
+  ~AreaClient() override;
+  AreaClient(const AreaClient&) = delete;
+  AreaClient& operator=(const AreaClient&) = delete;
+
+  // The bytes of a placed binary, or null when the place lies outside the ring.
+  const unsigned char* resolve(std::uint64_t pPosition, std::size_t pSize) override;
+  // Tells the host that everything received so far may be written over.
+  void releaseAll();
+
+ private:
+  unsigned char* fBase = nullptr;
+  std::size_t fBytes = 0;
+  std::size_t fCapacity = 0;
+  std::uint64_t fSeenEnd = 0;  // the end of the latest binary resolved
+};
+
+}  // namespace net
+}  // namespace OX

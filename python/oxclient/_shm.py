@@ -1,0 +1,106 @@
+"""The same-host channel: the shared-memory area through which a broker host on this machine sends
+the large binaries of its replies (docs/protocol.md, "Shared memory").
+
+The host offers an area at hello: the name of its door (an abstract Unix socket), a one-time token,
+the area's size and the threshold from which binaries go there. The client trades the token for
+the area's descriptor at the door and maps it. A reply then names a binary by its position in the
+area's ring; the client writes, in the area's header, the position up to which it is done, and the
+host never writes over what lies beyond.
+"""
+
+import ipaddress
+import mmap
+import os
+import socket
+import struct
+
+from ._error import OXError
+
+HEADER_BYTES = 4096
+RELEASED_OFFSET = 64
+MAGIC = b"OXAREA1\0"
+TOKEN_BYTES = 16
+_DOOR_TIMEOUT_S = 2.0
+
+
+def on_this_machine(url):
+    """Whether the broker host at url runs on this machine: ipc, or a loopback TCP address."""
+    if url.startswith("ipc://"):
+        return True
+    if not url.startswith("tcp://"):
+        return False
+    host = url[len("tcp://"):].rsplit(":", 1)[0].strip("[]")
+    if host == "localhost":
+        return True
+    try:
+        address = ipaddress.ip_address(host)
+    except ValueError:
+        return False
+    mapped = getattr(address, "ipv4_mapped", None)
+    return address.is_loopback or bool(mapped and mapped.is_loopback)
+
+
+def _refused(why):
+    return OXError("OXProxy", "connect", why)
+
+
+class Area:
+    """A mapped area. Binaries come back as read-only memoryviews: copies, or (views=True) views
+    of the area, valid until the proxy's next call."""
+
+    def __init__(self, offer):
+        well_formed = (isinstance(offer, list) and len(offer) == 4 and isinstance(offer[0], str)
+                       and offer[0].startswith("@") and len(offer[0]) > 1
+                       and isinstance(offer[1], (bytes, memoryview))
+                       and len(offer[1]) == TOKEN_BYTES and isinstance(offer[2], int)
+                       and offer[2] > HEADER_BYTES)
+        if not well_formed:
+            raise _refused("malformed shared-memory offer")
+        door, token, size = offer[0], bytes(offer[1]), offer[2]
+        try:
+            with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as visit:
+                visit.settimeout(_DOOR_TIMEOUT_S)
+                visit.connect("\0" + door[1:])
+                visit.sendall(token)
+                answer, fds, _, _ = socket.recv_fds(visit, 1, 1)
+        except OSError as error:
+            raise _refused("cannot reach the shared-memory door: %s" % error) from None
+        if answer != b"1" or len(fds) != 1:
+            for fd in fds:
+                os.close(fd)
+            raise _refused("the shared-memory door refused")
+        try:
+            if os.fstat(fds[0]).st_size != size:
+                raise _refused("the shared-memory area has not the size offered")
+            self._map = mmap.mmap(fds[0], size, mmap.MAP_SHARED,
+                                  mmap.PROT_READ | mmap.PROT_WRITE)
+        finally:
+            os.close(fds[0])
+        if self._map[:len(MAGIC)] != MAGIC:
+            self._map.close()
+            raise _refused("not a shared-memory area")
+        self._view = memoryview(self._map)
+        self._capacity = size - HEADER_BYTES
+        self._seen_end = 0
+
+    def resolve(self, position, size, view):
+        """The binary at position: a view of the area, or a copy."""
+        offset = position % self._capacity
+        if size > self._capacity or offset + size > self._capacity:
+            raise OXError("OXProxy", "decode", "malformed message: %d bytes at %d lie outside "
+                          "the shared area" % (size, position))
+        self._seen_end = max(self._seen_end, position + size)
+        start = HEADER_BYTES + offset
+        piece = self._view[start:start + size]
+        return piece.toreadonly() if view else memoryview(piece.tobytes())
+
+    def release(self):
+        """Tells the host that everything received so far may be written over."""
+        struct.pack_into("<Q", self._map, RELEASED_OFFSET, self._seen_end)
+
+    def close(self):
+        self._view.release()
+        try:
+            self._map.close()
+        except BufferError:
+            pass  # views are still held: the mapping goes with the last of them
