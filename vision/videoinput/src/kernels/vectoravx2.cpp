@@ -126,9 +126,6 @@ inline V min32(V pA, V pB) {
 inline V max32(V pA, V pB) {
   return _mm256_max_epi32(pA, pB);
 }
-inline V abs32(V pValue) {
-  return _mm256_abs_epi32(pValue);
-}
 inline V mullo32(V pA, V pB) {
   return _mm256_mullo_epi32(pA, pB);
 }
@@ -147,9 +144,6 @@ inline V and128(V pA, V pB) {
 }
 inline V andnot128(V pNot, V pB) {
   return _mm256_andnot_si256(pNot, pB);
-}
-inline V xor128(V pA, V pB) {
-  return _mm256_xor_si256(pA, pB);
 }
 // pB where pMask is set, else pA (masks are whole 32-bit lanes of ones or zeros). The float
 // blend, whose mask is the sign of each lane, is taken as it stands by the compiler.

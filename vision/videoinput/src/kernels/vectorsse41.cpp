@@ -114,9 +114,6 @@ inline V min32(V pA, V pB) {
 inline V max32(V pA, V pB) {
   return _mm_max_epi32(pA, pB);
 }
-inline V abs32(V pValue) {
-  return _mm_abs_epi32(pValue);
-}
 inline V mullo32(V pA, V pB) {
   return _mm_mullo_epi32(pA, pB);
 }
@@ -135,9 +132,6 @@ inline V and128(V pA, V pB) {
 }
 inline V andnot128(V pNot, V pB) {
   return _mm_andnot_si128(pNot, pB);
-}
-inline V xor128(V pA, V pB) {
-  return _mm_xor_si128(pA, pB);
 }
 // pB where pMask is set, else pA (masks are whole 32-bit lanes of ones or zeros). The float
 // blend, whose mask is the sign of each lane, is taken as it stands by the compiler.
