@@ -98,7 +98,7 @@ TEST_P(Conversion, EveryKernelMatchesTheFormulasAtEveryStep) {
 TEST_P(Conversion, VariantMatchesTheReferenceOnRandomFrames) {
   const int sizes[][2] = {{160, 120}, {320, 240}, {640, 480}, {1280, 960}, {33, 3}, {37, 5},
                           {39, 3},    {45, 3},    {48, 5},    {62, 3},     {63, 3}};
-  for (int space : {OX::kYuv, OX::kYUV422, OX::kYUV, OX::kRGB, OX::kBGR}) {
+  for (int space : kAllSpaces) {
     for (const auto& size : sizes) {
       for (int step : {1, 2}) {
         // At odd heights the last row read is the source's last: its end is the buffer's, and at
@@ -122,18 +122,19 @@ TEST_P(Conversion, RowKernelsOnEveryCountReadNoFurtherThanTheReference) {
   using Row = kernels::Row kernels::Kernels::*;
   struct Case {
     Row row;
-    int targetBytes, lastRead[2];  // the last byte read of a macro-pixel at step 1, 2
-  };
-  const Case cases[] = {{&kernels::Kernels::fYuv, 2, {2, 4}},
-                        {&kernels::Kernels::fYUV422, 4, {3, 6}},
-                        {&kernels::Kernels::fYUV, 6, {3, 3}},
-                        {&kernels::Kernels::fRGB, 6, {3, 3}},
-                        {&kernels::Kernels::fBGR, 6, {3, 3}}};
+    int targetBytes, advance, lastRead[2];  // source bytes per macro-pixel and step; the last
+  };                                        // byte read of a macro-pixel at step 1, 2
+  const Case cases[] = {
+      {&kernels::Kernels::fYuv, 2, 4, {2, 4}},   {&kernels::Kernels::fYUV422, 4, 4, {3, 6}},
+      {&kernels::Kernels::fYUV, 6, 4, {3, 3}},   {&kernels::Kernels::fRGB, 6, 4, {3, 3}},
+      {&kernels::Kernels::fBGR, 6, 4, {3, 3}},   {&kernels::Kernels::fHsy, 2, 2, {3, 3}},
+      {&kernels::Kernels::fHSY, 6, 4, {3, 3}},   {&kernels::Kernels::fHSMixed, 6, 4, {3, 3}},
+      {&kernels::Kernels::fH2RGB, 6, 4, {3, 3}}, {&kernels::Kernels::fYYCbCr, 4, 4, {3, 3}}};
   for (const Case& c : cases) {
     for (int step : {1, 2}) {
       for (int count = 1; count <= 40; ++count) {
         const Bytes source = randomFrame(
-            static_cast<size_t>(4 * step * (count - 1) + c.lastRead[step - 1] + 1), count);
+            static_cast<size_t>(c.advance * step * (count - 1) + c.lastRead[step - 1] + 1), count);
         Bytes want(static_cast<size_t>(count * c.targetBytes)), got(want.size());
         (kernels::referenceKernels().*c.row)(source.data(), step, want.data(), count);
         (kernels::activeKernels().*c.row)(source.data(), step, got.data(), count);
@@ -143,27 +144,36 @@ TEST_P(Conversion, RowKernelsOnEveryCountReadNoFurtherThanTheReference) {
   }
 }
 
-// Every Y, U and V through kRGB and kBGR, both clamps included: one frame per U, a row per V, a
-// macro-pixel per pair of Y, against the formulas.
+// Every Y, U and V through the kernels that compute: kRGB and kBGR with both clamps, the hue
+// family with its seven cases, its clamps and the low byte of a negative hue. One frame per U, a
+// row per V, a macro-pixel per pair of Y, against the formulas.
 TEST_P(Conversion, EveryYuvTripleMatchesTheFormulas) {
-  Bytes frame(256 * 256 * 2);
+  const int spaces[] = {OX::kRGB, OX::kBGR, OX::kHSY, OX::kHSMixed, OX::kH2RGB};
+  Bytes frame(256 * 256 * 2), out[5], hues(256);
   for (int u = 0; u < 256; ++u) {
     for (int v = 0; v < 256; ++v) {
       for (int y = 0; y < 256; y += 2) {
-        unsigned char* at = &frame[(v * 256 + y) * 2];
-        at[0] = static_cast<unsigned char>(y), at[1] = static_cast<unsigned char>(u);
-        at[2] = static_cast<unsigned char>(y + 1), at[3] = static_cast<unsigned char>(v);
+        const int pixels[4] = {y, u, y + 1, v};
+        std::copy(pixels, pixels + 4, &frame[(v * 256 + y) * 2]);
       }
     }
-    const Bytes rgb = run(OX::kRGB, frame, 256, 256, 256, 256);
-    const Bytes bgr = run(OX::kBGR, frame, 256, 256, 256, 256);
+    const unsigned char* at[5];
+    for (int k = 0; k < 5; ++k) at[k] = (out[k] = run(spaces[k], frame, 256, 256, 256, 256)).data();
     for (int v = 0; v < 256; ++v) {
+      // kHsy writes one row: its row kernel, on whole macro-pixels at step 2.
+      OX::conversionkernels::activeKernels().fHsy(&frame[v * 512], 2, hues.data(), 128);
       for (int y = 0; y < 256; ++y) {
-        const auto want = rgbOf(y, u, v);
-        const size_t at = static_cast<size_t>(v * 256 + y) * 3;
-        ASSERT_TRUE(rgb[at] == want[0] && rgb[at + 1] == want[1] && rgb[at + 2] == want[2] &&
-                    bgr[at] == want[2] && bgr[at + 1] == want[1] && bgr[at + 2] == want[0])
-            << "y " << y << " u " << u << " v " << v;
+        const auto p = rgbOf(y, u, v);
+        const auto hs = vitest::hueSatOf(y, u, v);
+        const auto c = vitest::h2rgbOf(hs[0]);
+        const int h = hs[0], s = hs[1];
+        // Per pixel, in the order of spaces: three bytes each.
+        const int want[15] = {p[0], p[1], p[2], p[2], p[1], p[0], h,   s,
+                              y,    h,    s,    h,    c[0], c[1], c[2]};
+        const int pixel = (v * 256 + y) * 3;
+        bool same = hues[y] == h;
+        for (int k = 0; k < 15; ++k) same = same && at[k / 3][pixel + k % 3] == want[k];
+        ASSERT_TRUE(same) << "y " << y << " u " << u << " v " << v;
       }
     }
   }

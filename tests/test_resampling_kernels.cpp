@@ -23,12 +23,13 @@ TEST_P(Resampling, AnchorPixels) {
   EXPECT_EQ(out, (Bytes{16, 128, 16, 128, 235, 128, 235, 128, 82, 90, 82, 240}));
 }
 
-// The pair kernel straight, in both layouts with a fast path (touching pairs, and every second
-// pixel skipped as at ratio 2) and one without: every pair count up to a few blocks, so that
-// every tail is met, from a source that ends at the last byte the reference reads.
+// The pair kernel straight, in the layouts with a fast path (the same size and ratios 2, 4 and
+// 8) and one without: every pair count up to a few blocks, so that every tail is met, from a
+// source that ends at the last byte the reference reads.
 TEST_P(Resampling, PairRowOnEveryCountAndLayout) {
   const auto& kernels = OX::resamplingkernels::activeKernels();
-  const int layouts[][2] = {{6, 3}, {12, 6}, {24, 12}};  // bytes per pair, right pixel offset
+  // Bytes per pair, right pixel offset.
+  const int layouts[][2] = {{6, 3}, {12, 6}, {24, 24}, {48, 96}, {24, 12}};
   for (const auto& layout : layouts) {
     const int step = layout[0], right = layout[1];
     for (int pairs = 1; pairs <= 70; ++pairs) {
@@ -68,8 +69,10 @@ TEST_P(Resampling, PlaneLoopsOnAwkwardSizesAndOtherRatios) {
     EXPECT_FALSE(OX::resamplingkernels::overSample(ratio, 24, 24, square.data(), untouched.data()));
   }
   EXPECT_EQ(untouched, Bytes(untouched.size(), 0xA5));
-  // Widths are multiples of 16 (pairs of every ratio); heights are odd or tight.
-  const int sizes[][2] = {{16, 9}, {48, 33}, {32, 17}, {64, 8}};
+  // Widths are multiples of 16 (pairs of every ratio), from a few pairs to the cameras' widths,
+  // where the last pairs of a row read into the next one at ratios 4 and 8; heights are odd or
+  // tight.
+  const int sizes[][2] = {{16, 9}, {48, 33}, {32, 17}, {64, 8}, {1280, 17}, {656, 9}, {400, 24}};
   for (const auto& size : sizes) {
     const int width = size[0], height = size[1];
     const Bytes rgb = vitest::randomBytes(width * height * 3, width + height);

@@ -218,36 +218,37 @@ void yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, 
 constexpr Kernels kReference = {yuvRow,       hsyRow,       yuv422Row, yuvPackedRow, rgbRow<0, 2>,
                                 hsyPackedRow, rgbRow<2, 0>, yycbcrRow, h2rgbRow,     hsMixedRow};
 
-// A vector kernel on the whole blocks of the row, then the reference on the macro-pixels left.
+// A vector kernel on the whole blocks of the row, then the reference on the macro-pixels left; a
+// macro-pixel advances kSourceBytes * step source bytes.
 using Fast = int (*)(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
-template <Fast kFast, Row kScalar, int kTargetBytes>
+template <Fast kFast, Row kScalar, int kTargetBytes, int kSourceBytes = 4>
 void vectorRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount) {
   const int done = kFast(pSource, pStep, pTarget, pCount);
-  kScalar(pSource + ptrdiff_t{4} * pStep * done, pStep, pTarget + ptrdiff_t{kTargetBytes} * done,
-          pCount - done);
+  kScalar(pSource + ptrdiff_t{kSourceBytes} * pStep * done, pStep,
+          pTarget + ptrdiff_t{kTargetBytes} * done, pCount - done);
 }
 
-// The hue kernels stay scalar in every variant.
-template <Fast kYuv, Fast kYUV422, Fast kYUV, Fast kRGB, Fast kBGR>
+// The kernels of one instruction set, in the order of Kernels.
+template <Fast kYuv, Fast kHsy, Fast kYUV422, Fast kYUV, Fast kRGB, Fast kHSY, Fast kBGR,
+          Fast kYYCbCr, Fast kH2RGB, Fast kHSMixed>
 constexpr Kernels vectorKernels() {
-  return {vectorRow<kYuv, yuvRow, 2>,
-          hsyRow,
-          vectorRow<kYUV422, yuv422Row, 4>,
-          vectorRow<kYUV, yuvPackedRow, 6>,
-          vectorRow<kRGB, rgbRow<0, 2>, 6>,
-          hsyPackedRow,
-          vectorRow<kBGR, rgbRow<2, 0>, 6>,
-          yycbcrRow,
-          h2rgbRow,
-          hsMixedRow};
+  return {vectorRow<kYuv, yuvRow, 2>,       vectorRow<kHsy, hsyRow, 2, 2>,
+          vectorRow<kYUV422, yuv422Row, 4>, vectorRow<kYUV, yuvPackedRow, 6>,
+          vectorRow<kRGB, rgbRow<0, 2>, 6>, vectorRow<kHSY, hsyPackedRow, 6>,
+          vectorRow<kBGR, rgbRow<2, 0>, 6>, vectorRow<kYYCbCr, yycbcrRow, 4>,
+          vectorRow<kH2RGB, h2rgbRow, 6>,   vectorRow<kHSMixed, hsMixedRow, 6>};
 }
 
 namespace sse41 = simd::sse41;
 namespace avx2 = simd::avx2;
-constexpr Kernels kSse41 = vectorKernels<sse41::yuvRow, sse41::yuv422Row, sse41::yuvPackedRow,
-                                         sse41::rgbRow, sse41::bgrRow>();
+constexpr Kernels kSse41 =
+    vectorKernels<sse41::yuvRow, sse41::hsyRow, sse41::yuv422Row, sse41::yuvPackedRow,
+                  sse41::rgbRow, sse41::hsyPackedRow, sse41::bgrRow, sse41::yycbcrRow,
+                  sse41::h2rgbRow, sse41::hsMixedRow>();
 constexpr Kernels kAvx2 =
-    vectorKernels<avx2::yuvRow, avx2::yuv422Row, avx2::yuvPackedRow, avx2::rgbRow, avx2::bgrRow>();
+    vectorKernels<avx2::yuvRow, avx2::hsyRow, avx2::yuv422Row, avx2::yuvPackedRow, avx2::rgbRow,
+                  avx2::hsyPackedRow, avx2::bgrRow, avx2::yycbcrRow, avx2::h2rgbRow,
+                  avx2::hsMixedRow>();
 
 KernelChoice<Kernels> gChoice(kReference, kSse41, kAvx2);
 
@@ -323,15 +324,37 @@ void convertPlane(const SourceFrame& pSource, const TargetFrame& pDestination,
   const int64_t targetRow = pShape.fTargetAdvances ? count * pShape.fTargetBytes : 0;
   const int64_t lastRead = pShape.fLastRead(step);
   const Row row = activeKernels().*pShape.fRow;
-  for (int64_t y = 0; y < height; ++y) {
-    const int64_t sourceBase = y * sourceRow;
-    const int64_t targetBase = y * targetRow;
-    const int64_t fit =
-        std::min({count, fitting(sourceSize - sourceBase, sourceAdvance, lastRead),
-                  fitting(targetSize - targetBase, pShape.fTargetBytes, pShape.fTargetBytes - 1)});
-    if (fit > 0) {
-      row(pSource.fData + sourceBase, step, pDestination.fData + targetBase, static_cast<int>(fit));
+  const auto fitOf = [&](int64_t pY) {
+    return std::min(
+        {count, fitting(sourceSize - pY * sourceRow, sourceAdvance, lastRead),
+         fitting(targetSize - pY * targetRow, pShape.fTargetBytes, pShape.fTargetBytes - 1)});
+  };
+  // Macro-pixels pFrom to pTo of row pY.
+  const auto run = [&](int64_t pY, int64_t pFrom, int64_t pTo) {
+    if (pTo > pFrom) {
+      row(pSource.fData + pY * sourceRow + pFrom * sourceAdvance, step,
+          pDestination.fData + pY * targetRow + pFrom * pShape.fTargetBytes,
+          static_cast<int>(pTo - pFrom));
     }
+  };
+  if (targetRow == 0) {
+    // Every row is written over the first: what is left there is the last row that runs (the
+    // first that does not fit whole, or the last), and beyond its end the row before it. Only
+    // those are converted; the bytes are the same.
+    int64_t last = fitOf(0) < count ? 0 : height - 1;
+    if (last > 0 && sourceRow > 0) {
+      // Rows fit whole while the source holds their last macro-pixel's reads.
+      const int64_t room = sourceSize - (lastRead + 1 + (count - 1) * sourceAdvance);
+      last = std::min(last, room / sourceRow + 1);
+    }
+    const int64_t fit = fitOf(last);
+    if (last > 0) run(last - 1, fit, count);
+    run(last, 0, fit);
+    return;
+  }
+  for (int64_t y = 0; y < height; ++y) {
+    const int64_t fit = fitOf(y);
+    run(y, 0, fit);
     if (fit < count) break;
   }
 }

@@ -14,6 +14,11 @@ int yuv422Row(const unsigned char* pSource, int pStep, unsigned char* pTarget, i
 int yuvPackedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
 int rgbRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
 int bgrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int hsyRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int hsyPackedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int hsMixedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int h2rgbRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
 int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
             unsigned char* pTarget, int pPairs);
 }  // namespace sse41
@@ -24,6 +29,11 @@ int yuv422Row(const unsigned char* pSource, int pStep, unsigned char* pTarget, i
 int yuvPackedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
 int rgbRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
 int bgrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int hsyRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int hsyPackedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int hsMixedRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int h2rgbRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
+int yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
 int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
             unsigned char* pTarget, int pPairs);
 }  // namespace avx2
