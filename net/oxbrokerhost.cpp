@@ -108,7 +108,10 @@ std::vector<wire::FrameView> viewsOf(const std::vector<zmq::message_t>& pFrames)
 class OXBrokerHost::Impl {
  public:
   Impl(boost::shared_ptr<OXBroker> pBroker, const Options& pOptions);
-  ~Impl() { stop(); }
+  ~Impl() {
+    stop();
+    if (fWakeFd >= 0) ::close(fWakeFd);  // a start that failed after the sockets were open
+  }
   void start();
   void stop();
   net::HostStatus status() const;
