@@ -1,6 +1,8 @@
 // The broker host: the listener thread and the glue of the parts; see oxbrokerhost.h.
 #include "oxbrokerhost.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -13,8 +15,8 @@
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <mutex>
 #include <set>
-#include <thread>
 #include <vector>
 #include <zmq.hpp>
 
@@ -40,10 +42,12 @@ using Clock = std::chrono::steady_clock;
 // identity go only once the connection's last messages have been read, a few steps later.
 constexpr int kSweepDelaysMs[] = {5, 20, 80, 320, 1280, 3000};
 constexpr int kSweeps = sizeof(kSweepDelaysMs) / sizeof(kSweepDelaysMs[0]);
-// The listener reads at most this many requests before it forwards replies again.
+// The leader reads at most this many requests before it lets the threads take their turns.
 constexpr int kBurst = 64;
-// Hello, bye and ping of a connection with nothing else in flight are answered by the listener
-// itself, if they are this small: a client's hello never waits for a worker.
+// How long the leader waits for a request before it looks at held lanes and sweeps again.
+constexpr int kLeadWaitMs = 50;
+// Hello, bye and ping of a connection with nothing else in flight are answered by the leader
+// itself, if they are this small: a client's hello never waits for a busy thread.
 constexpr std::size_t kInlineBytes = 4096;
 // Identities of closed connections remembered, so that their late messages make no session.
 constexpr std::size_t kGoneRemembered = 4096;
@@ -104,7 +108,10 @@ std::vector<wire::FrameView> viewsOf(const std::vector<zmq::message_t>& pFrames)
 class OXBrokerHost::Impl {
  public:
   Impl(boost::shared_ptr<OXBroker> pBroker, const Options& pOptions);
-  ~Impl() { stop(); }
+  ~Impl() {
+    stop();
+    if (fWakeFd >= 0) ::close(fWakeFd);  // a start that failed after the sockets were open
+  }
   void start();
   void stop();
   net::HostStatus status() const;
@@ -115,8 +122,8 @@ class OXBrokerHost::Impl {
   class HostWorker;
   void openSockets();
   void startParts();
-  // Listener thread.
-  void listen();
+  // The leader's side (one thread at a time, see oxscheduler.h).
+  void lead(bool pMayWait);
   void receive();
   bool readMessage(std::string& pRoutingId, std::vector<zmq::message_t>& pFrames,
                    FrameTally& pTally);
@@ -124,24 +131,30 @@ class OXBrokerHost::Impl {
              const FrameTally& pTally);
   bool servedInline(const std::string& pRoutingId, const std::vector<zmq::message_t>& pFrames,
                     const wire::RequestStart& pStart);
-  void forwardReplies();
   void watchConnections();
   void sweepIfDue();
+  // Any thread, fSocketMutex held.
+  void sendReply(const std::string& pRoutingId, std::vector<zmq::message_t>& pFrames);
   void answer(const std::string& pRoutingId, int pId, const OXError& pError);
   Delivery deliver(const std::string& pRoutingId, std::vector<zmq::message_t>& pFrames);
   void connectionGone(const std::string& pRoutingId);
   bool cameBack(const std::string& pRoutingId);
+  void wakeLeaderIfReadable();
+  void wakeLeader();
 
   boost::shared_ptr<OXBroker> fBroker;
   Options fOptions;
   HostLimits fLimits;
   zmq::context_t fContext;
-  std::string fRepliesEndpoint;
   std::string fMonitorEndpoint;
-  std::unique_ptr<zmq::socket_t> fFrontend;  // made in start(), then used by the listener only
-  std::unique_ptr<zmq::socket_t> fRepliesIn;
-  std::unique_ptr<zmq::socket_t> fMonitorIn;
-  std::unique_ptr<ZapHandler> fZap;  // with CURVE only
+  // ZeroMQ sockets are not thread-safe: every thread uses the ROUTER socket, and the record of
+  // gone connections, under this mutex. It comes before the scheduler's own.
+  std::mutex fSocketMutex;
+  std::unique_ptr<zmq::socket_t> fFrontend;   // made in start()
+  int fFrontendFd = -1;                       // ZeroMQ's descriptor of it: edge-triggered
+  int fWakeFd = -1;                           // an eventfd that wakes the leader
+  std::unique_ptr<zmq::socket_t> fMonitorIn;  // the leader's
+  std::unique_ptr<ZapHandler> fZap;           // with CURVE only
   std::unique_ptr<Housekeeper> fHousekeeper;
   std::unique_ptr<SharedAreas> fAreas;
   std::unique_ptr<SessionTable> fSessions;
@@ -150,27 +163,23 @@ class OXBrokerHost::Impl {
   mutable HostMetrics fMetrics;  // callRate keeps its sample
   const Clock::time_point fCreated = Clock::now();
 
-  std::atomic<bool> fStopping{false};      // no more requests are read
-  std::atomic<bool> fListenerDone{false};  // the listener forwards the last replies and ends
+  std::atomic<bool> fStopping{false};  // no more requests are read
   bool fStarted = false;
-  std::thread fListener;
 
-  // Owned by the listener thread.
+  // Under fSocketMutex.
   std::set<std::string> fGone;
   std::deque<std::string> fGoneOrder;
-  int fSweep = kSweeps;  // the next sweep of the current schedule; kSweeps: none due
+  // The leader's (handed on with the lead, under the scheduler's mutex).
+  bool fMayBeReadable = true;  // the frontend may hold a request: read before waiting
+  int fSweep = kSweeps;        // the next sweep of the current schedule; kSweeps: none due
   Clock::time_point fSweepStart;
   std::string fProbe;  // [1, 0, "ping", nil]: asks whether a connection is still there
 };
 
-// A worker thread's side: serves a request and pushes its reply to the listener.
+// A thread's side: serves a request and sends its reply itself; leads when its turn comes.
 class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
  public:
-  explicit HostWorker(Impl& pHost)
-      : fHost(pHost), fReplies(pHost.fContext, zmq::socket_type::push) {
-    fReplies.set(zmq::sockopt::linger, 1000);
-    fReplies.connect(pHost.fRepliesEndpoint);
-  }
+  explicit HostWorker(Impl& pHost) : fHost(pHost) {}
   void serve(Job& pJob) override {
     const Clock::time_point start = Clock::now();
     std::size_t requestBytes = 0;
@@ -191,6 +200,7 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
     send(pJob,
          errorReply(pJob.fId, hostError("call", refusalText(fHost.fLimits, Refusal::kStopping))));
   }
+  void lead(bool pMayWait) override { fHost.lead(pMayWait); }
 
  private:
   // Returns the bytes sent.
@@ -207,19 +217,20 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
     // its replies is held back once they reach its bound.
     held->fBytes = Reservation(pJob.fConnection, pJob.fHost, bytes);
     const boost::shared_ptr<const OXValue> owner(held, &held->fValue);
-    const auto more = zmq::send_flags::sndmore;
-    (void)fReplies.send(zmq::buffer(pJob.fRoutingId), more);
-    (void)fReplies.send(zmq::buffer(encoded.fHeader),
-                        encoded.fFrames.empty() ? zmq::send_flags::none : more);
-    for (std::size_t i = 0; i < encoded.fFrames.size(); ++i) {
-      zmq::message_t frame = borrowedFrame(*encoded.fFrames[i], owner);
-      (void)fReplies.send(frame, i + 1 == encoded.fFrames.size() ? zmq::send_flags::none : more);
+    std::vector<zmq::message_t> frames;
+    frames.reserve(1 + encoded.fFrames.size());
+    frames.emplace_back(encoded.fHeader.data(), encoded.fHeader.size());
+    for (const OXValue::Binary* frame : encoded.fFrames) {
+      frames.push_back(borrowedFrame(*frame, owner));
+    }
+    {
+      std::lock_guard<std::mutex> guard(fHost.fSocketMutex);
+      fHost.sendReply(pJob.fRoutingId, frames);
     }
     return bytes;
   }
 
   Impl& fHost;
-  zmq::socket_t fReplies;
 };
 
 OXBrokerHost::Impl::Impl(boost::shared_ptr<OXBroker> pBroker, const Options& pOptions)
@@ -235,7 +246,6 @@ OXBrokerHost::Impl::Impl(boost::shared_ptr<OXBroker> pBroker, const Options& pOp
                                  pOptions.fMaxSharedAreaBytes, std::size_t(1) << 30});
   fLimits.fMaxAreaBytes = pOptions.fMaxSharedAreaBytes;
   const std::string tag = std::to_string(reinterpret_cast<std::uintptr_t>(this));
-  fRepliesEndpoint = "inproc://oxbrokerhost-replies-" + tag;
   fMonitorEndpoint = "inproc://oxbrokerhost-monitor-" + tag;
   wire::Encoded probe;
   wire::encode(OXValue::array({wire::kProtocolVersion, 0, "ping", OXValue()}), probe);
@@ -271,8 +281,6 @@ void OXBrokerHost::Impl::openSockets() {
   }
   fMonitorIn.reset(new zmq::socket_t(fContext, zmq::socket_type::pair));
   fMonitorIn->connect(fMonitorEndpoint);
-  fRepliesIn.reset(new zmq::socket_t(fContext, zmq::socket_type::pull));
-  fRepliesIn->bind(fRepliesEndpoint);
   const std::string endpoint =
       "tcp://" + fOptions.fBindAddress + ":" +
       (fOptions.fPort == 0 ? std::string("*") : std::to_string(fOptions.fPort));
@@ -288,10 +296,18 @@ void OXBrokerHost::Impl::openSockets() {
     }
   } catch (const zmq::error_t& error) {
     fFrontend.reset();
-    fRepliesIn.reset();
     fMonitorIn.reset();
     fZap.reset();
     throw hostError("start", "cannot listen on " + listening + ": " + error.what());
+  }
+  fFrontendFd = fFrontend->get(zmq::sockopt::fd);
+  fWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (fWakeFd < 0) {
+    const int error = errno;
+    fFrontend.reset();
+    fMonitorIn.reset();
+    fZap.reset();
+    throw hostError("start", std::string("cannot make an eventfd: ") + std::strerror(error));
   }
 }
 
@@ -304,60 +320,72 @@ void OXBrokerHost::Impl::startParts() {
   }));
   fHandler.reset(new RequestHandler(fBroker, *fSessions, fLimits.fMaxMessageBytes,
                                     fOptions.fAllowRemoteEvents, fAreas.get()));
-  fScheduler.reset(new Scheduler(fLimits, fOptions.fThreads, [this] {
-    return std::unique_ptr<Scheduler::Worker>(new HostWorker(*this));
-  }));
+  // One thread more than the calls that may run at once: one always reads.
+  fScheduler.reset(new Scheduler(
+      fLimits, std::max(1, fOptions.fThreads) + 1,
+      [this] { return std::unique_ptr<Scheduler::Worker>(new HostWorker(*this)); }, true));
 }
 
 void OXBrokerHost::Impl::start() {
   openSockets();
   startParts();
   fStarted = true;
-  fListener = std::thread([this] { listen(); });
+  fScheduler->start();
 }
 
 void OXBrokerHost::Impl::stop() {
   if (!fStarted) return;
   fStarted = false;
   fStopping = true;
-  // Queued requests are answered as not served, running calls end; the listener meanwhile
-  // forwards their replies.
+  wakeLeader();
+  // Queued requests are answered as not served, running calls end and send their replies.
   fScheduler->stop();
-  fListenerDone = true;
-  fListener.join();
   fHousekeeper->stop();
   fAreas->stop();
   fFrontend->set(zmq::sockopt::linger, kClosingLingerMs);
   fFrontend.reset();
   // ZeroMQ leaves the socket file behind; nothing listens there any more.
   if (!fIpcUrl.empty()) ::unlink(fOptions.fIpcPath.c_str());
-  fRepliesIn.reset();
   fMonitorIn.reset();
   fZap.reset();
+  ::close(fWakeFd);
+  fWakeFd = -1;
 }
 
-void OXBrokerHost::Impl::listen() {
-  std::vector<zmq::pollitem_t> items = {{fRepliesIn->handle(), 0, ZMQ_POLLIN, 0},
-                                        {fMonitorIn->handle(), 0, ZMQ_POLLIN, 0},
-                                        {fFrontend->handle(), 0, ZMQ_POLLIN, 0}};
-  while (!fListenerDone) {
-    auto wait = std::chrono::milliseconds(50);
+void OXBrokerHost::Impl::lead(bool pMayWait) {
+  if (fStopping) {
+    // Nothing more is read; the scheduler ends the lead at once as it stops.
+    pollfd wake{fWakeFd, POLLIN, 0};
+    (void)::poll(&wake, 1, 1);
+    return;
+  }
+  if (pMayWait && !fMayBeReadable) {
+    auto wait = std::chrono::milliseconds(kLeadWaitMs);
     if (fSweep < kSweeps) {
       const auto due = fSweepStart + std::chrono::milliseconds(kSweepDelaysMs[fSweep]);
       wait = std::clamp(std::chrono::duration_cast<std::chrono::milliseconds>(due - Clock::now()),
                         std::chrono::milliseconds(1), wait);
     }
-    // Once stopping, requests are no longer read: only replies go out. Only the sockets that
-    // have something are read: each empty read costs ZeroMQ a system call.
-    for (zmq::pollitem_t& item : items) item.revents = 0;
-    zmq::poll(items.data(), fStopping ? 2 : 3, wait);
-    if (!fStopping && (items[2].revents & ZMQ_POLLIN) != 0) receive();
-    if ((items[0].revents & ZMQ_POLLIN) != 0) forwardReplies();
-    if ((items[1].revents & ZMQ_POLLIN) != 0) watchConnections();
-    sweepIfDue();
-    fScheduler->resume();
+    // ZeroMQ's descriptor only says that something changed (it is edge-triggered): whoever
+    // sends or reads on the socket wakes the leader if a request is waiting (see
+    // wakeLeaderIfReadable), and the socket is read until empty below.
+    zmq::pollitem_t items[] = {{nullptr, fFrontendFd, ZMQ_POLLIN, 0},
+                               {nullptr, fWakeFd, ZMQ_POLLIN, 0},
+                               {fMonitorIn->handle(), 0, ZMQ_POLLIN, 0}};
+    zmq::poll(items, 3, wait);
+    if ((items[1].revents & ZMQ_POLLIN) != 0) {
+      std::uint64_t count = 0;
+      (void)!::read(fWakeFd, &count, sizeof(count));
+    }
   }
-  forwardReplies();
+  {
+    std::lock_guard<std::mutex> guard(fSocketMutex);
+    if (!fStopping) receive();
+    watchConnections();
+    sweepIfDue();
+    fMayBeReadable = (fFrontend->get(zmq::sockopt::events) & ZMQ_POLLIN) != 0;
+  }
+  fScheduler->resume();
 }
 
 void OXBrokerHost::Impl::receive() {
@@ -430,28 +458,29 @@ bool OXBrokerHost::Impl::servedInline(const std::string& pRoutingId,
   return true;
 }
 
-void OXBrokerHost::Impl::forwardReplies() {
-  while (true) {
-    zmq::message_t first;
-    if (!fRepliesIn->recv(first, zmq::recv_flags::dontwait)) return;
-    const std::string routingId = first.to_string();
-    std::vector<zmq::message_t> frames;
-    bool more = first.more();
-    while (more) {
-      frames.emplace_back();
-      (void)fRepliesIn->recv(frames.back());
-      more = frames.back().more();
-    }
-    const Delivery delivery =
-        fGone.count(routingId) != 0 ? Delivery::kGone : deliver(routingId, frames);
-    fScheduler->replied(routingId);
-    if (delivery == Delivery::kGone) {
-      connectionGone(routingId);
-    } else if (delivery == Delivery::kFull) {
-      ki::log::LogStream(kLogVerbose, kLogCategory, "", "forwardReplies", 0)
-          << "a reply was dropped: its client has " << fLimits.fMaxInFlight << " unread";
-    }
+void OXBrokerHost::Impl::sendReply(const std::string& pRoutingId,
+                                   std::vector<zmq::message_t>& pFrames) {
+  const Delivery delivery =
+      fGone.count(pRoutingId) != 0 ? Delivery::kGone : deliver(pRoutingId, pFrames);
+  fScheduler->replied(pRoutingId);
+  if (delivery == Delivery::kGone) {
+    connectionGone(pRoutingId);
+  } else if (delivery == Delivery::kFull) {
+    ki::log::LogStream(kLogVerbose, kLogCategory, "", "sendReply", 0)
+        << "a reply was dropped: its client has " << fLimits.fMaxInFlight << " unread";
   }
+  wakeLeaderIfReadable();
+}
+
+void OXBrokerHost::Impl::wakeLeaderIfReadable() {
+  // A send may have taken in ZeroMQ's news of a request, and with it the edge of its descriptor
+  // that the leader waits for.
+  if ((fFrontend->get(zmq::sockopt::events) & ZMQ_POLLIN) != 0) wakeLeader();
+}
+
+void OXBrokerHost::Impl::wakeLeader() {
+  const std::uint64_t one = 1;
+  (void)!::write(fWakeFd, &one, sizeof(one));
 }
 
 void OXBrokerHost::Impl::answer(const std::string& pRoutingId, int pId, const OXError& pError) {

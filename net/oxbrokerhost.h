@@ -1,12 +1,15 @@
 // OXBrokerHost: serves every published method of a broker's modules to other processes.
 //
-// One thread, the listener, owns the ZeroMQ ROUTER socket: it reads requests within their bounds
-// (oxbounds.h), hands them to the fair scheduler (oxscheduler.h), whose workers serve them
-// (oxrequests.h), and sends the replies. Sessions are ZeroMQ routing identities (oxsessions.h);
-// when one ends (bye, a closed connection, or no answer to heartbeats), the housekeeper raises
-// "ClientDisconnected" and unsubscribes what the session subscribed. The messages are described
-// in docs/protocol.md, the bounds and what they stop in docs/robustness.md, who gets in and what
-// remote callers may touch in docs/security.md.
+// The threads of the fair scheduler (oxscheduler.h) take turns at reading the ZeroMQ ROUTER
+// socket (leader/followers): the reader takes requests within their bounds (oxbounds.h) and queues
+// them on their connections' lanes, then, if another thread is free to read on, serves a turn
+// itself (oxrequests.h); every thread sends its own replies, under the socket's mutex. On an idle
+// host a request thus goes from ZeroMQ's I/O thread to one host thread and back, as in a plain
+// server, while a slow call never keeps the others from being read or served. Sessions are ZeroMQ
+// routing identities (oxsessions.h); when one ends (bye, a closed connection, or no answer to
+// heartbeats), the housekeeper raises "ClientDisconnected" and unsubscribes what the session
+// subscribed. The messages are described in docs/protocol.md, the bounds and what they stop in
+// docs/robustness.md, who gets in and what remote callers may touch in docs/security.md.
 #pragma once
 
 #include <boost/shared_ptr.hpp>

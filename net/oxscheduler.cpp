@@ -2,15 +2,21 @@
 #include "oxscheduler.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace OX {
 namespace net {
 
-Scheduler::Scheduler(const HostLimits& pLimits, int pWorkers, WorkerFactory pFactory)
-    : fLimits(pLimits) {
-  for (int i = 0; i < std::max(1, pWorkers); ++i) {
-    fWorkers.emplace_back([this, pFactory] {
-      std::unique_ptr<Worker> worker = pFactory();
+Scheduler::Scheduler(const HostLimits& pLimits, int pThreads, WorkerFactory pFactory, bool pLeading)
+    : fLimits(pLimits),
+      fThreads(std::max(pLeading ? 2 : 1, pThreads)),
+      fFactory(std::move(pFactory)),
+      fLeading(pLeading) {}
+
+void Scheduler::start() {
+  for (int i = 0; i < fThreads; ++i) {
+    fWorkers.emplace_back([this] {
+      std::unique_ptr<Worker> worker = fFactory();
       work(*worker);
     });
   }
@@ -36,7 +42,8 @@ Refusal Scheduler::submit(Job&& pJob, std::size_t pMessageBytes) {
   pJob.fHost = fHostBytes;
   ++lane->second.fInFlight;
   lane->second.fQueue.push_back(std::move(pJob));
-  const bool offered = offer(lane->first, lane->second);
+  // The leader serves the turn itself or wakes a follower when it is done reading.
+  const bool offered = offer(lane->first, lane->second) && fLeader != std::this_thread::get_id();
   guard.unlock();
   // Woken outside the lock, so that the worker does not wake only to wait for it.
   if (offered) fWork.notify_one();
@@ -139,10 +146,27 @@ void Scheduler::dropIfUnused(Lanes::iterator pLane) {
     fLanes.erase(pLane);
 }
 
+void Scheduler::lead(Worker& pWorker, std::unique_lock<std::mutex>& pGuard) {
+  fLed = true;
+  fLeader = std::this_thread::get_id();
+  do {
+    // Turns that wait for the next thread are not held up by a wait for more requests.
+    const bool mayWait = fTurns.empty() || fWaiting == 0;
+    pGuard.unlock();
+    pWorker.lead(mayWait);
+    pGuard.lock();
+  } while (!fStopping && (fTurns.empty() || fWaiting == 0));
+  fLed = false;
+  fLeader = std::thread::id();
+  if (fStopping) return;
+  // One waiting thread takes the lead, others the turns beyond the one this thread takes.
+  const std::size_t wake = std::min(fWaiting, fTurns.size());
+  for (std::size_t i = 0; i < wake; ++i) fWork.notify_one();
+}
+
 void Scheduler::work(Worker& pWorker) {
   std::unique_lock<std::mutex> guard(fMutex);
   while (true) {
-    fWork.wait(guard, [this] { return fStopping || !fTurns.empty() || !fRefusals.empty(); });
     if (!fRefusals.empty()) {
       Job job = std::move(fRefusals.front());
       fRefusals.pop_front();
@@ -151,7 +175,16 @@ void Scheduler::work(Worker& pWorker) {
       guard.lock();
       continue;
     }
-    if (fTurns.empty()) return;  // stopping, and nothing left to answer
+    if (fLeading && !fLed && !fStopping) {
+      lead(pWorker, guard);
+      if (fStopping) continue;
+    } else if (fTurns.empty()) {
+      if (fStopping) return;  // and nothing left to answer
+      ++fWaiting;
+      fWork.wait(guard);
+      --fWaiting;
+      continue;
+    }
     const std::string routingId = std::move(fTurns.front());
     fTurns.pop_front();
     auto lane = fLanes.find(routingId);

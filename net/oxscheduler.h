@@ -4,6 +4,13 @@
 // lanes that have work take turns on the workers. A client that pipelines slow calls therefore
 // holds one worker, never all of them, and never the place in line of another client. A lane
 // whose connection holds more unread replies than its bound waits until the client reads them.
+//
+// With leading, the threads also take turns at reading requests (leader/followers): one thread,
+// the leader, waits for requests and queues them; when that gives a lane a turn and another thread
+// is idle, the leader hands the reading to that thread and serves the turn itself, so that a
+// request of an idle host is read, served and answered on one thread. The leader keeps reading
+// while every other thread serves, so there is always one reading while any thread is free, and
+// at most the number of threads less one calls run at once.
 #pragma once
 
 #include <atomic>
@@ -42,14 +49,20 @@ class Scheduler {
     virtual void serve(Job& pJob) = 0;
     // Answers a job that will not be served because the host is stopping.
     virtual void refuse(Job& pJob) = 0;
+    // With leading: submits the requests that came, after waiting a while (bounded) for some
+    // when pMayWait.
+    virtual void lead(bool pMayWait) { (void)pMayWait; }
   };
   using WorkerFactory = std::function<std::unique_ptr<Worker>()>;
 
-  Scheduler(const HostLimits& pLimits, int pWorkers, WorkerFactory pFactory);
+  // pThreads threads; with pLeading, one of them leads at any time (Worker::lead).
+  Scheduler(const HostLimits& pLimits, int pThreads, WorkerFactory pFactory, bool pLeading = false);
   ~Scheduler();
+  // Starts the threads. Once.
+  void start();
 
   // Queues a request of pMessageBytes on its connection's lane, unless a bound says no.
-  // Listener thread.
+  // The listener thread, or the leader.
   Refusal submit(Job&& pJob, std::size_t pMessageBytes);
   // True when the connection has no request queued, running or being answered.
   bool idle(const std::string& pRoutingId) const;
@@ -60,7 +73,7 @@ class Scheduler {
   void retire(const std::string& pRoutingId, std::function<void()> pThen);
   // Requests waiting for a worker, and being served, at this moment.
   void load(std::size_t& pQueued, std::size_t& pRunning) const;
-  // Lanes held back by unread replies are looked at again. Listener thread, now and then.
+  // Lanes held back by unread replies are looked at again. The listener or leader, now and then.
   void resume();
   // Queued requests are refused, running ones finish; then the workers end. Idempotent.
   void stop();
@@ -78,6 +91,8 @@ class Scheduler {
   };
   using Lanes = std::map<std::string, Lane>;
   void work(Worker& pWorker);
+  // Leads until a follower can take over or the scheduler stops; fMutex held.
+  void lead(Worker& pWorker, std::unique_lock<std::mutex>& pGuard);
   // Puts the lane in line if its next request may start; true when it did. fMutex held.
   bool offer(const std::string& pRoutingId, Lane& pLane);
   void dropIfUnused(Lanes::iterator pLane);
@@ -91,6 +106,12 @@ class Scheduler {
   std::deque<std::string> fTurns;  // lanes with a request that may start, in order of turn
   std::deque<Job> fRefusals;       // requests to answer as not served, once stopping
   bool fStopping = false;
+  const int fThreads;
+  const WorkerFactory fFactory;
+  const bool fLeading;
+  bool fLed = false;         // a thread leads
+  std::thread::id fLeader;   // that thread
+  std::size_t fWaiting = 0;  // threads waiting for something to do
   std::vector<std::thread> fWorkers;
 };
 

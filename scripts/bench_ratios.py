@@ -13,12 +13,16 @@ def main(paths):
     times = {}
     for path in paths:
         with open(path) as handle:
-            for entry in json.load(handle).get("benchmarks", []):
-                # With --benchmark_repetitions, the median of the repetitions.
-                if entry.get("run_type", "iteration") == "iteration":
-                    times.setdefault(entry["name"], entry["real_time"])
-                elif entry.get("aggregate_name") == "median":
-                    times[entry["run_name"]] = entry["real_time"]
+            text = handle.read()
+        # A program whose benchmarks a --benchmark_filter left out writes nothing.
+        if not text.strip():
+            continue
+        for entry in json.loads(text).get("benchmarks", []):
+            # With --benchmark_repetitions, the median of the repetitions.
+            if entry.get("run_type", "iteration") == "iteration":
+                times.setdefault(entry["name"], entry["real_time"])
+            elif entry.get("aggregate_name") == "median":
+                times[entry["run_name"]] = entry["real_time"]
     # A time ratio: below 1 the benchmark is faster than its reference.
     print(f"{'benchmark':50} {'time / reference':>20}")
     for name, time in sorted(times.items()):

@@ -36,13 +36,13 @@ milliseconds timed(F pCall) {
 
 // A client that subscribes to camera 1, which no frame ever reaches, and pipelines calls that
 // each wait a whole first-frame wait under the device's lock.
-void pipelineSlowCalls(RawClient& pClient, int pCount) {
-  pClient.hello("hog");
+void pipelineSlowCalls(RawClient& pClient, int pCount, const std::string& pName = "hog") {
+  pClient.hello(pName);
   pClient.send(1, "call",
-               {"OXVideoDevice", "subscribeCamera", OXValue::array({"hog", 1, 0, 11, 30})});
-  ASSERT_EQ(pClient.receive()[3], OXValue("hog"));
+               {"OXVideoDevice", "subscribeCamera", OXValue::array({pName, 1, 0, 11, 30})});
+  ASSERT_EQ(pClient.receive()[3], OXValue(pName));
   for (int id = 2; id < 2 + pCount; ++id) {
-    pClient.send(id, "call", {"OXVideoDevice", "getImageRemote", OXValue::array({"hog"})});
+    pClient.send(id, "call", {"OXVideoDevice", "getImageRemote", OXValue::array({pName})});
   }
 }
 
@@ -122,8 +122,8 @@ TEST(Hostile, RequestsBuiltToBlowUpCostBoundedMemory) {
     EXPECT_EQ(raw.receive()[2], OXValue("ok")) << c.attack;
     OXProxy("OXMemory", "127.0.0.1", broker.port()).genericCall("getData", OXValue::array({"k"}));
     const std::size_t grown = broker.peakMemory() - start;
-    std::cout << c.attack << ": peak memory +" << grown / kMiB
-              << " MiB (unbounded, about " << unbounded / kMiB << " MiB)\n";
+    std::cout << c.attack << ": peak memory +" << grown / kMiB << " MiB (unbounded, about "
+              << unbounded / kMiB << " MiB)\n";
     if (!vitest::kSanitized) {
       EXPECT_LT(grown, c.bound) << c.attack;
     }
@@ -169,6 +169,28 @@ TEST(Hostile, PipelinedSlowCallsCostOthersOneWorkerAtMost) {
     EXPECT_LT(push, quick);
     EXPECT_LT(deviceCalls, (kFirstFrameWait + milliseconds(500)) * kTimeScale);
   }  // the hog goes: its queued calls are dropped, so that the broker stops promptly below
+}
+
+// Requests are read by whichever thread is free: a host that handed the reading to a thread
+// about to serve, or let its last free thread serve, would leave a newcomer unanswered while
+// every serving thread waits on the camera.
+TEST(Hostile, AHostWhoseServingThreadsAreAllBusyStillReadsAndTakesTurns) {
+  BrokerProcess broker({"--threads", "2"});
+  {
+    RawClient hog1(broker.url());
+    RawClient hog2(broker.url());
+    pipelineSlowCalls(hog1, 4, "hog1");
+    pipelineSlowCalls(hog2, 4, "hog2");
+    std::unique_ptr<OXProxy> memory;
+    const milliseconds hello =
+        timed([&] { memory.reset(new OXProxy("OXMemory", "127.0.0.1", broker.port())); });
+    // The newcomer's call takes the first turn after a slow one, before the hogs' next.
+    const milliseconds call = timed([&] {
+      memory->genericCall("insertData", OXValue::array({"k", 1}));
+    });
+    EXPECT_LT(hello, milliseconds(100 * kTimeScale));
+    EXPECT_LT(call, (2 * kFirstFrameWait + milliseconds(500)) * kTimeScale);
+  }
 }
 
 // A host whose workers stopped only on an empty queue never stopped under load, and a second
