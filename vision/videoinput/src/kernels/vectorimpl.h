@@ -307,18 +307,41 @@ inline void pixelsInOrder(const unsigned char* pPair, V& pRedGreen, V& pBlueGree
   }
 }
 
-// Four pairs per lane, computed in the target's order: the luma of every pixel; 255 - U of the
-// left pixels and 255 - V of the right ones, and the other way round with each value moved to its
-// partner's lane, so that the means land where the target has them: U after the left pixel's
-// luma, V after the right one's.
+// The same size and ratio 2 convert every pixel to the sums of its products alone, without
+// offsets: luma 66 R + 129 G + 25 B, U -38 R - 74 G + 112 B, V 112 R - 94 G - 18 B, green's
+// factor split as in kFactors.
+enum SumOf { kSumY, kSumU, kSumV };
+constexpr Factors kSums[] = {{66, 62, 25, 67, 0}, {-38, -37, 112, -37, 0}, {112, -47, -18, -47, 0}};
+
+// Sum kEven of the pixels in the even 16-bit lanes and kOdd of those in the odd ones, wrapped to
+// 16 bits.
+template <SumOf kEven, SumOf kOdd>
+inline V sumsOf(V pRedGreen, V pBlueGreen) {
+  constexpr Factors e = kSums[kEven], o = kSums[kOdd];
+  return add16(maddubs(pRedGreen, quad8(e.fRed, e.fGreen1, o.fRed, o.fGreen1)),
+               maddubs(pBlueGreen, quad8(e.fBlue, e.fGreen2, o.fBlue, o.fGreen2)));
+}
+
+// Four pairs per lane, computed in the target's order. The luma: its sum s, wrapped to 16 bits,
+// is s or s - 65536 as a signed value, and mulhrs16() by 128 floors (s + 128) / 256, or that
+// less 256: the low byte is Y - 16 either way, and adding 16 carries into nothing (Y <= 235).
+// The chroma: U of the left pixels and V of the right ones, rounded and offset in the high byte
+// (s + 128 + 128 * 256 lies in [0, 65535]); then V of the left pixels and U of the right ones
+// less 1 (the offset 127 * 256 + 128), each moved to its partner's lane. The rounding byte
+// average of a and b - 1 is the truncating mean (a + b) >> 1, and no U or V is below 16, so that
+// b - 1 never wraps.
 template <int kRatio>
 inline void pairBlock(const unsigned char* pLeft, unsigned char* pTarget) {
   V redGreen, blueGreen;
   pixelsInOrder<kRatio, 4 * PairLayout<kRatio>::kStep>(pLeft, redGreen, blueGreen);
-  const V swapped = shuffle8(componentOf<kNotV, kNotU>(redGreen, blueGreen),
-                             mask(2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13));
-  store16(pTarget, lumaAndMean(componentOf<kLuma>(redGreen, blueGreen),
-                               componentOf<kNotU, kNotV>(redGreen, blueGreen), swapped));
+  const V luma = mulhrs16(sumsOf<kSumY, kSumY>(redGreen, blueGreen), splat16(128));
+  const V chroma = add16(sumsOf<kSumU, kSumV>(redGreen, blueGreen),
+                         splat16(static_cast<short>(128 * 256 + 128)));
+  const V partners = shuffle8(add16(sumsOf<kSumV, kSumU>(redGreen, blueGreen),
+                                    splat16(static_cast<short>(127 * 256 + 128))),
+                              mask(2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13));
+  const V lumaAndMeans = blend8(luma, avg8(chroma, partners), splat16(static_cast<short>(0xFF00)));
+  store16(pTarget, add16(lumaAndMeans, splat16(16)));
 }
 
 // Ratios 4 and 8: the pixels sampled, kStep bytes apart, are the left pixels of the pairs and,
