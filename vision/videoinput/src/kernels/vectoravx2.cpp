@@ -14,7 +14,10 @@ using V = __m256i;
 constexpr int kLanes = 2;
 
 inline V everyLane(__m128i pValue) {
-  return _mm256_broadcastsi128_si256(pValue);
+  // Written as a vector shuffle, which the compiler folds into a 32-byte constant.
+  using Q2 = long long __attribute__((vector_size(16)));
+  return reinterpret_cast<V>(__builtin_shufflevector(reinterpret_cast<Q2>(pValue),
+                                                     reinterpret_cast<Q2>(pValue), 0, 1, 0, 1));
 }
 // Lane 0 from pAt, lane 1 from pStride bytes on.
 inline V lanes(const unsigned char* pAt, int pStride) {

@@ -224,6 +224,17 @@ inline V colourOf(V pHue) {
 
 // --- RGB pairs to YUV422 ---
 
+// Brings the kBytes from pAt on into the cache, a line at a time: called on bytes that follow
+// one another, its addresses lie at most 64 bytes apart and meet every line. The rows of a
+// reduction lie apart, each on other pages than the last: the processor's own prefetching
+// learns every row anew, too late.
+template <int kBytes>
+inline void prefetch(const unsigned char* pAt) {
+  for (int k = 0; k < kBytes; k += 64) {
+    _mm_prefetch(reinterpret_cast<const char*>(pAt + k), _MM_HINT_T0);
+  }
+}
+
 // The pairs of a reduction by kRatio (1 for the same size): the bytes from pair to pair, and from
 // a pair's left pixel to its right one. At ratios 4 and 8 the right pixel of a pair is the left
 // pixel of the next pair or of the one after it.
@@ -394,12 +405,16 @@ struct Sampling {
   static Components following(const unsigned char* pAt) {
     return componentsOfPixels(perLane(pAt, 0, ahead), splat32(0));
   }
-  static int row(const unsigned char* pLeft, unsigned char* pTarget, int pPairs) {
+  // With kPrefetch, pAhead's bytes are prefetched as far as the row is read.
+  template <bool kPrefetch>
+  static int row(const unsigned char* pLeft, unsigned char* pTarget, int pPairs,
+                 const unsigned char* pAhead) {
     constexpr int kPerLoop = kPairs * kLanes;
     const int done = pPairs / kPerLoop * kPerLoop;
     if (done == 0) return 0;
     Components current = block(pLeft);
     for (int i = 0; i < done; i += kPerLoop) {
+      if constexpr (kPrefetch) prefetch<kStep * kPerLoop>(pAhead + kStep * i);
       const unsigned char* next = pLeft + kStep * (i + kPerLoop);
       const Components after = i + kPerLoop < done ? block(next) : following(next);
       const auto right = [](V pCurrent, V pAfter) {
@@ -538,6 +553,29 @@ int yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, i
       });
 }
 
+namespace {
+
+// Ratio 2 in whole blocks, two a turn, and with kPrefetch pAhead's pairs prefetched as far.
+template <bool kPrefetch>
+int ratio2Row(const unsigned char* pLeft, unsigned char* pTarget, int pPairs,
+              const unsigned char* pAhead) {
+  constexpr int kPerPairLoop = 4 * kLanes;
+  const int done = pPairs / kPerPairLoop * kPerPairLoop;
+  int i = 0;
+  for (; i + 2 * kPerPairLoop <= done; i += 2 * kPerPairLoop) {
+    if constexpr (kPrefetch) prefetch<24 * kPerPairLoop>(pAhead + 12 * i);
+    pairBlock<2>(pLeft + 12 * i, pTarget + 4 * i);
+    pairBlock<2>(pLeft + 12 * (i + kPerPairLoop), pTarget + 4 * (i + kPerPairLoop));
+  }
+  if (i < done) {
+    if constexpr (kPrefetch) prefetch<12 * kPerPairLoop>(pAhead + 12 * i);
+    pairBlock<2>(pLeft + 12 * i, pTarget + 4 * i);
+  }
+  return done;
+}
+
+}  // namespace
+
 int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
             unsigned char* pTarget, int pPairs) {
   constexpr int kPerPairLoop = 4 * kLanes;
@@ -550,11 +588,31 @@ int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
     for (int i = 0; i < done; i += kPerPairLoop) pairBlock<1>(pLeft + 6 * i, pTarget + 4 * i);
     return done;
   }
-  if (is(Step<2>())) {
-    for (int i = 0; i < done; i += kPerPairLoop) pairBlock<2>(pLeft + 12 * i, pTarget + 4 * i);
+  if (is(Step<2>())) return ratio2Row<false>(pLeft, pTarget, pPairs, pLeft);
+  if (is(Step<4>())) return Sampling<4>::row<false>(pLeft, pTarget, pPairs, pLeft);
+  if (is(Step<8>())) return Sampling<8>::row<false>(pLeft, pTarget, pPairs, pLeft);
+  return 0;
+}
+
+int pairRows(const PairRows& pRows) {
+  const auto each = [&](auto pRow) {
+    int done = 0;
+    for (int y = 0; y < pRows.fRows; ++y) {
+      const unsigned char* left = pRows.fSource + y * pRows.fSourceStride;
+      // The next row, or this one again at the end: nothing beyond the frame.
+      const unsigned char* ahead = y + 1 < pRows.fRows ? left + pRows.fSourceStride : left;
+      unsigned char* target =
+          pRows.fTarget + static_cast<unsigned long>(y) * pRows.fWidth / pRows.fRatio * 2;
+      done = pRow(left, target, pRows.fPairs, ahead);
+    }
     return done;
-  }
-  if (is(Step<4>())) return Sampling<4>::row(pLeft, pTarget, pPairs);
-  if (is(Step<8>())) return Sampling<8>::row(pLeft, pTarget, pPairs);
+  };
+  const auto is = [&](auto pRatio) {
+    using Layout = PairLayout<decltype(pRatio)::kValue>;
+    return pRows.fStep == Layout::kStep && pRows.fRight == Layout::kRight;
+  };
+  if (is(Step<2>())) return each(ratio2Row<true>);
+  if (is(Step<4>())) return each(Sampling<4>::row<true>);
+  if (is(Step<8>())) return each(Sampling<8>::row<true>);
   return 0;
 }
