@@ -224,14 +224,14 @@ inline V colourOf(V pHue) {
 
 // --- RGB pairs to YUV422 ---
 
-// Brings the kBytes from pAt on into the cache, a line at a time: called on bytes that follow
-// one another, its addresses lie at most 64 bytes apart and meet every line. The rows of a
-// reduction lie apart, each on other pages than the last: the processor's own prefetching
-// learns every row anew, too late.
-template <int kBytes>
+// Brings bytes kFrom to kTo of pAt (kFrom included) into the cache: one prefetch for every
+// multiple of 64 among them, so that calls on ranges that follow one another meet every line.
+// The rows of a reduction lie apart, each on other pages than the last: the processor's own
+// prefetching learns every row anew, too late.
+template <int kFrom, int kTo>
 inline void prefetch(const unsigned char* pAt) {
-  for (int k = 0; k < kBytes; k += 64) {
-    _mm_prefetch(reinterpret_cast<const char*>(pAt + k), _MM_HINT_T0);
+  for (int at = (kFrom + 63) / 64 * 64; at < kTo; at += 64) {
+    _mm_prefetch(reinterpret_cast<const char*>(pAt + at), _MM_HINT_T0);
   }
 }
 
@@ -414,7 +414,7 @@ struct Sampling {
     if (done == 0) return 0;
     Components current = block(pLeft);
     for (int i = 0; i < done; i += kPerLoop) {
-      if constexpr (kPrefetch) prefetch<kStep * kPerLoop>(pAhead + kStep * i);
+      if constexpr (kPrefetch) prefetch<0, kStep * kPerLoop>(pAhead + kStep * i);
       const unsigned char* next = pLeft + kStep * (i + kPerLoop);
       const Components after = i + kPerLoop < done ? block(next) : following(next);
       const auto right = [](V pCurrent, V pAfter) {
@@ -555,22 +555,34 @@ int yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, i
 
 namespace {
 
-// Ratio 2 in whole blocks, two a turn, and with kPrefetch pAhead's pairs prefetched as far.
+// Ratio 2 in whole blocks, four a turn while they last, and with kPrefetch pAhead's pairs
+// prefetched as far.
 template <bool kPrefetch>
 int ratio2Row(const unsigned char* pLeft, unsigned char* pTarget, int pPairs,
               const unsigned char* pAhead) {
   constexpr int kPerPairLoop = 4 * kLanes;
   const int done = pPairs / kPerPairLoop * kPerPairLoop;
+  const auto blocks = [&](auto pCount, int pFirst) {
+    constexpr int kCount = decltype(pCount)::kValue;
+    constexpr int kBytes = 12 * kPerPairLoop;
+    const auto block = [&](auto pIndex) {
+      constexpr int kIndex = decltype(pIndex)::kValue;
+      if constexpr (kPrefetch) {
+        prefetch<kIndex * kBytes, (kIndex + 1) * kBytes>(pAhead + 12 * pFirst);
+      }
+      const int i = pFirst + kIndex * kPerPairLoop;
+      pairBlock<2>(pLeft + 12 * i, pTarget + 4 * i);
+    };
+    block(Step<0>());
+    if constexpr (kCount == 4) {
+      block(Step<1>());
+      block(Step<2>());
+      block(Step<3>());
+    }
+  };
   int i = 0;
-  for (; i + 2 * kPerPairLoop <= done; i += 2 * kPerPairLoop) {
-    if constexpr (kPrefetch) prefetch<24 * kPerPairLoop>(pAhead + 12 * i);
-    pairBlock<2>(pLeft + 12 * i, pTarget + 4 * i);
-    pairBlock<2>(pLeft + 12 * (i + kPerPairLoop), pTarget + 4 * (i + kPerPairLoop));
-  }
-  if (i < done) {
-    if constexpr (kPrefetch) prefetch<12 * kPerPairLoop>(pAhead + 12 * i);
-    pairBlock<2>(pLeft + 12 * i, pTarget + 4 * i);
-  }
+  for (; i + 4 * kPerPairLoop <= done; i += 4 * kPerPairLoop) blocks(Step<4>(), i);
+  for (; i < done; i += kPerPairLoop) blocks(Step<1>(), i);
   return done;
 }
 
