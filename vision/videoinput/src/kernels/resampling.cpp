@@ -75,7 +75,22 @@ void replicateRowReference(const unsigned char* pSource, int pWidth, int pRatio,
   }
 }
 
-constexpr Kernels kReference = {pairRowReference, replicateRowReference};
+unsigned char* targetRow(const simd::PairRows& pRows, int pRow) {
+  return pRows.fTarget + static_cast<size_t>(pRow) * pRows.fWidth / pRows.fRatio * 2;
+}
+
+const unsigned char* sourceRow(const simd::PairRows& pRows, int pRow) {
+  return pRows.fSource + pRow * pRows.fSourceStride;
+}
+
+void pairRowsReference(const simd::PairRows& pRows) {
+  for (int y = 0; y < pRows.fRows; ++y) {
+    const unsigned char* left = sourceRow(pRows, y);
+    pairRowReference(left, left + pRows.fRight, pRows.fStep, targetRow(pRows, y), pRows.fPairs);
+  }
+}
+
+constexpr Kernels kReference = {pairRowReference, replicateRowReference, pairRowsReference};
 
 // A vector kernel on the whole blocks of the row, then the reference on the pairs left. The
 // replication stays scalar.
@@ -90,8 +105,24 @@ void vectorPairRow(const unsigned char* pLeft, const unsigned char* pRight, int 
                    pPairs - done);
 }
 
-constexpr Kernels kSse41 = {vectorPairRow<simd::sse41::pairRow>, replicateRowReference};
-constexpr Kernels kAvx2 = {vectorPairRow<simd::avx2::pairRow>, replicateRowReference};
+// The same for whole frames: the vector kernel does the same pairs in every row.
+using FastRows = int (*)(const simd::PairRows& pRows);
+template <FastRows kFast>
+void vectorPairRows(const simd::PairRows& pRows) {
+  const int done = kFast(pRows);
+  if (done == pRows.fPairs) return;
+  const ptrdiff_t skipped = ptrdiff_t{pRows.fStep} * done;
+  for (int y = 0; y < pRows.fRows; ++y) {
+    const unsigned char* left = sourceRow(pRows, y) + skipped;
+    pairRowReference(left, left + pRows.fRight, pRows.fStep, targetRow(pRows, y) + 4 * done,
+                     pRows.fPairs - done);
+  }
+}
+
+constexpr Kernels kSse41 = {vectorPairRow<simd::sse41::pairRow>, replicateRowReference,
+                            vectorPairRows<simd::sse41::pairRows>};
+constexpr Kernels kAvx2 = {vectorPairRow<simd::avx2::pairRow>, replicateRowReference,
+                           vectorPairRows<simd::avx2::pairRows>};
 
 KernelChoice<Kernels> gChoice(kReference, kSse41, kAvx2);
 
@@ -129,19 +160,23 @@ bool subSample(int pRatio, int pWidth, int pHeight, const unsigned char* pSource
   const int rows = pHeight / n;
   const int cols = pWidth / n;
   if (rows <= 0) return true;
-  const PairRow pairRow = activeKernels().fPairRow;
   // The right pixel lies (n / 2) x n pixels right of the left one and pairs are 2 n pixels
   // apart: for n of 4 and 8 the sampling is uneven and the last pairs of a row read into the
   // next row. These strides define the pixels every subscriber below the pushed size gets, and
   // frames are compared byte for byte across the cameras' clients, so they stay; no read leaves
-  // the storage, since the rows used stop n - 1 rows short of the frame's end.
-  const int rightOffset = (n / 2) * n * 3;
-  const int pairs = (cols + 1) / 2;
-  for (int y = 0; y < rows; ++y) {
-    const unsigned char* left = pSource + static_cast<size_t>(y) * pWidth * n * 3;
-    unsigned char* target = pTarget + static_cast<size_t>((y * pWidth) / n) * 2;
-    pairRow(left, left + rightOffset, n * 6, target, pairs);
-  }
+  // the storage, since the rows used stop n - 1 rows short of the frame's end. Target row y
+  // starts at (y * pWidth / n) * 2.
+  simd::PairRows plan{};
+  plan.fSource = pSource;
+  plan.fSourceStride = static_cast<long>(pWidth) * n * 3;
+  plan.fRight = (n / 2) * n * 3;
+  plan.fStep = n * 6;
+  plan.fPairs = (cols + 1) / 2;
+  plan.fRows = rows;
+  plan.fWidth = pWidth;
+  plan.fRatio = n;
+  plan.fTarget = pTarget;
+  activeKernels().fPairRows(plan);
   return true;
 }
 

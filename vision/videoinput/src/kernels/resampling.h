@@ -3,6 +3,7 @@
 #pragma once
 
 #include "kernels/kernelchoice.h"
+#include "kernels/vector.h"
 
 namespace OX {
 namespace resamplingkernels {
@@ -16,9 +17,13 @@ using PairRow = void (*)(const unsigned char* pLeft, const unsigned char* pRight
 using ReplicateRow = void (*)(const unsigned char* pSource, int pWidth, int pRatio,
                               unsigned char* pTarget);
 
+// The rows of a reduction (see simd::PairRows), each through the pair kernel.
+using PairRows = void (*)(const simd::PairRows& pRows);
+
 struct Kernels {
   PairRow fPairRow;
   ReplicateRow fReplicateRow;
+  PairRows fPairRows;
 };
 
 // The plain integer kernels, the oracle of every faster variant.

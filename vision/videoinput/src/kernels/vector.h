@@ -2,11 +2,23 @@
 // compiled for that instruction set: only code that has checked the processor may call them.
 // Each converts the whole blocks at the start of a row and returns how many macro-pixels (pairs,
 // for pairRow) it did, 0 for a step or layout it has no fast path for; the caller finishes the
-// row with the reference kernel. Their reads and writes stay within those of the reference.
+// row with the reference kernel (pairRows: the pairs done in each row). Their reads and writes
+// stay within those of the reference; pairRows prefetches the row after the one it converts,
+// which no prefetch can fault on.
 #pragma once
 
 namespace OX {
 namespace simd {
+
+// The rows of a reduction: row y of fRows has fPairs pairs, the first left pixel at
+// fSource + y * fSourceStride, the right pixel of a pair fRight bytes after its left one, pairs
+// fStep bytes apart; its target starts at fTarget + (y * fWidth / fRatio) * 2.
+struct PairRows {
+  const unsigned char* fSource;
+  long fSourceStride;
+  int fRight, fStep, fPairs, fRows, fWidth, fRatio;
+  unsigned char* fTarget;
+};
 
 namespace sse41 {
 int yuvRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
@@ -21,6 +33,7 @@ int h2rgbRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, in
 int yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
 int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
             unsigned char* pTarget, int pPairs);
+int pairRows(const PairRows& pRows);
 }  // namespace sse41
 
 namespace avx2 {
@@ -36,6 +49,7 @@ int h2rgbRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, in
 int yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
 int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
             unsigned char* pTarget, int pPairs);
+int pairRows(const PairRows& pRows);
 }  // namespace avx2
 
 }  // namespace simd

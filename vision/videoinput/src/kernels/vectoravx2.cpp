@@ -14,7 +14,10 @@ using V = __m256i;
 constexpr int kLanes = 2;
 
 inline V everyLane(__m128i pValue) {
-  return _mm256_broadcastsi128_si256(pValue);
+  // Written as a vector shuffle, which the compiler folds into a 32-byte constant.
+  using Q2 = long long __attribute__((vector_size(16)));
+  return reinterpret_cast<V>(__builtin_shufflevector(reinterpret_cast<Q2>(pValue),
+                                                     reinterpret_cast<Q2>(pValue), 0, 1, 0, 1));
 }
 // Lane 0 from pAt, lane 1 from pStride bytes on.
 inline V lanes(const unsigned char* pAt, int pStride) {
@@ -100,6 +103,10 @@ inline V unpackhi64(V pA, V pB) {
 // The bytes of pB where pMask's are negative, else those of pA.
 inline V blend8(V pA, V pB, V pMask) {
   return _mm256_blendv_epi8(pA, pB, pMask);
+}
+// (pA pB + 2^14) >> 15 of signed 16-bit lanes: with pB 128, (pA + 128) >> 8.
+inline V mulhrs16(V pA, V pB) {
+  return _mm256_mulhrs_epi16(pA, pB);
 }
 // The rounding average of unsigned bytes.
 inline V avg8(V pA, V pB) {

@@ -224,6 +224,17 @@ inline V colourOf(V pHue) {
 
 // --- RGB pairs to YUV422 ---
 
+// Brings bytes kFrom to kTo of pAt (kFrom included) into the cache: one prefetch for every
+// multiple of 64 among them, so that calls on ranges that follow one another meet every line.
+// The rows of a reduction lie apart, each on other pages than the last: the processor's own
+// prefetching learns every row anew, too late.
+template <int kFrom, int kTo>
+inline void prefetch(const unsigned char* pAt) {
+  for (int at = (kFrom + 63) / 64 * 64; at < kTo; at += 64) {
+    _mm_prefetch(reinterpret_cast<const char*>(pAt + at), _MM_HINT_T0);
+  }
+}
+
 // The pairs of a reduction by kRatio (1 for the same size): the bytes from pair to pair, and from
 // a pair's left pixel to its right one. At ratios 4 and 8 the right pixel of a pair is the left
 // pixel of the next pair or of the one after it.
@@ -307,18 +318,41 @@ inline void pixelsInOrder(const unsigned char* pPair, V& pRedGreen, V& pBlueGree
   }
 }
 
-// Four pairs per lane, computed in the target's order: the luma of every pixel; 255 - U of the
-// left pixels and 255 - V of the right ones, and the other way round with each value moved to its
-// partner's lane, so that the means land where the target has them: U after the left pixel's
-// luma, V after the right one's.
+// The same size and ratio 2 convert every pixel to the sums of its products alone, without
+// offsets: luma 66 R + 129 G + 25 B, U -38 R - 74 G + 112 B, V 112 R - 94 G - 18 B, green's
+// factor split as in kFactors.
+enum SumOf { kSumY, kSumU, kSumV };
+constexpr Factors kSums[] = {{66, 62, 25, 67, 0}, {-38, -37, 112, -37, 0}, {112, -47, -18, -47, 0}};
+
+// Sum kEven of the pixels in the even 16-bit lanes and kOdd of those in the odd ones, wrapped to
+// 16 bits.
+template <SumOf kEven, SumOf kOdd>
+inline V sumsOf(V pRedGreen, V pBlueGreen) {
+  constexpr Factors e = kSums[kEven], o = kSums[kOdd];
+  return add16(maddubs(pRedGreen, quad8(e.fRed, e.fGreen1, o.fRed, o.fGreen1)),
+               maddubs(pBlueGreen, quad8(e.fBlue, e.fGreen2, o.fBlue, o.fGreen2)));
+}
+
+// Four pairs per lane, computed in the target's order. The luma: its sum s, wrapped to 16 bits,
+// is s or s - 65536 as a signed value, and mulhrs16() by 128 floors (s + 128) / 256, or that
+// less 256: the low byte is Y - 16 either way, and adding 16 carries into nothing (Y <= 235).
+// The chroma: U of the left pixels and V of the right ones, rounded and offset in the high byte
+// (s + 128 + 128 * 256 lies in [0, 65535]); then V of the left pixels and U of the right ones
+// less 1 (the offset 127 * 256 + 128), each moved to its partner's lane. The rounding byte
+// average of a and b - 1 is the truncating mean (a + b) >> 1, and no U or V is below 16, so that
+// b - 1 never wraps.
 template <int kRatio>
 inline void pairBlock(const unsigned char* pLeft, unsigned char* pTarget) {
   V redGreen, blueGreen;
   pixelsInOrder<kRatio, 4 * PairLayout<kRatio>::kStep>(pLeft, redGreen, blueGreen);
-  const V swapped = shuffle8(componentOf<kNotV, kNotU>(redGreen, blueGreen),
-                             mask(2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13));
-  store16(pTarget, lumaAndMean(componentOf<kLuma>(redGreen, blueGreen),
-                               componentOf<kNotU, kNotV>(redGreen, blueGreen), swapped));
+  const V luma = mulhrs16(sumsOf<kSumY, kSumY>(redGreen, blueGreen), splat16(128));
+  const V chroma = add16(sumsOf<kSumU, kSumV>(redGreen, blueGreen),
+                         splat16(static_cast<short>(128 * 256 + 128)));
+  const V partners = shuffle8(add16(sumsOf<kSumV, kSumU>(redGreen, blueGreen),
+                                    splat16(static_cast<short>(127 * 256 + 128))),
+                              mask(2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13));
+  const V lumaAndMeans = blend8(luma, avg8(chroma, partners), splat16(static_cast<short>(0xFF00)));
+  store16(pTarget, add16(lumaAndMeans, splat16(16)));
 }
 
 // Ratios 4 and 8: the pixels sampled, kStep bytes apart, are the left pixels of the pairs and,
@@ -371,12 +405,16 @@ struct Sampling {
   static Components following(const unsigned char* pAt) {
     return componentsOfPixels(perLane(pAt, 0, ahead), splat32(0));
   }
-  static int row(const unsigned char* pLeft, unsigned char* pTarget, int pPairs) {
+  // With kPrefetch, pAhead's bytes are prefetched as far as the row is read.
+  template <bool kPrefetch>
+  static int row(const unsigned char* pLeft, unsigned char* pTarget, int pPairs,
+                 const unsigned char* pAhead) {
     constexpr int kPerLoop = kPairs * kLanes;
     const int done = pPairs / kPerLoop * kPerLoop;
     if (done == 0) return 0;
     Components current = block(pLeft);
     for (int i = 0; i < done; i += kPerLoop) {
+      if constexpr (kPrefetch) prefetch<0, kStep * kPerLoop>(pAhead + kStep * i);
       const unsigned char* next = pLeft + kStep * (i + kPerLoop);
       const Components after = i + kPerLoop < done ? block(next) : following(next);
       const auto right = [](V pCurrent, V pAfter) {
@@ -515,6 +553,41 @@ int yycbcrRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, i
       });
 }
 
+namespace {
+
+// Ratio 2 in whole blocks, four a turn while they last, and with kPrefetch pAhead's pairs
+// prefetched as far.
+template <bool kPrefetch>
+int ratio2Row(const unsigned char* pLeft, unsigned char* pTarget, int pPairs,
+              const unsigned char* pAhead) {
+  constexpr int kPerPairLoop = 4 * kLanes;
+  const int done = pPairs / kPerPairLoop * kPerPairLoop;
+  const auto blocks = [&](auto pCount, int pFirst) {
+    constexpr int kCount = decltype(pCount)::kValue;
+    constexpr int kBytes = 12 * kPerPairLoop;
+    const auto block = [&](auto pIndex) {
+      constexpr int kIndex = decltype(pIndex)::kValue;
+      if constexpr (kPrefetch) {
+        prefetch<kIndex * kBytes, (kIndex + 1) * kBytes>(pAhead + 12 * pFirst);
+      }
+      const int i = pFirst + kIndex * kPerPairLoop;
+      pairBlock<2>(pLeft + 12 * i, pTarget + 4 * i);
+    };
+    block(Step<0>());
+    if constexpr (kCount == 4) {
+      block(Step<1>());
+      block(Step<2>());
+      block(Step<3>());
+    }
+  };
+  int i = 0;
+  for (; i + 4 * kPerPairLoop <= done; i += 4 * kPerPairLoop) blocks(Step<4>(), i);
+  for (; i < done; i += kPerPairLoop) blocks(Step<1>(), i);
+  return done;
+}
+
+}  // namespace
+
 int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
             unsigned char* pTarget, int pPairs) {
   constexpr int kPerPairLoop = 4 * kLanes;
@@ -527,11 +600,31 @@ int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
     for (int i = 0; i < done; i += kPerPairLoop) pairBlock<1>(pLeft + 6 * i, pTarget + 4 * i);
     return done;
   }
-  if (is(Step<2>())) {
-    for (int i = 0; i < done; i += kPerPairLoop) pairBlock<2>(pLeft + 12 * i, pTarget + 4 * i);
+  if (is(Step<2>())) return ratio2Row<false>(pLeft, pTarget, pPairs, pLeft);
+  if (is(Step<4>())) return Sampling<4>::row<false>(pLeft, pTarget, pPairs, pLeft);
+  if (is(Step<8>())) return Sampling<8>::row<false>(pLeft, pTarget, pPairs, pLeft);
+  return 0;
+}
+
+int pairRows(const PairRows& pRows) {
+  const auto each = [&](auto pRow) {
+    int done = 0;
+    for (int y = 0; y < pRows.fRows; ++y) {
+      const unsigned char* left = pRows.fSource + y * pRows.fSourceStride;
+      // The next row, or this one again at the end: nothing beyond the frame.
+      const unsigned char* ahead = y + 1 < pRows.fRows ? left + pRows.fSourceStride : left;
+      unsigned char* target =
+          pRows.fTarget + static_cast<unsigned long>(y) * pRows.fWidth / pRows.fRatio * 2;
+      done = pRow(left, target, pRows.fPairs, ahead);
+    }
     return done;
-  }
-  if (is(Step<4>())) return Sampling<4>::row(pLeft, pTarget, pPairs);
-  if (is(Step<8>())) return Sampling<8>::row(pLeft, pTarget, pPairs);
+  };
+  const auto is = [&](auto pRatio) {
+    using Layout = PairLayout<decltype(pRatio)::kValue>;
+    return pRows.fStep == Layout::kStep && pRows.fRight == Layout::kRight;
+  };
+  if (is(Step<2>())) return each(ratio2Row<true>);
+  if (is(Step<4>())) return each(Sampling<4>::row<true>);
+  if (is(Step<8>())) return each(Sampling<8>::row<true>);
   return 0;
 }

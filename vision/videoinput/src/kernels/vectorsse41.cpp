@@ -89,6 +89,10 @@ inline V unpackhi64(V pA, V pB) {
 inline V blend8(V pA, V pB, V pMask) {
   return _mm_blendv_epi8(pA, pB, pMask);
 }
+// (pA pB + 2^14) >> 15 of signed 16-bit lanes: with pB 128, (pA + 128) >> 8.
+inline V mulhrs16(V pA, V pB) {
+  return _mm_mulhrs_epi16(pA, pB);
+}
 // The rounding average of unsigned bytes.
 inline V avg8(V pA, V pB) {
   return _mm_avg_epu8(pA, pB);
