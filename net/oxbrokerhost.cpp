@@ -321,9 +321,9 @@ void OXBrokerHost::Impl::startParts() {
   fHandler.reset(new RequestHandler(fBroker, *fSessions, fLimits.fMaxMessageBytes,
                                     fOptions.fAllowRemoteEvents, fAreas.get()));
   // One thread more than the calls that may run at once: one always reads.
-  fScheduler.reset(new Scheduler(
-      fLimits, std::max(1, fOptions.fThreads) + 1,
-      [this] { return std::unique_ptr<Scheduler::Worker>(new HostWorker(*this)); }, true));
+  fScheduler.reset(new Scheduler(fLimits, std::max(1, fOptions.fThreads) + 1, [this] {
+    return std::unique_ptr<Scheduler::Worker>(new HostWorker(*this));
+  }));
 }
 
 void OXBrokerHost::Impl::start() {

@@ -7,11 +7,8 @@
 namespace OX {
 namespace net {
 
-Scheduler::Scheduler(const HostLimits& pLimits, int pThreads, WorkerFactory pFactory, bool pLeading)
-    : fLimits(pLimits),
-      fThreads(std::max(pLeading ? 2 : 1, pThreads)),
-      fFactory(std::move(pFactory)),
-      fLeading(pLeading) {}
+Scheduler::Scheduler(const HostLimits& pLimits, int pThreads, WorkerFactory pFactory)
+    : fLimits(pLimits), fThreads(std::max(2, pThreads)), fFactory(std::move(pFactory)) {}
 
 void Scheduler::start() {
   for (int i = 0; i < fThreads; ++i) {
@@ -175,7 +172,7 @@ void Scheduler::work(Worker& pWorker) {
       guard.lock();
       continue;
     }
-    if (fLeading && !fLed && !fStopping) {
+    if (!fLed && !fStopping) {
       lead(pWorker, guard);
       if (fStopping) continue;
     } else if (fTurns.empty()) {

@@ -5,7 +5,7 @@
 // holds one worker, never all of them, and never the place in line of another client. A lane
 // whose connection holds more unread replies than its bound waits until the client reads them.
 //
-// With leading, the threads also take turns at reading requests (leader/followers): one thread,
+// The threads also take turns at reading requests (leader/followers): one thread,
 // the leader, waits for requests and queues them; when that gives a lane a turn and another thread
 // is idle, the leader hands the reading to that thread and serves the turn itself, so that a
 // request of an idle host is read, served and answered on one thread. The leader keeps reading
@@ -49,14 +49,14 @@ class Scheduler {
     virtual void serve(Job& pJob) = 0;
     // Answers a job that will not be served because the host is stopping.
     virtual void refuse(Job& pJob) = 0;
-    // With leading: submits the requests that came, after waiting a while (bounded) for some
+    // Submits the requests that came, after waiting a while (bounded) for some
     // when pMayWait.
-    virtual void lead(bool pMayWait) { (void)pMayWait; }
+    virtual void lead(bool pMayWait) = 0;
   };
   using WorkerFactory = std::function<std::unique_ptr<Worker>()>;
 
-  // pThreads threads; with pLeading, one of them leads at any time (Worker::lead).
-  Scheduler(const HostLimits& pLimits, int pThreads, WorkerFactory pFactory, bool pLeading = false);
+  // pThreads threads (at least two), one of which leads at any time (Worker::lead).
+  Scheduler(const HostLimits& pLimits, int pThreads, WorkerFactory pFactory);
   ~Scheduler();
   // Starts the threads. Once.
   void start();
@@ -108,7 +108,6 @@ class Scheduler {
   bool fStopping = false;
   const int fThreads;
   const WorkerFactory fFactory;
-  const bool fLeading;
   bool fLed = false;         // a thread leads
   std::thread::id fLeader;   // that thread
   std::size_t fWaiting = 0;  // threads waiting for something to do
