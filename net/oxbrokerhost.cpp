@@ -24,6 +24,7 @@
 #include "oxbounds.h"
 #include "oxerror.h"
 #include "oxhostlog.h"
+#include "oxlocalcalls.h"
 #include "oxrequests.h"
 #include "oxscheduler.h"
 #include "oxsessions.h"
@@ -115,6 +116,16 @@ class OXBrokerHost::Impl {
   void start();
   void stop();
   net::HostStatus status() const;
+  // Serves one request of a session, whichever way it came (ZeroMQ or the session's Unix
+  // connection): runs it, encodes the reply (its large binaries in the session's area), hands it
+  // to pSend to go out, and counts it in the metrics. pReply keeps the reply's value, which the
+  // encoded frames point into.
+  void serveRequest(const std::string& pRoutingId, const std::vector<wire::FrameView>& pFrames,
+                    std::size_t pRequestBytes, int pId, const std::string& pPeer, OXValue& pReply,
+                    const LocalCalls::Writer& pSend);
+  // Encodes a reply of the session (its large binaries in its area); returns its bytes.
+  std::size_t encodeFor(const std::string& pRoutingId, int pId, OXValue& pReply,
+                        wire::Encoded& pEncoded);
   std::string fUrl;
   std::string fIpcUrl;
 
@@ -160,6 +171,7 @@ class OXBrokerHost::Impl {
   std::unique_ptr<SessionTable> fSessions;
   std::unique_ptr<RequestHandler> fHandler;
   std::unique_ptr<Scheduler> fScheduler;
+  std::unique_ptr<LocalCalls> fCalls;
   mutable HostMetrics fMetrics;  // callRate keeps its sample
   const Clock::time_point fCreated = Clock::now();
 
@@ -181,57 +193,72 @@ class OXBrokerHost::Impl::HostWorker : public Scheduler::Worker {
  public:
   explicit HostWorker(Impl& pHost) : fHost(pHost) {}
   void serve(Job& pJob) override {
-    const Clock::time_point start = Clock::now();
     std::size_t requestBytes = 0;
     for (const zmq::message_t& frame : pJob.fFrames) requestBytes += frame.size();
-    RequestHandler::Served served;
-    OXValue reply =
-        fHost.fHandler->handle(pJob.fRoutingId, viewsOf(pJob.fFrames),
-                               pJob.fFrames.empty() ? "" : peerOf(pJob.fFrames[0]), &served);
-    pJob.fFrames.clear();  // the decoded request holds its own copy
-    const bool failed = reply[2].asString() == "error";
-    const std::size_t replyBytes = send(pJob, std::move(reply));
-    if (served.fOperation == "call") {
-      fHost.fMetrics.record(served.fModule, served.fMethod, failed, requestBytes, replyBytes,
-                            Clock::now() - start);
-    }
+    auto held = boost::make_shared<HeldReply>();
+    fHost.serveRequest(pJob.fRoutingId, viewsOf(pJob.fFrames), requestBytes, pJob.fId,
+                       pJob.fFrames.empty() ? "" : peerOf(pJob.fFrames[0]), held->fValue,
+                       [&](const wire::Encoded& pEncoded, std::size_t pBytes) {
+                         pJob.fFrames.clear();  // the decoded request holds its own copy
+                         send(pJob, held, pEncoded, pBytes);
+                       });
   }
   void refuse(Job& pJob) override {
-    send(pJob,
-         errorReply(pJob.fId, hostError("call", refusalText(fHost.fLimits, Refusal::kStopping))));
+    auto held = boost::make_shared<HeldReply>();
+    held->fValue =
+        errorReply(pJob.fId, hostError("call", refusalText(fHost.fLimits, Refusal::kStopping)));
+    wire::Encoded encoded;
+    const std::size_t bytes = fHost.encodeFor(pJob.fRoutingId, pJob.fId, held->fValue, encoded);
+    send(pJob, held, encoded, bytes);
   }
   void lead(bool pMayWait) override { fHost.lead(pMayWait); }
 
  private:
-  // Returns the bytes sent.
-  std::size_t send(Job& pJob, OXValue&& pReply) {
-    auto held = boost::make_shared<HeldReply>();
-    held->fValue = std::move(pReply);
-    wire::Encoded encoded;
-    // A session on this machine may have its large binaries placed in its shared area.
-    const std::shared_ptr<SharedArea> area = fHost.fSessions->area(pJob.fRoutingId);
-    encodeReply(pJob.fId, held->fValue, encoded, area.get());
-    std::size_t bytes = encoded.fHeader.size();
-    for (const OXValue::Binary* frame : encoded.fFrames) bytes += frame->size();
+  void send(Job& pJob, const boost::shared_ptr<HeldReply>& pHeld, const wire::Encoded& pEncoded,
+            std::size_t pBytes) {
     // Charged to the connection until ZeroMQ has written the reply: a client that does not read
     // its replies is held back once they reach its bound.
-    held->fBytes = Reservation(pJob.fConnection, pJob.fHost, bytes);
-    const boost::shared_ptr<const OXValue> owner(held, &held->fValue);
+    pHeld->fBytes = Reservation(pJob.fConnection, pJob.fHost, pBytes);
+    const boost::shared_ptr<const OXValue> owner(pHeld, &pHeld->fValue);
     std::vector<zmq::message_t> frames;
-    frames.reserve(1 + encoded.fFrames.size());
-    frames.emplace_back(encoded.fHeader.data(), encoded.fHeader.size());
-    for (const OXValue::Binary* frame : encoded.fFrames) {
+    frames.reserve(1 + pEncoded.fFrames.size());
+    frames.emplace_back(pEncoded.fHeader.data(), pEncoded.fHeader.size());
+    for (const OXValue::Binary* frame : pEncoded.fFrames) {
       frames.push_back(borrowedFrame(*frame, owner));
     }
-    {
-      std::lock_guard<std::mutex> guard(fHost.fSocketMutex);
-      fHost.sendReply(pJob.fRoutingId, frames);
-    }
-    return bytes;
+    std::lock_guard<std::mutex> guard(fHost.fSocketMutex);
+    fHost.sendReply(pJob.fRoutingId, frames);
   }
 
   Impl& fHost;
 };
+
+void OXBrokerHost::Impl::serveRequest(const std::string& pRoutingId,
+                                      const std::vector<wire::FrameView>& pFrames,
+                                      std::size_t pRequestBytes, int pId, const std::string& pPeer,
+                                      OXValue& pReply, const LocalCalls::Writer& pSend) {
+  const Clock::time_point start = Clock::now();
+  RequestHandler::Served served;
+  pReply = fHandler->handle(pRoutingId, pFrames, pPeer, &served);
+  const bool failed = pReply[2].asString() == "error";
+  wire::Encoded encoded;
+  const std::size_t replyBytes = encodeFor(pRoutingId, pId, pReply, encoded);
+  pSend(encoded, replyBytes);
+  if (served.fOperation == "call") {
+    fMetrics.record(served.fModule, served.fMethod, failed, pRequestBytes, replyBytes,
+                    Clock::now() - start);
+  }
+}
+
+std::size_t OXBrokerHost::Impl::encodeFor(const std::string& pRoutingId, int pId, OXValue& pReply,
+                                          wire::Encoded& pEncoded) {
+  // A session on this machine may have its large binaries placed in its shared area.
+  const std::shared_ptr<SharedArea> area = fSessions->area(pRoutingId);
+  encodeReply(pId, pReply, pEncoded, area.get());
+  std::size_t bytes = pEncoded.fHeader.size();
+  for (const OXValue::Binary* frame : pEncoded.fFrames) bytes += frame->size();
+  return bytes;
+}
 
 OXBrokerHost::Impl::Impl(boost::shared_ptr<OXBroker> pBroker, const Options& pOptions)
     : fBroker(pBroker), fOptions(pOptions), fContext(1) {
@@ -318,12 +345,29 @@ void OXBrokerHost::Impl::startParts() {
   fSessions.reset(new SessionTable(fLimits.fMaxSessions, [this](Farewell&& pFarewell) {
     fHousekeeper->post(std::move(pFarewell));
   }));
-  fHandler.reset(new RequestHandler(fBroker, *fSessions, fLimits.fMaxMessageBytes,
-                                    fOptions.fAllowRemoteEvents, fAreas.get()));
   // One thread more than the calls that may run at once: one always reads.
   fScheduler.reset(new Scheduler(fLimits, std::max(1, fOptions.fThreads) + 1, [this] {
     return std::unique_ptr<Scheduler::Worker>(new HostWorker(*this));
   }));
+  if (fLimits.fAreaBytes > 0) {
+    // A session's Unix connection lives as long as its area: at most one per area the host may
+    // hold, each with a thread of its own (docs/robustness.md says why they bypass the lanes).
+    const std::size_t areas = std::max<std::size_t>(1, fLimits.fMaxAreaBytes / fLimits.fAreaBytes);
+    fCalls.reset(new LocalCalls(
+        fLimits, fScheduler->hostBytes(), areas, std::max(50, fOptions.fHeartbeatTimeoutMs),
+        [this](const std::string& pRoutingId, const std::vector<wire::FrameView>& pFrames,
+               std::size_t pBytes, int pId, const std::string& pPeer,
+               const LocalCalls::Writer& pWrite) {
+          OXValue reply;
+          serveRequest(pRoutingId, pFrames, pBytes, pId, pPeer, reply, pWrite);
+        },
+        [this](const std::string& pRoutingId, const SharedArea* pArea) {
+          return fSessions->area(pRoutingId).get() == pArea;
+        }));
+    fCalls->start();
+  }
+  fHandler.reset(new RequestHandler(fBroker, *fSessions, fLimits.fMaxMessageBytes,
+                                    fOptions.fAllowRemoteEvents, fAreas.get(), fCalls.get()));
 }
 
 void OXBrokerHost::Impl::start() {
@@ -338,6 +382,8 @@ void OXBrokerHost::Impl::stop() {
   fStarted = false;
   fStopping = true;
   wakeLeader();
+  // The same for the calls of the Unix connections, which then close.
+  if (fCalls) fCalls->stop();
   // Queued requests are answered as not served, running calls end and send their replies.
   fScheduler->stop();
   fHousekeeper->stop();
@@ -608,6 +654,7 @@ net::HostStatus OXBrokerHost::Impl::status() const {
   status.fCallRate = fMetrics.callRate();
   status.fMethods = fMetrics.methods();
   if (fScheduler) fScheduler->load(status.fQueued, status.fRunning);
+  if (fCalls) status.fRunning += fCalls->running();
   if (fSessions) status.fSessions = fSessions->list();
   return status;
 }

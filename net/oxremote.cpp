@@ -10,6 +10,7 @@
 
 #include "oxerror.h"
 #include "oxkeys.h"
+#include "oxlocalcalls.h"
 #include "oxrequests.h"
 #include "oxsharedmemory.h"
 #include "oxwire.h"
@@ -123,6 +124,11 @@ bool OXRemoteConnection::usesSharedMemory() const {
   return fArea != nullptr;
 }
 
+bool OXRemoteConnection::usesUnixSocket() const {
+  std::lock_guard<std::mutex> guard(fMutex);
+  return fCalls != nullptr;
+}
+
 OXValue OXRemoteConnection::send(const std::string& pOperation, OXValue::Array&& pOperands,
                                  const std::string& pFunction, std::vector<BinaryView>* pViews) {
   std::lock_guard<std::mutex> guard(fMutex);
@@ -149,12 +155,14 @@ OXValue OXRemoteConnection::send(const std::string& pOperation, OXValue::Array&&
 
 void OXRemoteConnection::hello(const std::string& pFunction, int pTimeoutMs) {
   using SharedMemory = ConnectOptions::SharedMemory;
+  fCalls.reset();
   fArea.reset();
   int id = 0;
   OXValue::Array operands = {fClientName, fModuleName.empty() ? OXValue() : OXValue(fModuleName)};
   // Only a client that asks for an area says more than a client of old.
   const bool ask = fOptions.fSharedMemory != SharedMemory::kNever;
   if (ask) operands.emplace_back(true);
+  if (ask && fOptions.fUnixSocketCalls) operands.emplace_back(true);
   const OXValue sent = message("hello", std::move(operands), id);
   const OXValue reply = exchange(sent, id, pFunction, pTimeoutMs);
   if (ask) takeArea(reply, pFunction, pTimeoutMs);
@@ -174,9 +182,22 @@ void OXRemoteConnection::takeArea(const OXValue& pReply, const std::string& pFun
   } else {
     try {
       fArea.reset(new net::AreaClient(offer));
-      return;
     } catch (const OXError& error) {
       refusal = error.getDescription();
+    }
+    if (fArea) {
+      // The calls door, when offered: without it, or when it refuses, calls go through ZeroMQ.
+      const OXValue door = pReply.getSize() > 3 ? pReply[3] : OXValue();
+      if (door.isArray() && door.getSize() > 0 && door[0].isString()) {
+        try {
+          fCalls.reset(new net::CallsClient(
+              door[0].asString(),
+              std::string(reinterpret_cast<const char*>(offer[1].GetBinary()), offer[1].getSize()),
+              pTimeoutMs));
+        } catch (const OXError&) {
+        }
+      }
+      return;
     }
   }
   if (required) throw OXError("OXProxy", pFunction, refusal, kRemoteFile, __LINE__);
@@ -207,6 +228,10 @@ OXValue OXRemoteConnection::exchange(const OXValue& pMessage, int pId, const std
                                      int pTimeoutMs, std::vector<BinaryView>* pViews) {
   wire::Encoded encoded;
   wire::encode(pMessage, encoded);
+  OXValue result;
+  if (fCalls && exchangeLocally(encoded, pId, pFunction, pTimeoutMs, pViews, result)) {
+    return result;
+  }
   const auto sendFlags = [](bool pLast) {
     return pLast ? zmq::send_flags::dontwait : zmq::send_flags::sndmore | zmq::send_flags::dontwait;
   };
@@ -249,14 +274,8 @@ OXValue OXRemoteConnection::exchange(const OXValue& pMessage, int pId, const std
     } while (frames.back().more());
     std::vector<wire::FrameView> views;
     for (const zmq::message_t& frame : frames) views.push_back({frame.data(), frame.size()});
-    if (pViews != nullptr) pViews->clear();
-    OXValue reply =
-        wire::decode(views, SIZE_MAX, wire::DecodeBudget::unlimited(), fArea.get(), pViews);
-    if (!reply.isArray() || reply.getSize() != 4 || !reply[1].isInt() || !reply[2].isString()) {
-      throw OXError("OXProxy", pFunction, "malformed reply from " + fUrl, kRemoteFile, __LINE__);
-    }
-    // Another id: a late reply to a request that timed out, or the broker's probe (id 0).
-    if (reply[1].asInt() != pId) continue;
+    OXValue reply;
+    if (!decodeReply(views, pId, pFunction, pViews, reply)) continue;
     if (pViews != nullptr) {
       fHeld = std::move(frames);  // the views point into them (moving keeps their bytes)
     } else if (fArea) {
@@ -265,6 +284,54 @@ OXValue OXRemoteConnection::exchange(const OXValue& pMessage, int pId, const std
     if (reply[2].asString() == "error") wire::throwErrorValue(reply[3]);
     return std::move(reply[3]);  // the pixels of an image are not copied once more
   }
+}
+
+bool OXRemoteConnection::exchangeLocally(const wire::Encoded& pEncoded, int pId,
+                                         const std::string& pFunction, int pTimeoutMs,
+                                         std::vector<BinaryView>* pViews, OXValue& pResult) {
+  using Result = net::CallsClient::Result;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(pTimeoutMs);
+  Result result = fCalls->send(pEncoded, deadline);
+  bool started = false;
+  std::vector<wire::FrameView> views;
+  while (result == Result::kDone) {
+    result = fCalls->receive(views, deadline, started);
+    if (result != Result::kDone) break;
+    OXValue reply;
+    if (!decodeReply(views, pId, pFunction, pViews, reply)) continue;
+    // The views point into the connection's buffer until the next call.
+    if (pViews == nullptr && fArea) fArea->releaseAll();
+    if (reply[2].asString() == "error") wire::throwErrorValue(reply[3]);
+    pResult = std::move(reply[3]);
+    return true;
+  }
+  // Either way the stream may be cut in the middle of a message: the session's later calls go
+  // through ZeroMQ.
+  fCalls.reset();
+  if (result == Result::kTimedOut) {
+    throw OXError("OXProxy", pFunction,
+                  "no reply from " + fUrl + " within " + std::to_string(pTimeoutMs) + " ms",
+                  kRemoteFile, __LINE__);
+  }
+  if (started) {
+    throw OXError("OXProxy", pFunction, "the connection to " + fUrl + " closed during a reply",
+                  kRemoteFile, __LINE__);
+  }
+  // The host closed the connection (its session ended, or it stops) without reading the
+  // request: ZeroMQ carries it, and says whether the session is still there.
+  return false;
+}
+
+bool OXRemoteConnection::decodeReply(const std::vector<wire::FrameView>& pFrames, int pId,
+                                     const std::string& pFunction, std::vector<BinaryView>* pViews,
+                                     OXValue& pReply) {
+  if (pViews != nullptr) pViews->clear();
+  pReply = wire::decode(pFrames, SIZE_MAX, wire::DecodeBudget::unlimited(), fArea.get(), pViews);
+  if (!pReply.isArray() || pReply.getSize() != 4 || !pReply[1].isInt() || !pReply[2].isString()) {
+    throw OXError("OXProxy", pFunction, "malformed reply from " + fUrl, kRemoteFile, __LINE__);
+  }
+  // Another id: a late reply to a request that timed out, or the broker's probe (id 0).
+  return pReply[1].asInt() == pId;
 }
 
 OXProxy::OXProxy(const std::string& pModuleName, const std::string& pHost, int pPort)

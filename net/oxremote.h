@@ -17,7 +17,8 @@ namespace OX {
 
 namespace net {
 class AreaClient;
-}
+class CallsClient;
+}  // namespace net
 
 // Bytes of a result read in place.
 using BinaryView = wire::BinaryView;
@@ -67,6 +68,8 @@ class OXRemoteConnection : public OXRemoteChannel {
   int getTimeout() const { return fTimeoutMs; }
   // Whether replies come through a shared-memory area.
   bool usesSharedMemory() const;
+  // Whether requests and replies travel over the session's Unix socket, not ZeroMQ.
+  bool usesUnixSocket() const;
 
  private:
   OXValue send(const std::string& pOperation, OXValue::Array&& pOperands,
@@ -77,6 +80,13 @@ class OXRemoteConnection : public OXRemoteChannel {
   OXValue message(const std::string& pOperation, OXValue::Array&& pOperands, int& pId);
   void hello(const std::string& pFunction, int pTimeoutMs);
   void takeArea(const OXValue& pReply, const std::string& pFunction, int pTimeoutMs);
+  // The exchange over the Unix socket; false when it closed before the request was read, which
+  // then goes through ZeroMQ.
+  bool exchangeLocally(const wire::Encoded& pEncoded, int pId, const std::string& pFunction,
+                       int pTimeoutMs, std::vector<BinaryView>* pViews, OXValue& pResult);
+  // The reply in pFrames, or false when it is another request's.
+  bool decodeReply(const std::vector<wire::FrameView>& pFrames, int pId,
+                   const std::string& pFunction, std::vector<BinaryView>* pViews, OXValue& pReply);
 
   std::string fUrl;
   std::string fClientName;
@@ -87,6 +97,7 @@ class OXRemoteConnection : public OXRemoteChannel {
   zmq::socket_t fSocket;
   int fNextId = 1;
   std::unique_ptr<net::AreaClient> fArea;
+  std::unique_ptr<net::CallsClient> fCalls;
   // The frames of the last reply read in place, kept until the next request.
   std::vector<zmq::message_t> fHeld;
 };

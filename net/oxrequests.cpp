@@ -4,6 +4,7 @@
 #include "oxcaller.h"
 #include "oxerror.h"
 #include "oxservices.h"
+#include "oxlocalcalls.h"
 #include "oxsharedmemory.h"
 
 namespace OX {
@@ -87,12 +88,13 @@ void encodeReply(int pId, OXValue& pReply, wire::Encoded& pOut, wire::BinaryPlac
 
 RequestHandler::RequestHandler(boost::shared_ptr<OXBroker> pBroker, SessionTable& pSessions,
                                std::size_t pMaxMessageBytes, bool pAllowRemoteEvents,
-                               SharedAreas* pAreas)
+                               SharedAreas* pAreas, LocalCalls* pCalls)
     : fBroker(std::move(pBroker)),
       fSessions(pSessions),
       fMaxMessageBytes(pMaxMessageBytes),
       fAllowRemoteEvents(pAllowRemoteEvents),
-      fAreas(pAreas) {}
+      fAreas(pAreas),
+      fCalls(pCalls) {}
 
 OXValue RequestHandler::handle(const std::string& pRoutingId,
                                const std::vector<wire::FrameView>& pFrames,
@@ -145,6 +147,8 @@ OXValue RequestHandler::run(const std::string& pRoutingId, const OXValue& pHeade
 
 // Operand 2, when true, asks for a shared-memory area: the answer is then a third element of the
 // reply, the area's offer or the text of its refusal. Every hello sets the session's area anew.
+// Operand 3, when true as well, asks for the calls door (oxlocalcalls.h): when an area is offered,
+// a fourth element answers, the door's address or the text of its refusal.
 OXValue RequestHandler::hello(const std::string& pRoutingId, const OXValue& pHeader,
                               const std::string& pPeer) {
   const std::string& name = operandString(pHeader, 3, "hello");
@@ -160,6 +164,15 @@ OXValue RequestHandler::hello(const std::string& pRoutingId, const OXValue& pHea
   if (wantsArea) {
     reply.arrayPush(fAreas != nullptr ? fAreas->offer(pPeer, area)
                                       : OXValue("shared memory is not offered by this host"));
+  }
+  const bool wantsCalls =
+      wantsArea && pHeader.getSize() > 6 && pHeader[6].isBool() && pHeader[6].asBool();
+  if (wantsCalls && area) {
+    fSessions.setArea(pRoutingId, area);
+    reply.arrayPush(fCalls != nullptr
+                        ? fCalls->expect(pRoutingId, pPeer, area)
+                        : OXValue("calls over a Unix socket are not offered by this host"));
+    return reply;
   }
   fSessions.setArea(pRoutingId, std::move(area));
   return reply;

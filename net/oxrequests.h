@@ -19,14 +19,16 @@ namespace net {
 constexpr const char* kUnknownSession = "unknown session: say hello first";
 
 class SharedAreas;
+class LocalCalls;
 
 class RequestHandler {
  public:
   // pAllowRemoteEvents: see OXBrokerHost::Options::fAllowRemoteEvents. With pAreas, a client on
-  // this machine may ask for a shared-memory area at hello.
+  // this machine may ask for a shared-memory area at hello, and with pCalls, once it has one, to
+  // send its calls over a Unix socket (oxlocalcalls.h).
   RequestHandler(boost::shared_ptr<OXBroker> pBroker, SessionTable& pSessions,
                  std::size_t pMaxMessageBytes, bool pAllowRemoteEvents = false,
-                 SharedAreas* pAreas = nullptr);
+                 SharedAreas* pAreas = nullptr, LocalCalls* pCalls = nullptr);
 
   // What a request was, for the host's metrics: its operation and, for a call, the module and
   // method called (empty when the request could not be decoded that far).
@@ -52,6 +54,7 @@ class RequestHandler {
   const std::size_t fMaxMessageBytes;
   const bool fAllowRemoteEvents;
   SharedAreas* fAreas;
+  LocalCalls* fCalls;
 };
 
 OXValue okReply(int pId, OXValue&& pResult);

@@ -77,6 +77,8 @@ class Scheduler {
   void resume();
   // Queued requests are refused, running ones finish; then the workers end. Idempotent.
   void stop();
+  // The bytes held for all connections, which requests served elsewhere are charged to as well.
+  std::shared_ptr<ByteAccount> hostBytes() const { return fHostBytes; }
 
  private:
   struct Lane {
