@@ -1,14 +1,22 @@
 // The broker host in its own process, driven through the remote OXProxy and through raw
 // ZeroMQ messages: results, errors and introspection arrive as they would in-process, over the
-// socket and over a shared-memory area alike, every refusal is answered under the request's id,
-// and a client carries on across a reconnection. The areas themselves are bounded, single-use and
-// only for this machine.
+// socket and over a shared-memory area alike (its calls over ZeroMQ or over the session's Unix
+// socket), every refusal is answered under the request's id, and a client carries on across a
+// reconnection. The areas themselves are bounded, single-use and only for this machine; the Unix
+// connections are single-use too, and bounded in time.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "brokerprocess.h"
 #include "oxbroker.h"
+#include "oxlocalcalls.h"
 #include "oxremote.h"
 #include "oxsharedmemory.h"
 #include "oxwire.h"
@@ -24,23 +32,37 @@ using vitest::RawClient;
 using SharedMemory = OX::ConnectOptions::SharedMemory;
 namespace net = OX::net;
 
-// Every remote test that carries results runs over both channels.
-class Channel : public ::testing::TestWithParam<SharedMemory> {
+// Every remote test that carries results runs over every channel: the socket, and an area with
+// its calls over ZeroMQ or over the session's Unix socket.
+struct Way {
+  SharedMemory fSharedMemory;
+  bool fUnixSocket;
+  const char* fName;
+};
+void PrintTo(const Way& pWay, std::ostream* pOut) {
+  *pOut << pWay.fName;
+}
+class Channel : public ::testing::TestWithParam<Way> {
  protected:
   boost::shared_ptr<OXProxy> connect(const std::string& pUrl, const std::string& pModule) {
     OX::ConnectOptions options;
-    options.fSharedMemory = GetParam();
+    options.fSharedMemory = GetParam().fSharedMemory;
+    options.fUnixSocketCalls = GetParam().fUnixSocket;
     boost::shared_ptr<OXProxy> proxy = OXProxy::connect(pUrl, pModule, options);
-    const auto* connection = dynamic_cast<OX::OXRemoteConnection*>(proxy->getRemoteChannel());
-    EXPECT_EQ(connection->usesSharedMemory(), GetParam() == SharedMemory::kRequire);
+    expectChannel(*proxy);
     return proxy;
+  }
+  void expectChannel(OXProxy& pProxy) {
+    const auto* connection = dynamic_cast<OX::OXRemoteConnection*>(pProxy.getRemoteChannel());
+    EXPECT_EQ(connection->usesSharedMemory(), GetParam().fSharedMemory == SharedMemory::kRequire);
+    EXPECT_EQ(connection->usesUnixSocket(), GetParam().fUnixSocket);
   }
 };
 INSTANTIATE_TEST_SUITE_P(Remote, Channel,
-                         ::testing::Values(SharedMemory::kNever, SharedMemory::kRequire),
-                         [](const auto& pInfo) {
-                           return pInfo.param == SharedMemory::kNever ? "Socket" : "SharedMemory";
-                         });
+                         ::testing::Values(Way{SharedMemory::kNever, false, "Socket"},
+                                           Way{SharedMemory::kRequire, false, "SharedOverZeroMQ"},
+                                           Way{SharedMemory::kRequire, true, "SharedMemory"}),
+                         [](const auto& pInfo) { return std::string(pInfo.param.fName); });
 
 // Puts the bytes of pViews back into the binaries of pValue, depth first, as callWithViews left
 // them.
@@ -198,8 +220,7 @@ TEST_P(Channel, ClientIntroducesItselfAgainAfterItsConnectionIsMadeAgain) {
   proxy.genericCall("insertData", OXValue::array({"key", image}));
   // The new session has an area of its own, or none, as the first one had.
   EXPECT_EQ(proxy.genericCall("getData", OXValue::array({"key"})), image);
-  const auto* connection = dynamic_cast<OX::OXRemoteConnection*>(proxy.getRemoteChannel());
-  EXPECT_EQ(connection->usesSharedMemory(), GetParam() == SharedMemory::kRequire);
+  expectChannel(proxy);
 }
 
 // A binary placed in the area but read back wrong (a stale position, a view of the wrong bytes,
@@ -314,3 +335,132 @@ TEST(SharedArea, RequiringItOfAnotherMachineFailsBeforeConnecting) {
 }
 
 }  // namespace
+
+namespace {
+
+// A Unix socket connected to an abstract address ("@name") that has shown pToken: the door's
+// answer in pAnswer ('1' let in, '0' refused, 0 closed without one) unless pToken is empty.
+int knock(const std::string& pAddress, const std::string& pToken, char& pAnswer) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path + 1, pAddress.data() + 1, pAddress.size() - 1);
+  EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address),
+                    static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + pAddress.size())),
+            0);
+  const timeval timeout{10 * vitest::kTimeScale, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+  pAnswer = 0;
+  if (!pToken.empty()) {
+    EXPECT_EQ(::send(fd, pToken.data(), pToken.size(), MSG_NOSIGNAL), ssize_t(pToken.size()));
+    (void)!recv(fd, &pAnswer, 1, 0);
+  }
+  return fd;
+}
+
+// Whether the host closes pFd within the receive timeout (it reads an end of file).
+bool closedByHost(int pFd) {
+  char byte = 0;
+  const bool closed = recv(pFd, &byte, 1, 0) == 0;
+  close(pFd);
+  return closed;
+}
+
+std::size_t descriptors(pid_t pPid) {
+  const std::filesystem::directory_iterator fds("/proc/" + std::to_string(pPid) + "/fd");
+  return static_cast<std::size_t>(std::distance(begin(fds), end(fds)));
+}
+
+}  // namespace
+
+// A session's Unix socket is a way into the host for any process of its user: it must take only
+// the token of a live area, once; refuse what ZeroMQ refuses, in the same words; drop a client
+// that stops in the middle of a message or never shows a token, at its deadline; close when the
+// session ends, leaving no descriptor behind; and never hold up the host's stop.
+TEST(UnixSocket, TakesOneTokenOnceRefusesAsZeroMQAndDropsSilentClients) {
+  BrokerProcess broker({"--max-frames", "4", "--heartbeat-timeout", "400"});
+  RawClient raw(broker.url());
+  const auto hello = [&](int pId, OXValue::Array pAsks) {
+    OXValue::Array operands = {"raw", OXValue()};
+    operands.insert(operands.end(), pAsks.begin(), pAsks.end());
+    raw.send(pId, "hello", operands);
+    return raw.receive()[3];
+  };
+  EXPECT_EQ(hello(1, {false, true}).getSize(), 2);  // no area, so no door either
+  const std::size_t before = descriptors(broker.pid());
+  const OXValue reply = hello(2, {true, true});
+  ASSERT_EQ(reply.getSize(), 4);
+  const std::string door = reply[3][0].asString();
+  const std::string token(reinterpret_cast<const char*>(reply[2][1].GetBinary()),
+                          net::kAreaTokenBytes);
+  net::AreaClient area(reply[2]);
+  char answer = 0;
+  close(knock(door, std::string(net::kAreaTokenBytes, 'x'), answer));
+  EXPECT_EQ(answer, '0');  // a guessed token
+
+  {
+    net::CallsClient calls(door, token, 2000);
+    EXPECT_NE(vitest::raised([&] { net::CallsClient again(door, token, 2000); })
+                  .getDescription()
+                  .find("the calls door refused"),
+              std::string::npos);
+    const auto exchange = [&](const OXValue& pMessage, std::vector<std::string> pExtra = {}) {
+      OX::wire::Encoded encoded;
+      OX::wire::encode(pMessage, encoded);
+      std::vector<OXValue::Binary> extra;
+      for (const std::string& frame : pExtra) extra.emplace_back(frame.begin(), frame.end());
+      for (const OXValue::Binary& frame : extra) encoded.fFrames.push_back(&frame);
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      EXPECT_EQ(calls.send(encoded, deadline), net::CallsClient::Result::kDone);
+      std::vector<OX::wire::FrameView> frames;
+      bool started = false;
+      EXPECT_EQ(calls.receive(frames, deadline, started), net::CallsClient::Result::kDone);
+      return OX::wire::decode(frames, SIZE_MAX, OX::wire::DecodeBudget::unlimited(), &area,
+                              nullptr);
+    };
+    EXPECT_EQ(exchange(OXValue::array({1, 3, "ping"}), {"a", "b", "c", "d"})[3][2],
+              OXValue("message too large: more than 4 frames"));
+    EXPECT_EQ(exchange(OXValue::array({1, 4, "dance"}))[3][2],
+              OXValue("unknown operation \"dance\""));
+    EXPECT_EQ(exchange(OXValue::array({1, 5, "modules"}))[2], OXValue("ok"));
+    // The session's end closes its connection, and the host keeps no descriptor of it.
+    raw.send(6, "bye");
+    EXPECT_EQ(raw.receive()[2], OXValue("ok"));
+    std::vector<OX::wire::FrameView> frames;
+    bool started = true;
+    EXPECT_EQ(
+        calls.receive(frames, std::chrono::steady_clock::now() + std::chrono::seconds(10), started),
+        net::CallsClient::Result::kClosed);
+    EXPECT_FALSE(started);
+  }
+  for (int i = 0; i < 100 * vitest::kTimeScale && descriptors(broker.pid()) != before; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(descriptors(broker.pid()), before);
+
+  // A visitor that never shows its token, and a client that stops in the middle of a message,
+  // are dropped at their deadlines; one that is idle between calls is not.
+  const OXValue second = hello(7, {true, true});
+  net::AreaClient secondArea(second[2]);
+  const std::string secondToken(reinterpret_cast<const char*>(second[2][1].GetBinary()),
+                                net::kAreaTokenBytes);
+  EXPECT_TRUE(closedByHost(knock(second[3][0].asString(), "", answer)));
+  const int half = knock(second[3][0].asString(), secondToken, answer);
+  EXPECT_EQ(answer, '1');
+  EXPECT_EQ(::send(half, "\x40\0\0\0\0\0\0\0\x10", 9, MSG_NOSIGNAL), 9);
+  EXPECT_TRUE(closedByHost(half));
+  const OXValue third = hello(8, {true, true});
+  const int idle = knock(
+      third[3][0].asString(),
+      std::string(reinterpret_cast<const char*>(third[2][1].GetBinary()), net::kAreaTokenBytes),
+      answer);
+  EXPECT_EQ(answer, '1');
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  char byte = 0;
+  EXPECT_EQ(recv(idle, &byte, 1, MSG_DONTWAIT), -1);  // still open
+  // The host's stop does not wait for it.
+  const auto start = std::chrono::steady_clock::now();
+  const int status = broker.stop({SIGTERM}, std::chrono::seconds(5 * vitest::kTimeScale));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2 * vitest::kTimeScale));
+  EXPECT_TRUE(closedByHost(idle));
+}

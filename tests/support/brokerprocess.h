@@ -40,8 +40,13 @@ constexpr bool kSanitized = false;
 class BrokerProcess {
  public:
   explicit BrokerProcess(std::vector<std::string> pOptions = {}) {
-    std::vector<std::string> args = {std::string(VI_PROGRAM_DIR) + "/oxbroker", "--port", "0",
-                                     "--http", "off", "--log-level", "-1"};
+    std::vector<std::string> args = {std::string(VI_PROGRAM_DIR) + "/oxbroker",
+                                     "--port",
+                                     "0",
+                                     "--http",
+                                     "off",
+                                     "--log-level",
+                                     "-1"};
     args.insert(args.end(), pOptions.begin(), pOptions.end());  // a later --port wins
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(arg.data());
@@ -81,6 +86,7 @@ class BrokerProcess {
     close(fOutput);
   }
   int port() const { return fPort; }
+  pid_t pid() const { return fPid; }
   std::string url() const { return "tcp://127.0.0.1:" + std::to_string(fPort); }
 
   // The most memory the process has held so far (VmHWM), in bytes.
