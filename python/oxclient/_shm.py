@@ -13,6 +13,7 @@ import mmap
 import os
 import socket
 import struct
+import time
 
 from ._error import OXError
 
@@ -104,3 +105,128 @@ class Area:
             self._map.close()
         except BufferError:
             pass  # views are still held: the mapping goes with the last of them
+
+
+# The session's Unix socket (docs/protocol.md, "Calls over a Unix socket"): a message is a
+# little-endian 64-bit count of the bytes that follow, then each frame as a little-endian 32-bit
+# size and its bytes.
+_MESSAGE = struct.Struct("<Q")
+_FRAME = struct.Struct("<I")
+_READ_AHEAD = 64 * 1024
+
+
+class CallsClosed(Exception):
+    """The host closed the connection; started says whether a reply had begun to arrive (without,
+    the host read no request that it did not answer)."""
+
+    def __init__(self, started):
+        super().__init__("closed")
+        self.started = started
+
+
+class Calls:
+    """The requests and replies of a session that holds an area, over a Unix stream socket to
+    the host instead of ZeroMQ. Timeouts raise TimeoutError, a closed connection CallsClosed."""
+
+    def __init__(self, address, token, timeout_s):
+        if not isinstance(address, str) or not address.startswith("@") or len(address) < 2:
+            raise _refused("malformed calls address")
+        sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        try:
+            sock.settimeout(timeout_s)
+            sock.connect("\0" + address[1:])
+            sock.sendall(token)
+            answer = sock.recv(1)
+        except OSError as error:
+            sock.close()
+            raise _refused("cannot reach the calls door: %s" % error) from None
+        if answer != b"1":
+            sock.close()
+            raise _refused("the calls door refused")
+        self._socket = sock
+        self._leftover = b""
+
+    def send(self, frames, deadline):
+        parts = [b""]
+        total = 0
+        for frame in frames:
+            size = memoryview(frame).nbytes
+            parts += (_FRAME.pack(size), frame)
+            total += _FRAME.size + size
+        parts[0] = _MESSAGE.pack(total)
+        self._wait(deadline)
+        try:
+            sent = self._socket.sendmsg(parts)
+        except (BrokenPipeError, ConnectionError):
+            raise CallsClosed(False) from None
+        # What did not fit in the socket at once.
+        for part in parts:
+            view = memoryview(part).cast("B")
+            if sent >= view.nbytes:
+                sent -= view.nbytes
+                continue
+            self._wait(deadline)
+            try:
+                self._socket.sendall(view[sent:])
+            except (BrokenPipeError, ConnectionError):
+                raise CallsClosed(False) from None
+            sent = 0
+
+    def receive(self, deadline):
+        """The frames of the next message, read-only memoryviews of bytes of their own."""
+        data, self._leftover = self._leftover, b""
+        started = bool(data)
+        while len(data) < _MESSAGE.size:
+            chunk = self._recv(deadline, started)
+            started = True
+            data += chunk
+        need = _MESSAGE.size + _MESSAGE.unpack_from(data)[0]
+        if len(data) >= need:
+            message = memoryview(data)[_MESSAGE.size:need]
+            self._leftover = data[need:]
+        else:
+            whole = bytearray(need)
+            whole[:len(data)] = data
+            view = memoryview(whole)
+            got = len(data)
+            while got < need:
+                self._wait(deadline)
+                try:
+                    count = self._socket.recv_into(view[got:])
+                except ConnectionError:
+                    count = 0
+                if count == 0:
+                    raise CallsClosed(True)
+                got += count
+            message = view[_MESSAGE.size:].toreadonly()
+        frames = []
+        at = 0
+        while at < len(message):
+            if at + _FRAME.size > len(message):
+                raise CallsClosed(True)
+            size = _FRAME.unpack_from(message, at)[0]
+            at += _FRAME.size
+            if at + size > len(message):
+                raise CallsClosed(True)
+            frames.append(message[at:at + size])
+            at += size
+        return frames
+
+    def close(self):
+        self._socket.close()
+
+    def _recv(self, deadline, started):
+        self._wait(deadline)
+        try:
+            chunk = self._socket.recv(_READ_AHEAD)
+        except ConnectionError:
+            chunk = b""
+        if not chunk:
+            raise CallsClosed(started)
+        return chunk
+
+    def _wait(self, deadline):
+        left = deadline - time.monotonic()
+        if left <= 0:
+            raise TimeoutError()
+        self._socket.settimeout(left)

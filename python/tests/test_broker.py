@@ -29,12 +29,14 @@ def uniform_frame(colour=COLOUR):
     return bytes(colour) * (WIDTH * HEIGHT)
 
 
-# Every test of the device runs over the socket and over a shared-memory area.
+# Every test of the device runs over the socket and over a shared-memory area, whose calls go over
+# the session's Unix socket by default.
 @pytest.fixture(params=[False, True], ids=["socket", "shared-memory"])
 def device(broker, request):
     with OXProxy(DEVICE, broker.host, broker.port, name="pytest", timeout_ms=10000,
                  shared_memory=request.param) as proxy:
         assert proxy.shared_memory is request.param
+        assert proxy.unix_socket is request.param
         yield proxy
 
 

@@ -85,11 +85,11 @@ class TestRequests:
             assert proxy.call("doIt") == []
         ids = [request[1] for request in broker.requests]
         assert len(set(ids)) == len(ids)
-        # A host on this machine is asked for a shared-memory area; one that offers none (as
-        # this one, of an older kind) is used through the socket.
+        # A host on this machine is asked for a shared-memory area and its Unix socket; one that
+        # offers none (as this one, of an older kind) is used through ZeroMQ.
         assert not proxy.shared_memory
         assert [request[:1] + request[2:] for request in broker.requests] == [
-            [1, "hello", "tester", "M", True],
+            [1, "hello", "tester", "M", True, True],
             [1, "call", "M", "doIt", [True, 2, "three", [b"4"]]],
             [1, "call", "M", "doIt", []],
             [1, "bye"],

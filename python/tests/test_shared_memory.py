@@ -29,14 +29,17 @@ def plain(value):
 # A binary read back from the wrong place of the ring, or a view that is not the bytes sent, would
 # pass a test of one-colour images; every kind must come back byte for byte, over ipc too.
 @pytest.mark.parametrize("options", [dict(shared_memory=False), dict(shared_memory=True),
-                                     dict(shared_memory=True, views=True)],
-                         ids=["socket", "copied", "views"])
+                                     dict(shared_memory=True, views=True),
+                                     dict(shared_memory=True, unix_socket=False)],
+                         ids=["socket", "copied", "views", "copied-over-zeromq"])
 def test_every_kind_of_value_comes_back_byte_identical(start_broker, tmp_path, options):
     path = tmp_path / "broker.sock"
     broker = start_broker(ipc=path)
     for host in (broker.host, "ipc://%s" % path):
         with OXProxy("OXMemory", host, broker.port, **options) as memory:
             assert memory.shared_memory is options["shared_memory"]
+            assert memory.unix_socket is (memory.shared_memory
+                                          and options.get("unix_socket", True))
             memory.insertData("all", VALUE)
             for _ in range(3):  # the ring is used again
                 assert plain(memory.getData("all")) == VALUE
@@ -46,6 +49,7 @@ HOLDER = r"""
 import sys
 from oxclient import OXProxy
 memory = OXProxy("OXMemory", "127.0.0.1", int(sys.argv[1]), shared_memory=True, views=True)
+assert memory.unix_socket
 memory.insertData("big", bytes(1 << 20))
 held = memory.getData("big")
 print(len(held), flush=True)
@@ -67,7 +71,7 @@ def test_a_client_killed_while_holding_a_view_leaves_no_area(broker):
                              env=child_environment())
     try:
         assert child.stdout.readline() == b"1048576\n"
-        assert descriptors(pid) > start  # the area, and the connection
+        assert descriptors(pid) > start  # the area, and the connections
         child.send_signal(signal.SIGKILL)
         child.wait(5)
         assert poll_until(lambda: descriptors(pid) == start), (descriptors(pid), start)
