@@ -2,7 +2,8 @@
 """The Python client's round trip, beside plain pyzmq: getImageRemote through oxbroker, handed to
 image_to_numpy, against a plain ZeroMQ request whose reply carries the same bytes from a minimal
 C++ server (bench_remote --plain-server), received with socket.recv(). Formats: VGA kRGB and 4VGA
-kYUV422; channels: the socket, a shared-memory area (copied), the area read in place (views). A
+kYUV422; channels: the socket, a shared-memory area (copied), the area read in place (views), the
+calls of both over the session's Unix socket, then the same two with the calls over ZeroMQ. A
 simulator (oxsim) feeds the camera at 30 frames per second throughout, the reference's runs
 included. Runs alternate, and each figure is the median of the repetitions.
 
@@ -30,7 +31,9 @@ from oxclient import OXProxy, image_to_numpy  # noqa: E402
 # name, resolution, colour space, width, height, bytes per pixel
 FORMATS = [("VGA kRGB", 2, 11, 640, 480, 3), ("4VGA kYUV422", 3, 9, 1280, 960, 2)]
 CHANNELS = [("socket", dict(shared_memory=False)), ("shared copy", dict(shared_memory=True)),
-            ("shared views", dict(shared_memory=True, views=True))]
+            ("shared views", dict(shared_memory=True, views=True)),
+            ("shared copy, zeromq", dict(shared_memory=True, unix_socket=False)),
+            ("shared views, zeromq", dict(shared_memory=True, views=True, unix_socket=False))]
 
 
 def rate(step, seconds):

@@ -2,12 +2,13 @@
 // request and reply that carries the same number of bytes over the same loopback (the
 // reference). Formats: VGA kRGB (921,600 bytes) and 4VGA kYUV422 (2,457,600 bytes). Channels: the
 // socket, a shared-memory area with the result copied into an OXValue as genericCall gives it,
-// and the area read in place (callWithViews). All report frames per second; scripts/bench prints
-// each one's time over the reference's. The device converts each new frame once and shares it
-// with requests within the same frame period, so with a simulator feeding it at 30 frames per
-// second the loop mostly measures the transport. BM_GetImageRemoteVGACurve is the socket
-// channel at VGA encrypted with CURVE, beside the plain one as its reference: their ratio is the
-// price of encryption.
+// and the area read in place (callWithViews), the calls of both over the session's Unix socket;
+// then the same two with the calls over ZeroMQ, as before that socket. All report frames per
+// second; scripts/bench prints each one's time over the reference's. The device converts each new
+// frame once and shares it with requests within the same frame period, so with a simulator feeding
+// it at 30 frames per second the loop mostly measures the transport. BM_GetImageRemoteVGACurve is
+// the socket channel at VGA encrypted with CURVE, beside the plain one as its reference: their
+// ratio is the price of encryption.
 //
 // `bench_remote --plain-server BYTES` serves the reference's replies on a loopback port instead
 // (printing "listening on URL"), for the Python client's benchmark (bench/bench_client.py),
@@ -46,7 +47,13 @@ struct Format {
 };
 const Format kFormats[] = {{OX::kVGA, OX::kRGB, 640, 480, 3},
                            {OX::k4VGA, OX::kYUV422, 1280, 960, 2}};
-enum Channel { kSocket = 0, kSharedCopy = 1, kSharedViews = 2 };
+enum Channel {
+  kSocket = 0,
+  kSharedCopy = 1,
+  kSharedViews = 2,
+  kSharedCopyOverZeroMQ = 3,
+  kSharedViewsOverZeroMQ = 4
+};
 
 // Answers every request on pSocket with pBytes bytes, as a minimal server would, until pStop.
 void servePlain(zmq::socket_t& pSocket, std::size_t pBytes, const std::atomic<bool>& pStop) {
@@ -93,6 +100,8 @@ void getImageRemote(benchmark::State& pState, const Format& format, Channel chan
   host.start();
   connect.fSharedMemory = channel == kSocket ? OX::ConnectOptions::SharedMemory::kNever
                                              : OX::ConnectOptions::SharedMemory::kRequire;
+  connect.fUnixSocketCalls = channel == kSharedCopy || channel == kSharedViews;
+  const bool views = channel == kSharedViews || channel == kSharedViewsOverZeroMQ;
   boost::shared_ptr<OX::OXProxy> proxy =
       OX::OXProxy::connect(host.getUrl(), "OXVideoDevice", connect);
   proxy->genericCall("subscribeCamera",
@@ -118,7 +127,7 @@ void getImageRemote(benchmark::State& pState, const Format& format, Channel chan
   const OX::OXValue arguments = OX::OXValue::array({"bench"});
   const int expected = static_cast<int>(format.bytes());
   for (auto _ : pState) {
-    if (channel == kSharedViews) {
+    if (views) {
       const OX::ViewedResult image = OX::callWithViews(*proxy, "getImageRemote", arguments);
       if (image.fValue.getSize() != 12 || image.fBinaries.size() != 1 ||
           image.fBinaries[0].fSize != format.bytes()) {
@@ -149,7 +158,9 @@ void BM_GetImageRemote(benchmark::State& pState) {
   getImageRemote(pState, kFormats[pState.range(0)], static_cast<Channel>(pState.range(1)), false);
 }
 BENCHMARK(BM_GetImageRemote)
-    ->ArgsProduct({{0, 1}, {kSocket, kSharedCopy, kSharedViews}})
+    ->ArgsProduct({{0, 1},
+                   {kSocket, kSharedCopy, kSharedViews, kSharedCopyOverZeroMQ,
+                    kSharedViewsOverZeroMQ}})
     ->ArgNames({"format", "channel"})
     ->UseRealTime()
     ->Unit(benchmark::kMicrosecond);
