@@ -5,7 +5,9 @@
 // them on their connections' lanes, then, if another thread is free to read on, serves a turn
 // itself (oxrequests.h); every thread sends its own replies, under the socket's mutex. On an idle
 // host a request thus goes from ZeroMQ's I/O thread to one host thread and back, as in a plain
-// server, while a slow call never keeps the others from being read or served. Sessions are ZeroMQ
+// server, while a slow call never keeps the others from being read or served. A same-host session
+// that holds a shared-memory area may send its calls over a Unix socket of its own instead, served
+// on a thread dedicated to it by the same serve function (oxlocalcalls.h). Sessions are ZeroMQ
 // routing identities (oxsessions.h); when one ends (bye, a closed connection, or no answer to
 // heartbeats), the housekeeper raises "ClientDisconnected" and unsubscribes what the session
 // subscribed. The messages are described in docs/protocol.md, the bounds and what they stop in
