@@ -124,7 +124,11 @@ constexpr Kernels kSse41 = {vectorPairRow<simd::sse41::pairRow>, replicateRowRef
 constexpr Kernels kAvx2 = {vectorPairRow<simd::avx2::pairRow>, replicateRowReference,
                            vectorPairRows<simd::avx2::pairRows>};
 
-KernelChoice<Kernels> gChoice(kReference, kSse41, kAvx2);
+// AVX-512 only for the reduction by 2; the rest, through its calls, is AVX2's.
+constexpr Kernels kAvx512 = {vectorPairRow<simd::avx512::pairRow>, replicateRowReference,
+                             vectorPairRows<simd::avx512::pairRows>};
+
+KernelChoice<Kernels> gChoice(kReference, kSse41, kAvx2, &kAvx512);
 
 }  // namespace
 

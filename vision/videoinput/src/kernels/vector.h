@@ -52,5 +52,12 @@ int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
 int pairRows(const PairRows& pRows);
 }  // namespace avx2
 
+// Ratio 2 only; every other layout goes to the AVX2 kernels.
+namespace avx512 {
+int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
+            unsigned char* pTarget, int pPairs);
+int pairRows(const PairRows& pRows);
+}  // namespace avx512
+
 }  // namespace simd
 }  // namespace OX
