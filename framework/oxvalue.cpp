@@ -8,6 +8,93 @@
 
 namespace OX {
 
+namespace {
+
+// The arena of the innermost OXReplyArenaScope of this thread; a scope never crosses threads.
+thread_local const std::shared_ptr<OXBinaryArena>* tReplyArena = nullptr;
+
+}  // namespace
+
+OXBinary::OXBinary(OXBinary&& pOther) noexcept
+    : fHeap(std::move(pOther.fHeap)),
+      fArena(std::move(pOther.fArena)),
+      fRoom(pOther.fRoom),
+      fRoomSize(pOther.fRoomSize),
+      fTicket(pOther.fTicket) {
+  pOther.fHeap.clear();
+  pOther.fRoom = nullptr;
+  pOther.fRoomSize = 0;
+}
+
+OXBinary& OXBinary::operator=(const OXBinary& pOther) {
+  if (this == &pOther) return *this;
+  std::vector<unsigned char> bytes(pOther.begin(), pOther.end());
+  leaveRoom();
+  fHeap = std::move(bytes);
+  return *this;
+}
+
+OXBinary& OXBinary::operator=(OXBinary&& pOther) noexcept {
+  if (this == &pOther) return *this;
+  leaveRoom();
+  fHeap = std::move(pOther.fHeap);
+  pOther.fHeap.clear();
+  fArena = std::move(pOther.fArena);
+  fRoom = pOther.fRoom;
+  fRoomSize = pOther.fRoomSize;
+  fTicket = pOther.fTicket;
+  pOther.fRoom = nullptr;
+  pOther.fRoomSize = 0;
+  return *this;
+}
+
+void OXBinary::leaveRoom() noexcept {
+  if (!fArena) return;
+  fArena->giveBack(fTicket);
+  fArena.reset();
+  fRoom = nullptr;
+  fRoomSize = 0;
+}
+
+OXBinary OXBinary::copyInto(const std::shared_ptr<OXBinaryArena>& pArena, const void* pData,
+                            std::size_t pSize) {
+  const auto* first = static_cast<const unsigned char*>(pData);
+  std::uint64_t ticket = 0;
+  unsigned char* room = pArena && pSize > 0 ? pArena->reserve(pSize, ticket) : nullptr;
+  if (room == nullptr) return OXBinary(first, first + pSize);
+  OXBinary binary;
+  binary.fArena = pArena;
+  binary.fRoom = room;
+  binary.fRoomSize = pSize;
+  binary.fTicket = ticket;
+  std::memcpy(room, first, pSize);
+  return binary;
+}
+
+bool operator==(const OXBinary& pLeft, const OXBinary& pRight) {
+  return pLeft.size() == pRight.size() &&
+         (pLeft.empty() || std::memcmp(pLeft.data(), pRight.data(), pLeft.size()) == 0);
+}
+
+OXReplyArenaScope::OXReplyArenaScope(std::shared_ptr<OXBinaryArena> pArena)
+    : fArena(std::move(pArena)), fOuter(tReplyArena) {
+  tReplyArena = &fArena;
+}
+
+OXReplyArenaScope::~OXReplyArenaScope() {
+  tReplyArena = fOuter;
+}
+
+OXValue OXValue::replyBinary(const void* pData, int pSize) {
+  OXValue value;
+  if (tReplyArena == nullptr || !*tReplyArena || pSize <= 0 || pData == nullptr) {
+    value.SetBinary(pData, pSize);
+  } else {
+    value.fData = OXBinary::copyInto(*tReplyArena, pData, static_cast<std::size_t>(pSize));
+  }
+  return value;
+}
+
 OXValue::OXValue(const std::vector<int>& pValues) : fData(Array(pValues.begin(), pValues.end())) {}
 
 OXValue::OXValue(const std::vector<float>& pValues)
