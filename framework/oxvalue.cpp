@@ -2,28 +2,38 @@
 #include "oxvalue.h"
 
 #include <cstring>
+#include <new>
 #include <sstream>
 
 #include "oxerror.h"
 
 namespace OX {
 
+// The decode budget of a message counts on an element's size (net/oxwire.h).
+static_assert(sizeof(OXBinary) <= sizeof(std::string), "a binary is no larger than a string");
+
 namespace {
 
 // The arena of the innermost OXReplyArenaScope of this thread; a scope never crosses threads.
-thread_local const std::shared_ptr<OXBinaryArena>* tReplyArena = nullptr;
+thread_local OXBinaryArena* tReplyArena = nullptr;
 
 }  // namespace
 
-OXBinary::OXBinary(OXBinary&& pOther) noexcept
-    : fHeap(std::move(pOther.fHeap)),
-      fArena(std::move(pOther.fArena)),
-      fRoom(pOther.fRoom),
-      fRoomSize(pOther.fRoomSize),
-      fTicket(pOther.fTicket) {
-  pOther.fHeap.clear();
-  pOther.fRoom = nullptr;
-  pOther.fRoomSize = 0;
+OXBinary::OXBinary(OXBinary&& pOther) noexcept {
+  if (pOther.fArena != nullptr) {
+    new (&fHeap) std::vector<unsigned char>();
+    enterRoom(pOther.fArena, pOther.fRoom);
+    pOther.fArena = nullptr;  // the room is this one's now
+    new (&pOther.fHeap) std::vector<unsigned char>();
+  } else {
+    new (&fHeap) std::vector<unsigned char>(std::move(pOther.fHeap));
+    pOther.fHeap.clear();
+  }
+}
+
+OXBinary::~OXBinary() {
+  leaveRoom();
+  fHeap.~vector();
 }
 
 OXBinary& OXBinary::operator=(const OXBinary& pOther) {
@@ -37,37 +47,40 @@ OXBinary& OXBinary::operator=(const OXBinary& pOther) {
 OXBinary& OXBinary::operator=(OXBinary&& pOther) noexcept {
   if (this == &pOther) return *this;
   leaveRoom();
-  fHeap = std::move(pOther.fHeap);
-  pOther.fHeap.clear();
-  fArena = std::move(pOther.fArena);
-  fRoom = pOther.fRoom;
-  fRoomSize = pOther.fRoomSize;
-  fTicket = pOther.fTicket;
-  pOther.fRoom = nullptr;
-  pOther.fRoomSize = 0;
+  if (pOther.fArena != nullptr) {
+    enterRoom(pOther.fArena, pOther.fRoom);
+    pOther.fArena = nullptr;
+    new (&pOther.fHeap) std::vector<unsigned char>();
+  } else {
+    fHeap = std::move(pOther.fHeap);
+    pOther.fHeap.clear();
+  }
   return *this;
 }
 
 void OXBinary::leaveRoom() noexcept {
-  if (!fArena) return;
-  fArena->giveBack(fTicket);
-  fArena.reset();
-  fRoom = nullptr;
-  fRoomSize = 0;
+  if (fArena == nullptr) return;
+  OXBinaryArena* arena = fArena;
+  const std::uint64_t ticket = fRoom.fTicket;
+  fArena = nullptr;
+  new (&fHeap) std::vector<unsigned char>();
+  arena->giveBack(ticket);
 }
 
-OXBinary OXBinary::copyInto(const std::shared_ptr<OXBinaryArena>& pArena, const void* pData,
-                            std::size_t pSize) {
+void OXBinary::enterRoom(OXBinaryArena* pArena, const Room& pRoom) noexcept {
+  fHeap.~vector();
+  fRoom = pRoom;
+  fArena = pArena;
+}
+
+OXBinary OXBinary::copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize) {
   const auto* first = static_cast<const unsigned char*>(pData);
   std::uint64_t ticket = 0;
-  unsigned char* room = pArena && pSize > 0 ? pArena->reserve(pSize, ticket) : nullptr;
+  unsigned char* room = pArena != nullptr && pSize > 0 ? pArena->reserve(pSize, ticket) : nullptr;
   if (room == nullptr) return OXBinary(first, first + pSize);
-  OXBinary binary;
-  binary.fArena = pArena;
-  binary.fRoom = room;
-  binary.fRoomSize = pSize;
-  binary.fTicket = ticket;
   std::memcpy(room, first, pSize);
+  OXBinary binary;
+  binary.enterRoom(pArena, {room, pSize, ticket});
   return binary;
 }
 
@@ -78,7 +91,7 @@ bool operator==(const OXBinary& pLeft, const OXBinary& pRight) {
 
 OXReplyArenaScope::OXReplyArenaScope(std::shared_ptr<OXBinaryArena> pArena)
     : fArena(std::move(pArena)), fOuter(tReplyArena) {
-  tReplyArena = &fArena;
+  tReplyArena = fArena.get();
 }
 
 OXReplyArenaScope::~OXReplyArenaScope() {
@@ -87,10 +100,10 @@ OXReplyArenaScope::~OXReplyArenaScope() {
 
 OXValue OXValue::replyBinary(const void* pData, int pSize) {
   OXValue value;
-  if (tReplyArena == nullptr || !*tReplyArena || pSize <= 0 || pData == nullptr) {
+  if (tReplyArena == nullptr || pSize <= 0 || pData == nullptr) {
     value.SetBinary(pData, pSize);
   } else {
-    value.fData = OXBinary::copyInto(*tReplyArena, pData, static_cast<std::size_t>(pSize));
+    value.fData = OXBinary::copyInto(tReplyArena, pData, static_cast<std::size_t>(pSize));
   }
   return value;
 }

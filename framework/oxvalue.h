@@ -14,7 +14,8 @@ namespace OX {
 
 // Storage for large binaries other than the heap: the shared-memory area through which the reply
 // of a remote call reaches a client on the broker's machine (net/oxsharedmemory.h). The arena
-// knows which of its rooms are still held by a binary, so that it never hands them out again.
+// knows which of its rooms are still held by a binary, never hands them out again until they are
+// given back, and stays alive until then.
 class OXBinaryArena {
  public:
   virtual ~OXBinaryArena() = default;
@@ -26,15 +27,16 @@ class OXBinaryArena {
   virtual void giveBack(std::uint64_t pTicket) noexcept = 0;
 };
 
-// The bytes of a binary value: on the heap, or in the room of an arena. A copy always lands on
-// the heap, so that only the value an arena's room was made for can ever live there; moving
-// hands the room over, and the last holder gives it back.
+// The bytes of a binary value: on the heap, or in a room of an arena. A copy always lands on the
+// heap, so that only the value an arena's room was made for can ever live there; moving hands
+// the room over, and the last holder gives it back. As small as a std::string, so that an
+// OXValue stays 40 bytes.
 class OXBinary {
  public:
   using value_type = unsigned char;
   using const_iterator = const unsigned char*;
 
-  OXBinary() = default;
+  OXBinary() : fHeap() {}
   // pSize zero bytes.
   explicit OXBinary(std::size_t pSize) : fHeap(pSize) {}
   OXBinary(const unsigned char* pFirst, const unsigned char* pLast) : fHeap(pFirst, pLast) {}
@@ -45,15 +47,14 @@ class OXBinary {
   OXBinary(OXBinary&& pOther) noexcept;
   OXBinary& operator=(const OXBinary& pOther);
   OXBinary& operator=(OXBinary&& pOther) noexcept;
-  ~OXBinary() { leaveRoom(); }
+  ~OXBinary();
 
   // A copy of pSize bytes in a room of pArena when it has one, on the heap otherwise.
-  static OXBinary copyInto(const std::shared_ptr<OXBinaryArena>& pArena, const void* pData,
-                           std::size_t pSize);
+  static OXBinary copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize);
 
-  const unsigned char* data() const { return fArena ? fRoom : fHeap.data(); }
-  unsigned char* data() { return fArena ? fRoom : fHeap.data(); }
-  std::size_t size() const { return fArena ? fRoomSize : fHeap.size(); }
+  const unsigned char* data() const { return fArena ? fRoom.fData : fHeap.data(); }
+  unsigned char* data() { return fArena ? fRoom.fData : fHeap.data(); }
+  std::size_t size() const { return fArena ? fRoom.fSize : fHeap.size(); }
   bool empty() const { return size() == 0; }
   const_iterator begin() const { return data(); }
   const_iterator end() const { return data() + size(); }
@@ -67,14 +68,21 @@ class OXBinary {
   }
 
  private:
+  struct Room {
+    unsigned char* fData;
+    std::size_t fSize;
+    std::uint64_t fTicket;
+  };
+  // Gives the room back, if any, and leaves an empty heap binary.
   void leaveRoom() noexcept;
+  // From a heap binary to pArena's pRoom.
+  void enterRoom(OXBinaryArena* pArena, const Room& pRoom) noexcept;
 
-  std::vector<unsigned char> fHeap;
-  // With an arena: the room and its ticket (fHeap is empty then).
-  std::shared_ptr<OXBinaryArena> fArena;
-  unsigned char* fRoom = nullptr;
-  std::size_t fRoomSize = 0;
-  std::uint64_t fTicket = 0;
+  union {
+    std::vector<unsigned char> fHeap;  // without an arena
+    Room fRoom;                        // with one
+  };
+  OXBinaryArena* fArena = nullptr;
 };
 
 // The arena of the reply that the calling thread is building, until the scope ends: the broker
@@ -90,8 +98,8 @@ class OXReplyArenaScope {
   OXReplyArenaScope& operator=(const OXReplyArenaScope&) = delete;
 
  private:
-  std::shared_ptr<OXBinaryArena> fArena;
-  const std::shared_ptr<OXBinaryArena>* fOuter;
+  std::shared_ptr<OXBinaryArena> fArena;  // alive while its scope is
+  OXBinaryArena* fOuter;
 };
 
 class OXValue {

@@ -148,8 +148,14 @@ bool SharedArea::claim(std::size_t pSize, std::uint64_t& pPosition) {
   return true;
 }
 
+std::shared_ptr<SharedArea> SharedArea::endLoan(std::size_t pIndex) {
+  fLent[pIndex] = fLent[--fLentCount];
+  return fLentCount == 0 ? std::move(fWhileLent) : nullptr;
+}
+
 bool SharedArea::place(const void* pData, std::size_t pSize, std::uint64_t& pPosition) {
   if (!fAttached) return false;
+  std::shared_ptr<SharedArea> self;  // dropped after the mutex
   std::lock_guard<std::mutex> guard(fMutex);
   std::size_t room = kMaxLentRooms;
   for (std::size_t i = 0; i < fLentCount; ++i) {
@@ -162,14 +168,14 @@ bool SharedArea::place(const void* pData, std::size_t pSize, std::uint64_t& pPos
   if (room < kMaxLentRooms && fLent[room].fPosition >= fLastEnd) {
     pPosition = fLent[room].fPosition;
     fLastEnd = pPosition + pSize;
-    fLent[room] = fLent[--fLentCount];
+    self = endLoan(room);
     return true;
   }
   if (pSize < fThreshold || pSize > fCapacity) return false;
   std::uint64_t position = 0;
   if (!claim(pSize, position)) return false;
   std::memcpy(at(position), pData, pSize);
-  if (room < kMaxLentRooms) fLent[room] = fLent[--fLentCount];
+  if (room < kMaxLentRooms) self = endLoan(room);
   fLastEnd = position + pSize;
   fHead = roundUp(position + pSize, kAreaAlignment);
   pPosition = position;
@@ -184,6 +190,7 @@ unsigned char* SharedArea::reserve(std::size_t pSize, std::uint64_t& pTicket) {
   std::lock_guard<std::mutex> guard(fMutex);
   std::uint64_t position = 0;
   if (fLentCount == kMaxLentRooms || !claim(pSize, position)) return nullptr;
+  if (fLentCount == 0) fWhileLent = weak_from_this().lock();
   fLent[fLentCount++] = {position, pSize};
   fHead = roundUp(position + pSize, kAreaAlignment);
   pTicket = position;
@@ -191,12 +198,14 @@ unsigned char* SharedArea::reserve(std::size_t pSize, std::uint64_t& pTicket) {
 }
 
 void SharedArea::giveBack(std::uint64_t pTicket) noexcept {
+  // The last reference may be this one: the area ends once the mutex is released.
+  std::shared_ptr<SharedArea> self;
   std::lock_guard<std::mutex> guard(fMutex);
   // The room is simply skipped: it is free again once the client has released past it, or
   // when the ring starts again at its front.
   for (std::size_t i = 0; i < fLentCount; ++i) {
     if (fLent[i].fPosition == pTicket) {
-      fLent[i] = fLent[--fLentCount];
+      self = endLoan(i);
       return;
     }
   }

@@ -55,7 +55,9 @@ bool isLocalPeer(const std::string& pPeerAddress);
 // copy of an image lands in the ring directly and placing it costs no second copy. A room lent
 // is never handed out again, whatever the client releases, until its binary is placed (the
 // client's from then on) or gone.
-class SharedArea : public wire::BinaryPlacer, public OXBinaryArena {
+class SharedArea : public wire::BinaryPlacer,
+                   public OXBinaryArena,
+                   public std::enable_shared_from_this<SharedArea> {
  public:
   // Makes the memfd and maps it; throws OXError when the system refuses.
   SharedArea(std::size_t pBytes, std::size_t pThreshold, Reservation&& pCharge);
@@ -102,9 +104,14 @@ class SharedArea : public wire::BinaryPlacer, public OXBinaryArena {
   };
   std::array<Room, kMaxLentRooms> fLent{};
   std::size_t fLentCount = 0;
+  // While rooms are lent the area keeps itself alive: the binaries in them hold no reference.
+  std::shared_ptr<SharedArea> fWhileLent;
 
   // Under fMutex: where pSize bytes can go, or false while the client or a lent room holds it.
   bool claim(std::size_t pSize, std::uint64_t& pPosition);
+  // Under fMutex: the room at pIndex is placed or given back; the area's reference to itself
+  // when it was the last, to be dropped once the mutex is released.
+  std::shared_ptr<SharedArea> endLoan(std::size_t pIndex);
   unsigned char* at(std::uint64_t pPosition) const {
     return fBase + kAreaHeaderBytes + pPosition % fCapacity;
   }

@@ -392,7 +392,7 @@ TEST(SharedArea, LendsRoomsToTheDevicesCopyThatNothingWritesOver) {
 
   const std::vector<unsigned char> first = bytes(kPiece, 1);
   EXPECT_FALSE(lent(replyOf(first)));  // no call is served
-  OX::OXReplyArenaScope scope(area);
+  auto scope = std::make_unique<OX::OXReplyArenaScope>(area);
   EXPECT_FALSE(lent(replyOf(bytes(kPiece - 1, 2))));
   OXValue image = OXValue::array({1, OXValue()});
   image[1] = replyOf(first);  // a list of values would be copied
@@ -449,6 +449,21 @@ TEST(SharedArea, LendsRoomsToTheDevicesCopyThatNothingWritesOver) {
   const OXValue whole = OXValue::array({OXValue::binary(bytes(4 * kPiece, 7).data(), 4 * kPiece)});
   EXPECT_EQ(throughArea(whole, *area, client, decoded), 0u);
   EXPECT_EQ(decoded, whole);
+
+  // The session may end while its reply is on the way: the area lives until the room is given
+  // back, and no longer.
+  client.releaseAll();
+  const std::vector<unsigned char> last = bytes(kPiece, 8);
+  OXValue late = replyOf(last);
+  EXPECT_TRUE(lent(late));
+  const std::weak_ptr<net::SharedArea> watch = area;
+  scope.reset();
+  area.reset();
+  EXPECT_FALSE(watch.expired());
+  EXPECT_EQ(late, OXValue::binary(last.data(), kPiece));
+  late = OXValue();
+  EXPECT_TRUE(watch.expired());
+  EXPECT_EQ(areas.heldBytes(), 0u);
 }
 
 // The calls of one session are served at once, and their replies overtake one another: a room
