@@ -22,8 +22,8 @@ class OXBinaryArena {
   // Room for pSize bytes and the ticket that gives it back, or null when the arena has none or
   // does not take binaries of that size. Thread-safe.
   virtual unsigned char* reserve(std::size_t pSize, std::uint64_t& pTicket) = 0;
-  // The binary that held the room of pTicket is gone; a ticket already given back, or whose room
-  // the arena has since passed on, is ignored. Thread-safe.
+  // The binary that held the room of pTicket is gone, whether or not the arena has passed the
+  // room on since; called once for every room reserved. Thread-safe.
   virtual void giveBack(std::uint64_t pTicket) noexcept = 0;
 };
 

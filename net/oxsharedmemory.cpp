@@ -148,14 +148,8 @@ bool SharedArea::claim(std::size_t pSize, std::uint64_t& pPosition) {
   return true;
 }
 
-std::shared_ptr<SharedArea> SharedArea::endLoan(std::size_t pIndex) {
-  fLent[pIndex] = fLent[--fLentCount];
-  return fLentCount == 0 ? std::move(fWhileLent) : nullptr;
-}
-
 bool SharedArea::place(const void* pData, std::size_t pSize, std::uint64_t& pPosition) {
   if (!fAttached) return false;
-  std::shared_ptr<SharedArea> self;  // dropped after the mutex
   std::lock_guard<std::mutex> guard(fMutex);
   std::size_t room = kMaxLentRooms;
   for (std::size_t i = 0; i < fLentCount; ++i) {
@@ -168,14 +162,14 @@ bool SharedArea::place(const void* pData, std::size_t pSize, std::uint64_t& pPos
   if (room < kMaxLentRooms && fLent[room].fPosition >= fLastEnd) {
     pPosition = fLent[room].fPosition;
     fLastEnd = pPosition + pSize;
-    self = endLoan(room);
+    endLoan(room);
     return true;
   }
   if (pSize < fThreshold || pSize > fCapacity) return false;
   std::uint64_t position = 0;
   if (!claim(pSize, position)) return false;
   std::memcpy(at(position), pData, pSize);
-  if (room < kMaxLentRooms) self = endLoan(room);
+  if (room < kMaxLentRooms) endLoan(room);
   fLastEnd = position + pSize;
   fHead = roundUp(position + pSize, kAreaAlignment);
   pPosition = position;
@@ -190,7 +184,7 @@ unsigned char* SharedArea::reserve(std::size_t pSize, std::uint64_t& pTicket) {
   std::lock_guard<std::mutex> guard(fMutex);
   std::uint64_t position = 0;
   if (fLentCount == kMaxLentRooms || !claim(pSize, position)) return nullptr;
-  if (fLentCount == 0) fWhileLent = weak_from_this().lock();
+  if (fHolders++ == 0) fWhileHeld = weak_from_this().lock();
   fLent[fLentCount++] = {position, pSize};
   fHead = roundUp(position + pSize, kAreaAlignment);
   pTicket = position;
@@ -205,10 +199,12 @@ void SharedArea::giveBack(std::uint64_t pTicket) noexcept {
   // when the ring starts again at its front.
   for (std::size_t i = 0; i < fLentCount; ++i) {
     if (fLent[i].fPosition == pTicket) {
-      self = endLoan(i);
-      return;
+      endLoan(i);
+      break;
     }
   }
+  // Every binary made in a room gives it back once, placed or not.
+  if (fHolders > 0 && --fHolders == 0) self = std::move(fWhileHeld);
 }
 
 // ---------------------------------------------------------------------------------------------

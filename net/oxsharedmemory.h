@@ -104,14 +104,15 @@ class SharedArea : public wire::BinaryPlacer,
   };
   std::array<Room, kMaxLentRooms> fLent{};
   std::size_t fLentCount = 0;
-  // While rooms are lent the area keeps itself alive: the binaries in them hold no reference.
-  std::shared_ptr<SharedArea> fWhileLent;
+  // Binaries made in rooms of the ring and not yet gone, placed or not: while there are any the
+  // area keeps itself alive, as they hold no reference to it and give their rooms back to it.
+  std::size_t fHolders = 0;
+  std::shared_ptr<SharedArea> fWhileHeld;
 
   // Under fMutex: where pSize bytes can go, or false while the client or a lent room holds it.
   bool claim(std::size_t pSize, std::uint64_t& pPosition);
-  // Under fMutex: the room at pIndex is placed or given back; the area's reference to itself
-  // when it was the last, to be dropped once the mutex is released.
-  std::shared_ptr<SharedArea> endLoan(std::size_t pIndex);
+  // Under fMutex: the room at pIndex is placed or given back.
+  void endLoan(std::size_t pIndex) { fLent[pIndex] = fLent[--fLentCount]; }
   unsigned char* at(std::uint64_t pPosition) const {
     return fBase + kAreaHeaderBytes + pPosition % fCapacity;
   }

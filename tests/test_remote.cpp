@@ -450,8 +450,8 @@ TEST(SharedArea, LendsRoomsToTheDevicesCopyThatNothingWritesOver) {
   EXPECT_EQ(throughArea(whole, *area, client, decoded), 0u);
   EXPECT_EQ(decoded, whole);
 
-  // The session may end while its reply is on the way: the area lives until the room is given
-  // back, and no longer.
+  // The session may end while its replies are on the way: the area lives until every room, placed
+  // or not, is given back, and no longer.
   client.releaseAll();
   const std::vector<unsigned char> last = bytes(kPiece, 8);
   OXValue late = replyOf(last);
@@ -462,6 +462,9 @@ TEST(SharedArea, LendsRoomsToTheDevicesCopyThatNothingWritesOver) {
   EXPECT_FALSE(watch.expired());
   EXPECT_EQ(late, OXValue::binary(last.data(), kPiece));
   late = OXValue();
+  EXPECT_FALSE(watch.expired());  // the placed results still hold their rooms
+  image = OXValue();
+  full = OXValue();
   EXPECT_TRUE(watch.expired());
   EXPECT_EQ(areas.heldBytes(), 0u);
 }
