@@ -42,7 +42,9 @@ class OXImage {
   bool reserve(int pSize);
 
   // The 12-element array: width, height, layers, colour space, time stamp high and low 32 bits,
-  // binary copy of the pixels, camera identifier, left, top, right and bottom angles.
+  // binary copy of the pixels, camera identifier, left, top, right and bottom angles. The copy is
+  // made in the reply arena of the remote call being served, if one is set (OXReplyArenaScope):
+  // it is a remote result's, handed straight back, and must not be kept.
   OXValue toOXValue() const;
   // The inverse, for clients: refuses (false, nothing changed) an array of another layout. An
   // owning image grows to hold the pixels; an image with external pixels must point at enough

@@ -2,11 +2,111 @@
 #include "oxvalue.h"
 
 #include <cstring>
+#include <new>
 #include <sstream>
 
 #include "oxerror.h"
 
 namespace OX {
+
+// The decode budget of a message counts on an element's size (net/oxwire.h).
+static_assert(sizeof(OXBinary) <= sizeof(std::string), "a binary is no larger than a string");
+
+namespace {
+
+// The arena of the innermost OXReplyArenaScope of this thread; a scope never crosses threads.
+thread_local OXBinaryArena* tReplyArena = nullptr;
+
+}  // namespace
+
+OXBinary::OXBinary(OXBinary&& pOther) noexcept {
+  if (pOther.fArena != nullptr) {
+    new (&fHeap) std::vector<unsigned char>();
+    enterRoom(pOther.fArena, pOther.fRoom);
+    pOther.fArena = nullptr;  // the room is this one's now
+    new (&pOther.fHeap) std::vector<unsigned char>();
+  } else {
+    new (&fHeap) std::vector<unsigned char>(std::move(pOther.fHeap));
+    pOther.fHeap.clear();
+  }
+}
+
+OXBinary::~OXBinary() {
+  leaveRoom();
+  fHeap.~vector();
+}
+
+OXBinary& OXBinary::operator=(const OXBinary& pOther) {
+  if (this == &pOther) return *this;
+  std::vector<unsigned char> bytes(pOther.begin(), pOther.end());
+  leaveRoom();
+  fHeap = std::move(bytes);
+  return *this;
+}
+
+OXBinary& OXBinary::operator=(OXBinary&& pOther) noexcept {
+  if (this == &pOther) return *this;
+  leaveRoom();
+  if (pOther.fArena != nullptr) {
+    enterRoom(pOther.fArena, pOther.fRoom);
+    pOther.fArena = nullptr;
+    new (&pOther.fHeap) std::vector<unsigned char>();
+  } else {
+    fHeap = std::move(pOther.fHeap);
+    pOther.fHeap.clear();
+  }
+  return *this;
+}
+
+void OXBinary::leaveRoom() noexcept {
+  if (fArena == nullptr) return;
+  OXBinaryArena* arena = fArena;
+  const std::uint64_t ticket = fRoom.fTicket;
+  fArena = nullptr;
+  new (&fHeap) std::vector<unsigned char>();
+  arena->giveBack(ticket);
+}
+
+void OXBinary::enterRoom(OXBinaryArena* pArena, const Room& pRoom) noexcept {
+  fHeap.~vector();
+  fRoom = pRoom;
+  fArena = pArena;
+}
+
+OXBinary OXBinary::copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize) {
+  const auto* first = static_cast<const unsigned char*>(pData);
+  std::uint64_t ticket = 0;
+  unsigned char* room = pArena != nullptr && pSize > 0 ? pArena->reserve(pSize, ticket) : nullptr;
+  if (room == nullptr) return OXBinary(first, first + pSize);
+  std::memcpy(room, first, pSize);
+  OXBinary binary;
+  binary.enterRoom(pArena, {room, pSize, ticket});
+  return binary;
+}
+
+bool operator==(const OXBinary& pLeft, const OXBinary& pRight) {
+  return pLeft.size() == pRight.size() &&
+         (pLeft.empty() || std::memcmp(pLeft.data(), pRight.data(), pLeft.size()) == 0);
+}
+
+OXReplyArenaScope::OXReplyArenaScope(std::shared_ptr<OXBinaryArena> pArena)
+    : fArena(std::move(pArena)), fOuter(tReplyArena) {
+  tReplyArena = fArena.get();
+}
+
+OXReplyArenaScope::~OXReplyArenaScope() {
+  tReplyArena = fOuter;
+}
+
+OXValue OXValue::replyBinary(const void* pData, int pSize) {
+  OXValue value;
+  if (tReplyArena == nullptr || pSize <= 0 || pData == nullptr) {
+    value.SetBinary(pData, pSize);
+  } else {
+    value.fData = OXBinary::copyInto(tReplyArena, pData, static_cast<std::size_t>(pSize));
+  }
+  return value;
+}
 
 OXValue::OXValue(const std::vector<int>& pValues) : fData(Array(pValues.begin(), pValues.end())) {}
 

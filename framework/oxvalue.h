@@ -2,17 +2,110 @@
 // binary). Reading a value as another kind, or indexing out of range, throws OXError.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <variant>
 #include <vector>
 
 namespace OX {
 
+// Storage for large binaries other than the heap: the shared-memory area through which the reply
+// of a remote call reaches a client on the broker's machine (net/oxsharedmemory.h). The arena
+// knows which of its rooms are still held by a binary, never hands them out again until they are
+// given back, and stays alive until then.
+class OXBinaryArena {
+ public:
+  virtual ~OXBinaryArena() = default;
+  // Room for pSize bytes and the ticket that gives it back, or null when the arena has none or
+  // does not take binaries of that size. Thread-safe.
+  virtual unsigned char* reserve(std::size_t pSize, std::uint64_t& pTicket) = 0;
+  // The binary that held the room of pTicket is gone, whether or not the arena has passed the
+  // room on since; called once for every room reserved. Thread-safe.
+  virtual void giveBack(std::uint64_t pTicket) noexcept = 0;
+};
+
+// The bytes of a binary value: on the heap, or in a room of an arena. A copy always lands on the
+// heap, so that only the value an arena's room was made for can ever live there; moving hands
+// the room over, and the last holder gives it back. As small as a std::string, so that an
+// OXValue stays 40 bytes.
+class OXBinary {
+ public:
+  using value_type = unsigned char;
+  using const_iterator = const unsigned char*;
+
+  OXBinary() : fHeap() {}
+  // pSize zero bytes.
+  explicit OXBinary(std::size_t pSize) : fHeap(pSize) {}
+  OXBinary(const unsigned char* pFirst, const unsigned char* pLast) : fHeap(pFirst, pLast) {}
+  // Takes the vector's storage over.
+  OXBinary(std::vector<unsigned char>&& pBytes) noexcept : fHeap(std::move(pBytes)) {}
+  OXBinary(const std::vector<unsigned char>& pBytes) : fHeap(pBytes) {}
+  OXBinary(const OXBinary& pOther) : fHeap(pOther.begin(), pOther.end()) {}
+  OXBinary(OXBinary&& pOther) noexcept;
+  OXBinary& operator=(const OXBinary& pOther);
+  OXBinary& operator=(OXBinary&& pOther) noexcept;
+  ~OXBinary();
+
+  // A copy of pSize bytes in a room of pArena when it has one, on the heap otherwise.
+  static OXBinary copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize);
+
+  const unsigned char* data() const { return fArena ? fRoom.fData : fHeap.data(); }
+  unsigned char* data() { return fArena ? fRoom.fData : fHeap.data(); }
+  std::size_t size() const { return fArena ? fRoom.fSize : fHeap.size(); }
+  bool empty() const { return size() == 0; }
+  const_iterator begin() const { return data(); }
+  const_iterator end() const { return data() + size(); }
+  unsigned char operator[](std::size_t pIndex) const { return data()[pIndex]; }
+  // Whether the bytes live in an arena's room.
+  bool inArena() const { return fArena != nullptr; }
+
+  friend bool operator==(const OXBinary& pLeft, const OXBinary& pRight);
+  friend bool operator!=(const OXBinary& pLeft, const OXBinary& pRight) {
+    return !(pLeft == pRight);
+  }
+
+ private:
+  struct Room {
+    unsigned char* fData;
+    std::size_t fSize;
+    std::uint64_t fTicket;
+  };
+  // Gives the room back, if any, and leaves an empty heap binary.
+  void leaveRoom() noexcept;
+  // From a heap binary to pArena's pRoom.
+  void enterRoom(OXBinaryArena* pArena, const Room& pRoom) noexcept;
+
+  union {
+    std::vector<unsigned char> fHeap;  // without an arena
+    Room fRoom;                        // with one
+  };
+  OXBinaryArena* fArena = nullptr;
+};
+
+// The arena of the reply that the calling thread is building, until the scope ends: the broker
+// host sets it while it runs a remote call of a client that reads its replies from a
+// shared-memory area. Only a result handed straight back to that client may be made there
+// (OXValue::replyBinary); whatever is kept, copied or made by anyone else stays on the heap.
+// Scopes nest; the innermost one counts, and a null arena means none.
+class OXReplyArenaScope {
+ public:
+  explicit OXReplyArenaScope(std::shared_ptr<OXBinaryArena> pArena);
+  ~OXReplyArenaScope();
+  OXReplyArenaScope(const OXReplyArenaScope&) = delete;
+  OXReplyArenaScope& operator=(const OXReplyArenaScope&) = delete;
+
+ private:
+  std::shared_ptr<OXBinaryArena> fArena;  // alive while its scope is
+  OXBinaryArena* fOuter;
+};
+
 class OXValue {
  public:
   enum Type { TypeInvalid = 0, TypeBool, TypeInt, TypeFloat, TypeString, TypeArray, TypeBinary };
-  using Binary = std::vector<unsigned char>;
+  using Binary = OXBinary;
   using Array = std::vector<OXValue>;
 
   OXValue() = default;
@@ -39,6 +132,11 @@ class OXValue {
   static OXValue binary(const void* pData, int pSize);
   // A binary value that takes over these bytes.
   static OXValue binary(Binary&& pBytes);
+  // A binary value holding a copy of pSize bytes, made for the reply of the remote call that the
+  // calling thread serves: in that reply's arena (OXReplyArenaScope) when it has room, on the
+  // heap otherwise. Only for a result that goes straight back to the caller, never for a value
+  // that anything keeps.
+  static OXValue replyBinary(const void* pData, int pSize);
   // An array of these elements (an empty array for an empty list), e.g. call arguments.
   static OXValue array(std::initializer_list<OXValue> pElements);
 

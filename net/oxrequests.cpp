@@ -197,6 +197,9 @@ OXValue RequestHandler::call(const std::string& pRoutingId, const OXValue& pHead
   {
     // The modules hold the caller to the rules of another process (oxcaller.h).
     OXRemoteCallScope remote(fBroker->getFilePolicy());
+    // A client that reads its replies from a shared-memory area may have its result's pixels
+    // copied there directly; placing the reply then finds them there (oxsharedmemory.h).
+    OXReplyArenaScope arena(fSessions.area(pRoutingId));
     result = fBroker->getProxy(module, 0)->genericCall(method, arguments);
   }
   if (startsWith(method, "subscribe") && result.isString()) {

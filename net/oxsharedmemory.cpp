@@ -12,6 +12,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -125,27 +126,85 @@ SharedArea::~SharedArea() {
   close(fFd);
 }
 
-bool SharedArea::place(const void* pData, std::size_t pSize, std::uint64_t& pPosition) {
-  if (!fAttached || pSize < fThreshold || pSize > fCapacity) return false;
-  std::lock_guard<std::mutex> guard(fMutex);
+bool SharedArea::claim(std::size_t pSize, std::uint64_t& pPosition) {
   // The client's word is checked: a position beyond what was placed is no release at all.
   const std::uint64_t released = __atomic_load_n(releasedWord(fBase), __ATOMIC_ACQUIRE);
   if (released <= fHead && released > fReleased) fReleased = released;
   // Everything given back: start again at the front of the ring, where the caches are warm. The
   // whole ring is free then, whatever the client's word says later.
-  if (fReleased >= fLastEnd) {
+  if (fReleased >= fLastEnd && fLentCount == 0) {
     fHead = roundUp(fHead, fCapacity);
     fReleased = fHead;
   }
+  // A lent room stays held even where the client has released past it (the replies of its calls
+  // may overtake one another): a binary of the host may still be written there, or sent from it.
+  std::uint64_t held = fReleased;
+  for (std::size_t i = 0; i < fLentCount; ++i) held = std::min(held, fLent[i].fPosition);
   std::uint64_t position = fHead;
   const std::uint64_t offset = position % fCapacity;
   if (offset + pSize > fCapacity) position += fCapacity - offset;  // no binary wraps around
-  if (position + pSize - fReleased > fCapacity) return false;      // the client still holds it
-  std::memcpy(fBase + kAreaHeaderBytes + position % fCapacity, pData, pSize);
-  fLastEnd = position + pSize;
-  fHead = roundUp(fLastEnd, kAreaAlignment);
+  if (position + pSize - held > fCapacity) return false;           // the client still holds it
   pPosition = position;
   return true;
+}
+
+bool SharedArea::place(const void* pData, std::size_t pSize, std::uint64_t& pPosition) {
+  if (!fAttached) return false;
+  std::lock_guard<std::mutex> guard(fMutex);
+  std::size_t room = kMaxLentRooms;
+  for (std::size_t i = 0; i < fLentCount; ++i) {
+    if (at(fLent[i].fPosition) == pData && fLent[i].fSize == pSize) room = i;
+  }
+  // Already in its room: from now on the client's, like any placed binary. Unless a reply lent a
+  // room later has been placed since: the client releases everything up to the end of what it
+  // has read, so positions must grow in the order replies are placed, and this one is copied
+  // after the other instead (its room is held until the copy is made).
+  if (room < kMaxLentRooms && fLent[room].fPosition >= fLastEnd) {
+    pPosition = fLent[room].fPosition;
+    fLastEnd = pPosition + pSize;
+    endLoan(room);
+    return true;
+  }
+  if (pSize < fThreshold || pSize > fCapacity) return false;
+  std::uint64_t position = 0;
+  if (!claim(pSize, position)) return false;
+  std::memcpy(at(position), pData, pSize);
+  if (room < kMaxLentRooms) endLoan(room);
+  fLastEnd = position + pSize;
+  fHead = roundUp(position + pSize, kAreaAlignment);
+  pPosition = position;
+  return true;
+}
+
+unsigned char* SharedArea::reserve(std::size_t pSize, std::uint64_t& pTicket) {
+  // A binary that would travel in the header could never be placed, only given back.
+  if (!fAttached || pSize < std::max(fThreshold, wire::kOutOfLineBinary) || pSize > fCapacity) {
+    return nullptr;
+  }
+  std::lock_guard<std::mutex> guard(fMutex);
+  std::uint64_t position = 0;
+  if (fLentCount == kMaxLentRooms || !claim(pSize, position)) return nullptr;
+  if (fHolders++ == 0) fWhileHeld = weak_from_this().lock();
+  fLent[fLentCount++] = {position, pSize};
+  fHead = roundUp(position + pSize, kAreaAlignment);
+  pTicket = position;
+  return at(position);
+}
+
+void SharedArea::giveBack(std::uint64_t pTicket) noexcept {
+  // The last reference may be this one: the area ends once the mutex is released.
+  std::shared_ptr<SharedArea> self;
+  std::lock_guard<std::mutex> guard(fMutex);
+  // The room is simply skipped: it is free again once the client has released past it, or
+  // when the ring starts again at its front.
+  for (std::size_t i = 0; i < fLentCount; ++i) {
+    if (fLent[i].fPosition == pTicket) {
+      endLoan(i);
+      break;
+    }
+  }
+  // Every binary made in a room gives it back once, placed or not.
+  if (fHolders > 0 && --fHolders == 0) self = std::move(fWhileHeld);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -15,6 +15,7 @@
 // no name, so nothing is left behind when either side dies. docs/protocol.md describes the layout.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -49,8 +50,14 @@ constexpr std::size_t kAreaTokenBytes = 16;
 // else, an empty address included, is not.
 bool isLocalPeer(const std::string& pPeerAddress);
 
-// One session's area, the host's side.
-class SharedArea : public wire::BinaryPlacer {
+// One session's area, the host's side. Besides placing copies of binaries, it lends rooms of its
+// ring to the result of a call while that call runs (OXReplyArenaScope), so that the device's
+// copy of an image lands in the ring directly and placing it costs no second copy. A room lent
+// is never handed out again, whatever the client releases, until its binary is placed (the
+// client's from then on) or gone.
+class SharedArea : public wire::BinaryPlacer,
+                   public OXBinaryArena,
+                   public std::enable_shared_from_this<SharedArea> {
  public:
   // Makes the memfd and maps it; throws OXError when the system refuses.
   SharedArea(std::size_t pBytes, std::size_t pThreshold, Reservation&& pCharge);
@@ -59,8 +66,13 @@ class SharedArea : public wire::BinaryPlacer {
   SharedArea& operator=(const SharedArea&) = delete;
 
   // Copies a binary of at least the threshold into the ring, once the client holds the area and
-  // when the ring has room. Thread-safe.
+  // when the ring has room; a binary that is already in a room of this ring lent by reserve is
+  // only given its position. Thread-safe.
   bool place(const void* pData, std::size_t pSize, std::uint64_t& pPosition) override;
+  // Lends a room of the ring to a binary of at least the threshold (and of a frame of its own),
+  // once the client holds the area, when the ring has room and fewer than kMaxLentRooms are out.
+  unsigned char* reserve(std::size_t pSize, std::uint64_t& pTicket) override;
+  void giveBack(std::uint64_t pTicket) noexcept override;
 
   int descriptor() const { return fFd; }
   std::size_t bytes() const { return fBytes; }
@@ -83,6 +95,27 @@ class SharedArea : public wire::BinaryPlacer {
   std::uint64_t fHead = 0;      // the next free position (positions only grow)
   std::uint64_t fReleased = 0;  // what the client is known to be done with
   std::uint64_t fLastEnd = 0;   // the end of the latest placed binary
+
+  // Rooms lent and not yet placed or given back: the calls of one session in flight at once.
+  static constexpr std::size_t kMaxLentRooms = 16;
+  struct Room {
+    std::uint64_t fPosition;  // also the room's ticket: positions are never used twice
+    std::size_t fSize;
+  };
+  std::array<Room, kMaxLentRooms> fLent{};
+  std::size_t fLentCount = 0;
+  // Binaries made in rooms of the ring and not yet gone, placed or not: while there are any the
+  // area keeps itself alive, as they hold no reference to it and give their rooms back to it.
+  std::size_t fHolders = 0;
+  std::shared_ptr<SharedArea> fWhileHeld;
+
+  // Under fMutex: where pSize bytes can go, or false while the client or a lent room holds it.
+  bool claim(std::size_t pSize, std::uint64_t& pPosition);
+  // Under fMutex: the room at pIndex is placed or given back.
+  void endLoan(std::size_t pIndex) { fLent[pIndex] = fLent[--fLentCount]; }
+  unsigned char* at(std::uint64_t pPosition) const {
+    return fBase + kAreaHeaderBytes + pPosition % fCapacity;
+  }
 };
 
 // Makes the areas of a host and hands their descriptors out at its door.

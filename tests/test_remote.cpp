@@ -2,16 +2,20 @@
 // ZeroMQ messages: results, errors and introspection arrive as they would in-process, over the
 // socket and over a shared-memory area alike (its calls over ZeroMQ or over the session's Unix
 // socket), every refusal is answered under the request's id, and a client carries on across a
-// reconnection. The areas themselves are bounded, single-use and only for this machine; the Unix
-// connections are single-use too, and bounded in time.
+// reconnection. The areas themselves are bounded, single-use and only for this machine, and the
+// rooms they lend to the device's copy of an image are never written over while a binary holds
+// them; the Unix connections are single-use too, and bounded in time.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "brokerprocess.h"
@@ -74,6 +78,29 @@ void fillViews(OXValue& pValue, const std::vector<OX::BinaryView>& pViews, std::
   } else if (pValue.isArray()) {
     for (int i = 0; i < pValue.getSize(); ++i) fillViews(pValue[i], pViews, pNext);
   }
+}
+
+// Encodes pValue for the client of pArea and decodes it as that client does (into pDecoded, with
+// the views of its binaries in pViews if given); returns the frames that travelled.
+std::size_t throughArea(const OXValue& pValue, net::SharedArea& pArea, net::AreaClient& pClient,
+                        OXValue& pDecoded, std::vector<OX::BinaryView>* pViews = nullptr) {
+  OX::wire::Encoded encoded;
+  OX::wire::encode(pValue, encoded, &pArea);
+  std::vector<OX::wire::FrameView> views = {{encoded.fHeader.data(), encoded.fHeader.size()}};
+  for (const OXValue::Binary* frame : encoded.fFrames)
+    views.push_back({frame->data(), frame->size()});
+  pDecoded =
+      OX::wire::decode(views, SIZE_MAX, OX::wire::DecodeBudget::unlimited(), &pClient, pViews);
+  return encoded.fFrames.size();
+}
+
+// A remote image result, made as the device makes it while the host serves a call.
+OXValue replyOf(const std::vector<unsigned char>& pBytes) {
+  return OXValue::replyBinary(pBytes.data(), static_cast<int>(pBytes.size()));
+}
+
+bool lent(const OXValue& pValue) {
+  return pValue.binaryBytes().inArena();
 }
 
 OXValue uniformFrame(int pWidth, int pHeight) {
@@ -206,6 +233,56 @@ TEST(Remote, EveryRefusalIsAnsweredUnderItsRequestsId) {
 
 // A client whose connection was made again (here: the broker restarted on its port) has a new
 // routing identity; without a new hello its calls would all fail, or run without a session.
+// Over shared memory the device's copy of an image lands in the area: a room read at the wrong
+// place, or written over while its reply was on its way, would give other pixels than the socket
+// gives for the same frame, once the ring has wrapped a few times; copied and read in place alike.
+TEST(Remote, ImagesComeBackOverTheAreaAsOverTheSocketAsTheAreaWraps) {
+  constexpr int kBytes = 320 * 240 * 3;
+  BrokerProcess broker({"--shared-memory-bytes", std::to_string(4096 + 4 * kBytes + 100)});
+  boost::shared_ptr<OXProxy> proxies[2];
+  for (SharedMemory channel : {SharedMemory::kNever, SharedMemory::kRequire}) {
+    OX::ConnectOptions options;
+    options.fSharedMemory = channel;
+    const int i = channel == SharedMemory::kNever ? 0 : 1;
+    proxies[i] = OXProxy::connect(broker.url(), "OXVideoDevice", options);
+    const std::string name = i == 0 ? "socket" : "area";
+    EXPECT_EQ(proxies[i]->genericCall("subscribeCamera",
+                                      OXValue::array({name, 0, OX::kQVGA, OX::kRGB, 30})),
+              OXValue(name));
+  }
+  const auto pixels = [](const OXValue& pImage) {
+    return pImage.getSize() == 12 ? pImage[6] : OXValue();
+  };
+  OXValue previous;
+  for (uint32_t round = 0; round < 8; ++round) {
+    ASSERT_EQ(proxies[0]->genericCall(
+                  "putImage", OXValue::array({0, 320, 240, vitest::rgbFrame(OX::kQVGA, round)})),
+              OXValue(true));
+    // The device takes a new frame for a subscriber of 30 fps once a period is over.
+    OXValue bySocket;
+    ASSERT_TRUE(vitest::pollUntil(
+        [&] {
+          bySocket = pixels(proxies[0]->genericCall("getImageRemote", OXValue::array({"socket"})));
+          return bySocket != previous;
+        },
+        2000))
+        << round;
+    ASSERT_EQ(bySocket.getSize(), kBytes);
+    EXPECT_EQ(pixels(proxies[1]->genericCall("getImageRemote", OXValue::array({"area"}))), bySocket)
+        << round;
+    OX::ViewedResult viewed =
+        OX::callWithViews(*proxies[1], "getImageRemote", OXValue::array({"area"}));
+    ASSERT_EQ(viewed.fBinaries.size(), 1u);
+    EXPECT_EQ(OXValue::binary(viewed.fBinaries[0].fData, int(viewed.fBinaries[0].fSize)), bySocket)
+        << round;
+    EXPECT_EQ(
+        pixels(proxies[1]->genericCall("getDirectRawImageRemote", OXValue::array({"area"}))),
+        pixels(proxies[0]->genericCall("getDirectRawImageRemote", OXValue::array({"socket"}))))
+        << round;
+    previous = bySocket;
+  }
+}
+
 TEST_P(Channel, ClientIntroducesItselfAgainAfterItsConnectionIsMadeAgain) {
   auto broker = std::make_unique<BrokerProcess>();
   const std::string port = std::to_string(broker->port());
@@ -298,15 +375,10 @@ TEST(SharedArea, IsBoundedSingleUseAndOnlyForThisMachine) {
     value.arrayPush(OXValue::binary(bytes.data(), static_cast<int>(bytes.size())));
   }
   const auto frames = [&] {
-    OX::wire::Encoded encoded;
-    OX::wire::encode(value, encoded, area.get());
-    std::vector<OX::wire::FrameView> views = {{encoded.fHeader.data(), encoded.fHeader.size()}};
-    for (const OXValue::Binary* frame : encoded.fFrames)
-      views.push_back({frame->data(), frame->size()});
-    EXPECT_EQ(
-        OX::wire::decode(views, SIZE_MAX, OX::wire::DecodeBudget::unlimited(), &client, nullptr),
-        value);
-    return encoded.fFrames.size();
+    OXValue decoded;
+    const std::size_t count = throughArea(value, *area, client, decoded);
+    EXPECT_EQ(decoded, value);
+    return count;
   };
   EXPECT_EQ(frames(), 1u);
   EXPECT_EQ(frames(), 4u);
@@ -321,6 +393,141 @@ TEST(SharedArea, IsBoundedSingleUseAndOnlyForThisMachine) {
   }
   area.reset();
   EXPECT_EQ(areas.heldBytes(), 0u);
+}
+
+// The device's copy of an image is made in a room of the area: a result made there outside a
+// call (or too small to be placed) would bypass the copy a remote result must be, a copy left in
+// the ring would change as the ring is used again, a room written over while a kept binary holds
+// it would change that binary, and a room given back wrongly would leave the ring short for good.
+TEST(SharedArea, LendsRoomsToTheDevicesCopyThatNothingWritesOver) {
+  constexpr std::size_t kPiece = net::kDefaultPlaceThreshold;
+  net::SharedAreas areas(net::kAreaHeaderBytes + 4 * kPiece, SIZE_MAX);
+  areas.start();
+  std::shared_ptr<net::SharedArea> area;
+  net::AreaClient client(areas.offer("127.0.0.1", area));
+  const auto bytes = [](std::size_t pSize, uint32_t pSeed) {
+    return vitest::randomBytes(pSize, pSeed);
+  };
+  OXValue decoded;
+  std::vector<OX::BinaryView> views;
+
+  const std::vector<unsigned char> first = bytes(kPiece, 1);
+  EXPECT_FALSE(lent(replyOf(first)));  // no call is served
+  auto scope = std::make_unique<OX::OXReplyArenaScope>(area);
+  EXPECT_FALSE(lent(replyOf(bytes(kPiece - 1, 2))));
+  OXValue image = OXValue::array({1, OXValue()});
+  image[1] = replyOf(first);  // a list of values would be copied
+  ASSERT_TRUE(lent(image[1]));
+  const OXValue copy = image;
+  EXPECT_FALSE(lent(copy[1]));
+  // Placed without a second copy: the client reads the very room the device wrote.
+  EXPECT_EQ(throughArea(image, *area, client, decoded, &views), 0u);
+  ASSERT_EQ(views.size(), 1u);
+  static_cast<unsigned char*>(image[1].GetBinary())[7] ^= 0xff;
+  EXPECT_EQ(views[0].fData[7], image[1].binaryBytes()[7]);
+  EXPECT_EQ(
+      std::vector<unsigned char>(views[0].fData, views[0].fData + kPiece),
+      std::vector<unsigned char>(image[1].binaryBytes().begin(), image[1].binaryBytes().end()));
+
+  // A result kept instead of sent holds its room while the ring wraps around it: what would go
+  // there travels as frames instead, and the kept bytes and a copy's stay as they were.
+  const std::vector<unsigned char> second = bytes(kPiece, 3);
+  OXValue kept = replyOf(second);
+  ASSERT_TRUE(lent(kept));
+  const OXValue keptCopy = kept;
+  std::size_t frames = 0;
+  for (uint32_t round = 0; round < 12; ++round) {
+    client.releaseAll();
+    const OXValue value =
+        OXValue::array({OXValue::binary(bytes(kPiece, 10 + round).data(), kPiece)});
+    frames += throughArea(value, *area, client, decoded);
+    EXPECT_EQ(decoded, value) << round;
+  }
+  EXPECT_GT(frames, 0u);
+  EXPECT_EQ(kept, OXValue::binary(second.data(), kPiece));
+  EXPECT_EQ(keptCopy, kept);
+  EXPECT_EQ(copy[1], OXValue::binary(first.data(), kPiece));
+  kept = OXValue();  // gives its room back
+
+  // A ring too full lends nothing: that result is made on the heap and travels as a frame.
+  client.releaseAll();
+  OXValue full = OXValue::array({OXValue(), OXValue()});
+  full[0] = replyOf(bytes(3 * kPiece, 4));
+  full[1] = replyOf(bytes(2 * kPiece, 5));
+  EXPECT_TRUE(lent(full[0]));
+  EXPECT_FALSE(lent(full[1]));
+  EXPECT_EQ(throughArea(full, *area, client, decoded), 1u);
+  EXPECT_EQ(decoded, full);
+
+  // A room given back unplaced (a result dropped or overwritten, an error instead) leaves the
+  // whole ring to the next reply; moving a result keeps its room, assigning a copy leaves it.
+  client.releaseAll();
+  OXValue moved = replyOf(bytes(3 * kPiece, 6));
+  OXValue dropped = std::move(moved);
+  EXPECT_TRUE(lent(dropped));
+  dropped = copy[1];
+  EXPECT_FALSE(lent(dropped));
+  const OXValue whole = OXValue::array({OXValue::binary(bytes(4 * kPiece, 7).data(), 4 * kPiece)});
+  EXPECT_EQ(throughArea(whole, *area, client, decoded), 0u);
+  EXPECT_EQ(decoded, whole);
+
+  // The session may end while its replies are on the way: the area lives until every room, placed
+  // or not, is given back, and no longer.
+  client.releaseAll();
+  const std::vector<unsigned char> last = bytes(kPiece, 8);
+  OXValue late = replyOf(last);
+  EXPECT_TRUE(lent(late));
+  const std::weak_ptr<net::SharedArea> watch = area;
+  scope.reset();
+  area.reset();
+  EXPECT_FALSE(watch.expired());
+  EXPECT_EQ(late, OXValue::binary(last.data(), kPiece));
+  late = OXValue();
+  EXPECT_FALSE(watch.expired());  // the placed results still hold their rooms
+  image = OXValue();
+  full = OXValue();
+  EXPECT_TRUE(watch.expired());
+  EXPECT_EQ(areas.heldBytes(), 0u);
+}
+
+// The calls of one session are served at once, and their replies overtake one another: a room
+// handed out again because the client released past it while its call was still running, or two
+// calls given one room, would mix their pixels; the ring's bookkeeping must hold under every
+// order of lending, placing and giving back (and TSan sees the copies into the rooms).
+TEST(SharedArea, CallsServedAtOnceNeverShareARoom) {
+  constexpr std::size_t kPiece = net::kDefaultPlaceThreshold;
+  constexpr uint32_t kThreads = 4;
+  net::SharedAreas areas(net::kAreaHeaderBytes + 6 * kPiece, SIZE_MAX);
+  areas.start();
+  std::shared_ptr<net::SharedArea> area;
+  net::AreaClient client(areas.offer("127.0.0.1", area));
+  std::mutex replyMutex;  // a reply is placed, read and released before the next one
+  std::atomic<int> wrong{0};
+  std::atomic<int> lentCount{0};
+  std::vector<std::thread> calls;
+  for (uint32_t t = 0; t < kThreads; ++t) {
+    calls.emplace_back([&, t] {
+      OX::OXReplyArenaScope scope(area);
+      for (uint32_t call = 0; call < 60; ++call) {
+        const std::vector<unsigned char> pixels =
+            vitest::randomBytes(kPiece + t * 4096, call * kThreads + t);
+        OXValue result = OXValue::array({OXValue()});
+        result[0] = replyOf(pixels);
+        lentCount += lent(result[0]) ? 1 : 0;
+        { const OXValue refused = replyOf(pixels); }  // a call that ends in an error
+        std::this_thread::yield();
+        std::lock_guard<std::mutex> guard(replyMutex);
+        OXValue decoded;
+        throughArea(result, *area, client, decoded);
+        if (decoded != OXValue::array({OXValue::binary(pixels.data(), int(pixels.size()))}))
+          ++wrong;
+        client.releaseAll();
+      }
+    });
+  }
+  for (std::thread& call : calls) call.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_GT(lentCount.load(), 0);
 }
 
 // A client that must have an area would otherwise send its hello to a host on another machine
@@ -408,7 +615,9 @@ TEST(UnixSocket, TakesOneTokenOnceRefusesAsZeroMQAndDropsSilentClients) {
       OX::wire::Encoded encoded;
       OX::wire::encode(pMessage, encoded);
       std::vector<OXValue::Binary> extra;
-      for (const std::string& frame : pExtra) extra.emplace_back(frame.begin(), frame.end());
+      for (const std::string& frame : pExtra)
+        extra.emplace_back(reinterpret_cast<const unsigned char*>(frame.data()),
+                           reinterpret_cast<const unsigned char*>(frame.data()) + frame.size());
       for (const OXValue::Binary& frame : extra) encoded.fFrames.push_back(&frame);
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
       EXPECT_EQ(calls.send(encoded, deadline), net::CallsClient::Result::kDone);
