@@ -4,7 +4,6 @@
 #include <endian.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -58,28 +57,6 @@ Wait waitFor(int pFd, short pEvents, Clock::time_point pDeadline, int pStopFd) {
     if (pStopFd >= 0 && fds[1].revents != 0) return Wait::kStopped;
     if (fds[0].revents != 0) return Wait::kReady;
   }
-}
-
-// An abstract Unix socket address ("@name"): it has no file, so nothing is left behind.
-sockaddr_un abstractAddress(const std::string& pName, socklen_t& pLength) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::size_t size = std::min(pName.size() - 1, sizeof(address.sun_path) - 1);
-  std::memcpy(address.sun_path + 1, pName.data() + 1, size);
-  pLength = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + size);
-  return address;
-}
-
-std::string randomName() {
-  unsigned char bytes[8] = {};
-  (void)!getrandom(bytes, sizeof(bytes), 0);
-  static const char kDigits[] = "0123456789abcdef";
-  std::string name = "@oxbroker-calls-" + std::to_string(getpid()) + "-";
-  for (unsigned char c : bytes) {
-    name += kDigits[c >> 4];
-    name += kDigits[c & 15];
-  }
-  return name;
 }
 
 [[noreturn]] void fail(const std::string& pFunction, const std::string& pWhat) {
@@ -333,7 +310,7 @@ LocalCalls::~LocalCalls() {
 void LocalCalls::start() {
   if (fListen >= 0 || fStopping) return;
   try {
-    fAddress = randomName();
+    fAddress = abstractSocketName("oxbroker-calls");
     fListen = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fListen < 0) fail("start", "cannot make the calls door");
     socklen_t length = 0;

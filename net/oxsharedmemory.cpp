@@ -64,7 +64,16 @@ std::string hex(const std::string& pBytes) {
   return text;
 }
 
-// An abstract Unix socket address ("@name"): it has no file, so nothing is left behind.
+std::uint64_t* releasedWord(unsigned char* pBase) {
+  return reinterpret_cast<std::uint64_t*>(pBase + kAreaReleasedOffset);
+}
+
+}  // namespace
+
+std::string abstractSocketName(const std::string& pPrefix) {
+  return "@" + pPrefix + "-" + std::to_string(getpid()) + "-" + hex(randomBytes(8));
+}
+
 sockaddr_un abstractAddress(const std::string& pName, socklen_t& pLength) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -73,12 +82,6 @@ sockaddr_un abstractAddress(const std::string& pName, socklen_t& pLength) {
   pLength = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + size);
   return address;
 }
-
-std::uint64_t* releasedWord(unsigned char* pBase) {
-  return reinterpret_cast<std::uint64_t*>(pBase + kAreaReleasedOffset);
-}
-
-}  // namespace
 
 bool isLocalPeer(const std::string& pPeerAddress) {
   in_addr v4{};
@@ -212,7 +215,7 @@ void SharedArea::giveBack(std::uint64_t pTicket) noexcept {
 
 class SharedAreas::Door {
  public:
-  Door() : fName("@oxbroker-area-" + std::to_string(getpid()) + "-" + hex(randomBytes(8))) {
+  Door() : fName(abstractSocketName("oxbroker-area")) {
     fListen = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fListen < 0) fail("start", "cannot make the shared-memory door");
     socklen_t length = 0;

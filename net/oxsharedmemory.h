@@ -15,6 +15,9 @@
 // no name, so nothing is left behind when either side dies. docs/protocol.md describes the layout.
 #pragma once
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -49,6 +52,13 @@ constexpr std::size_t kAreaTokenBytes = 16;
 // (127.0.0.0/8, ::1, ::ffff:127.0.0.0/104), or an ipc connection ("host:uid:gid:pid"). Anything
 // else, an empty address included, is not.
 bool isLocalPeer(const std::string& pPeerAddress);
+
+// A name for an abstract Unix socket of this process that no other process can guess:
+// "@<pPrefix>-<pid>-<16 hex digits>". Throws OXError when the system has no random bytes.
+std::string abstractSocketName(const std::string& pPrefix);
+// The address of the abstract Unix socket pName ("@name"): it has no file, so nothing is left
+// behind when its process dies.
+sockaddr_un abstractAddress(const std::string& pName, socklen_t& pLength);
 
 // One session's area, the host's side. Besides placing copies of binaries, it lends rooms of its
 // ring to the result of a call while that call runs (OXReplyArenaScope), so that the device's
