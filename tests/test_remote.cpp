@@ -235,7 +235,8 @@ TEST(Remote, EveryRefusalIsAnsweredUnderItsRequestsId) {
 // routing identity; without a new hello its calls would all fail, or run without a session.
 // Over shared memory the device's copy of an image lands in the area: a room read at the wrong
 // place, or written over while its reply was on its way, would give other pixels than the socket
-// gives for the same frame, once the ring has wrapped a few times; copied and read in place alike.
+// gives for the same frame, once the ring has wrapped a few times; copied and read in place alike,
+// and for the one binary behind the images of a subscriber of several cameras.
 TEST(Remote, ImagesComeBackOverTheAreaAsOverTheSocketAsTheAreaWraps) {
   constexpr int kBytes = 320 * 240 * 3;
   BrokerProcess broker({"--shared-memory-bytes", std::to_string(4096 + 4 * kBytes + 100)});
@@ -249,6 +250,12 @@ TEST(Remote, ImagesComeBackOverTheAreaAsOverTheSocketAsTheAreaWraps) {
     EXPECT_EQ(proxies[i]->genericCall("subscribeCamera",
                                       OXValue::array({name, 0, OX::kQVGA, OX::kRGB, 30})),
               OXValue(name));
+    const std::string many = name + "-many";
+    EXPECT_EQ(proxies[i]->genericCall(
+                  "subscribeCameras",
+                  OXValue::array({many, OXValue::array({0}), OXValue::array({int(OX::kQVGA)}),
+                                  OXValue::array({int(OX::kRGB)}), 30})),
+              OXValue(many));
   }
   const auto pixels = [](const OXValue& pImage) {
     return pImage.getSize() == 12 ? pImage[6] : OXValue();
@@ -278,6 +285,14 @@ TEST(Remote, ImagesComeBackOverTheAreaAsOverTheSocketAsTheAreaWraps) {
     EXPECT_EQ(
         pixels(proxies[1]->genericCall("getDirectRawImageRemote", OXValue::array({"area"}))),
         pixels(proxies[0]->genericCall("getDirectRawImageRemote", OXValue::array({"socket"}))))
+        << round;
+    // The images of a subscriber of several cameras come as one binary behind their arrays.
+    const OXValue manyBySocket =
+        proxies[0]->genericCall("getImagesRemote", OXValue::array({"socket-many"}));
+    ASSERT_EQ(manyBySocket.getSize(), 2) << round;
+    EXPECT_EQ(manyBySocket[1].getSize(), kBytes) << round;
+    EXPECT_EQ(proxies[1]->genericCall("getImagesRemote", OXValue::array({"area-many"}))[1],
+              manyBySocket[1])
         << round;
     previous = bySocket;
   }

@@ -321,7 +321,9 @@ OXValue OXVisionVideoInput::xJoinedReply(const std::vector<OXImage*>& pImages,
     if (size > 0) std::memcpy(position, image->fData, size);
     position += size;
   }
-  reply[count].SetBinary(fBinaryBuffer.get(), static_cast<int>(total));
+  // Straight back to the caller: for a client that reads its replies from a shared-memory area
+  // the pixels land there, and the host sends them without copying them again.
+  reply[count] = OXValue::replyBinary(fBinaryBuffer.get(), static_cast<int>(total));
   return reply;
 }
 
