@@ -20,6 +20,22 @@ struct PairRows {
   unsigned char* fTarget;
 };
 
+// Runs pRow(left, target, pairs, ahead) on every row of pRows, ahead being the next row, for the
+// row to prefetch it (this one again at the end: nothing beyond the frame); returns the pairs
+// that the last row did.
+template <class Row>
+inline int eachPairRow(const PairRows& pRows, Row pRow) {
+  int done = 0;
+  for (int y = 0; y < pRows.fRows; ++y) {
+    const unsigned char* left = pRows.fSource + y * pRows.fSourceStride;
+    const unsigned char* ahead = y + 1 < pRows.fRows ? left + pRows.fSourceStride : left;
+    unsigned char* target =
+        pRows.fTarget + static_cast<unsigned long>(y) * pRows.fWidth / pRows.fRatio * 2;
+    done = pRow(left, target, pRows.fPairs, ahead);
+  }
+  return done;
+}
+
 namespace sse41 {
 int yuvRow(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);
 int yuv422Row(const unsigned char* pSource, int pStep, unsigned char* pTarget, int pCount);

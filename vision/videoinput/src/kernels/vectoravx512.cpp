@@ -128,16 +128,7 @@ int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
 
 int pairRows(const PairRows& pRows) {
   if (pRows.fStep != kPairBytes || pRows.fRight != kRight) return avx2::pairRows(pRows);
-  int done = 0;
-  for (int y = 0; y < pRows.fRows; ++y) {
-    const unsigned char* left = pRows.fSource + y * pRows.fSourceStride;
-    // The next row, or this one again at the end: nothing beyond the frame.
-    const unsigned char* ahead = y + 1 < pRows.fRows ? left + pRows.fSourceStride : left;
-    unsigned char* target =
-        pRows.fTarget + static_cast<unsigned long>(y) * pRows.fWidth / pRows.fRatio * 2;
-    done = ratio2Row<true>(left, target, pRows.fPairs, ahead);
-  }
-  return done;
+  return eachPairRow(pRows, ratio2Row<true>);
 }
 
 }  // namespace avx512

@@ -607,24 +607,12 @@ int pairRow(const unsigned char* pLeft, const unsigned char* pRight, int pStep,
 }
 
 int pairRows(const PairRows& pRows) {
-  const auto each = [&](auto pRow) {
-    int done = 0;
-    for (int y = 0; y < pRows.fRows; ++y) {
-      const unsigned char* left = pRows.fSource + y * pRows.fSourceStride;
-      // The next row, or this one again at the end: nothing beyond the frame.
-      const unsigned char* ahead = y + 1 < pRows.fRows ? left + pRows.fSourceStride : left;
-      unsigned char* target =
-          pRows.fTarget + static_cast<unsigned long>(y) * pRows.fWidth / pRows.fRatio * 2;
-      done = pRow(left, target, pRows.fPairs, ahead);
-    }
-    return done;
-  };
   const auto is = [&](auto pRatio) {
     using Layout = PairLayout<decltype(pRatio)::kValue>;
     return pRows.fStep == Layout::kStep && pRows.fRight == Layout::kRight;
   };
-  if (is(Step<2>())) return each(ratio2Row<true>);
-  if (is(Step<4>())) return each(Sampling<4>::row<true>);
-  if (is(Step<8>())) return each(Sampling<8>::row<true>);
+  if (is(Step<2>())) return eachPairRow(pRows, ratio2Row<true>);
+  if (is(Step<4>())) return eachPairRow(pRows, Sampling<4>::row<true>);
+  if (is(Step<8>())) return eachPairRow(pRows, Sampling<8>::row<true>);
   return 0;
 }
