@@ -276,13 +276,9 @@ OXValue OXRemoteConnection::exchange(const OXValue& pMessage, int pId, const std
     for (const zmq::message_t& frame : frames) views.push_back({frame.data(), frame.size()});
     OXValue reply;
     if (!decodeReply(views, pId, pFunction, pViews, reply)) continue;
-    if (pViews != nullptr) {
-      fHeld = std::move(frames);  // the views point into them (moving keeps their bytes)
-    } else if (fArea) {
-      fArea->releaseAll();  // copied out: the host may use the area again at once
-    }
-    if (reply[2].asString() == "error") wire::throwErrorValue(reply[3]);
-    return std::move(reply[3]);  // the pixels of an image are not copied once more
+    // The views point into them (moving keeps their bytes).
+    if (pViews != nullptr) fHeld = std::move(frames);
+    return resultOf(reply, pViews != nullptr);
   }
 }
 
@@ -300,9 +296,7 @@ bool OXRemoteConnection::exchangeLocally(const wire::Encoded& pEncoded, int pId,
     OXValue reply;
     if (!decodeReply(views, pId, pFunction, pViews, reply)) continue;
     // The views point into the connection's buffer until the next call.
-    if (pViews == nullptr && fArea) fArea->releaseAll();
-    if (reply[2].asString() == "error") wire::throwErrorValue(reply[3]);
-    pResult = std::move(reply[3]);
+    pResult = resultOf(reply, pViews != nullptr);
     return true;
   }
   // Either way the stream may be cut in the middle of a message: the session's later calls go
@@ -332,6 +326,12 @@ bool OXRemoteConnection::decodeReply(const std::vector<wire::FrameView>& pFrames
   }
   // Another id: a late reply to a request that timed out, or the broker's probe (id 0).
   return pReply[1].asInt() == pId;
+}
+
+OXValue OXRemoteConnection::resultOf(OXValue& pReply, bool pViewed) {
+  if (!pViewed && fArea) fArea->releaseAll();  // copied out: the host may use the area again
+  if (pReply[2].asString() == "error") wire::throwErrorValue(pReply[3]);
+  return std::move(pReply[3]);  // the pixels of an image are not copied once more
 }
 
 OXProxy::OXProxy(const std::string& pModuleName, const std::string& pHost, int pPort)

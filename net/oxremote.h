@@ -87,6 +87,9 @@ class OXRemoteConnection : public OXRemoteChannel {
   // The reply in pFrames, or false when it is another request's.
   bool decodeReply(const std::vector<wire::FrameView>& pFrames, int pId,
                    const std::string& pFunction, std::vector<BinaryView>* pViews, OXValue& pReply);
+  // The result of the reply pReply, raised when it is an error; a reply not read in place
+  // (pViewed false) gives the area back to the host at once.
+  OXValue resultOf(OXValue& pReply, bool pViewed);
 
   std::string fUrl;
   std::string fClientName;
