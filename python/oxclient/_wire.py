@@ -80,10 +80,17 @@ def encode(value):
 def _buffer_of(frame):
     """A read-only view of a frame's bytes, without a copy: a zmq.Frame received with copy=False,
     or bytes."""
+    if type(frame) is memoryview:
+        return frame if frame.readonly else frame.toreadonly()
     if isinstance(frame, bytes):
         return memoryview(frame)
     buffer = getattr(frame, "buffer", None)  # a zmq.Frame
     return (buffer if buffer is not None else memoryview(frame)).toreadonly()
+
+
+_NONE_TYPE = type(None)
+# What msgpack gives back as it is: only these exact types, never subclasses, come out of it.
+_PLAIN = frozenset((str, bool, float, _NONE_TYPE))
 
 
 class _Decoder:
@@ -96,31 +103,53 @@ class _Decoder:
     def value(self, obj, depth=0):
         if depth > MAX_DEPTH:
             raise _malformed("nested deeper than %d" % MAX_DEPTH)
-        if isinstance(obj, bytes):
+        kind = type(obj)
+        if kind is list:
+            return self.items(obj, depth)
+        return self.scalar(obj, kind)
+
+    def items(self, items, depth):
+        """The array's values, in place: msgpack made the list for this message alone."""
+        if items and depth >= MAX_DEPTH:
+            raise _malformed("nested deeper than %d" % MAX_DEPTH)
+        for index, item in enumerate(items):
+            kind = type(item)
+            if kind is int:
+                if not INT_MIN <= item <= INT_MAX:
+                    raise _malformed("integer %d out of range" % item)
+            elif kind in _PLAIN:
+                pass
+            elif kind is list:
+                self.items(item, depth + 1)
+            else:
+                items[index] = self.scalar(item, kind)
+        return items
+
+    def scalar(self, obj, kind):
+        if kind is bytes:
             return memoryview(obj)
-        if obj is None or isinstance(obj, (bool, float, str)):
+        if kind in _PLAIN:
             return obj
-        if isinstance(obj, int):
+        if kind is int:
             if not INT_MIN <= obj <= INT_MAX:
                 raise _malformed("integer %d out of range" % obj)
             return obj
-        if isinstance(obj, list):
-            return [self.value(item, depth + 1) for item in obj]
-        if isinstance(obj, msgpack.ExtType):
+        if kind is tuple:  # what _ext_pair makes of an ext object
             return self.frame(obj)
-        if isinstance(obj, dict):
+        if kind is dict:
             raise _malformed("a map")
-        raise _malformed("an unknown MessagePack type (%s)" % type(obj).__name__)
+        raise _malformed("an unknown MessagePack type (%s)" % kind.__name__)
 
     def frame(self, ext):
-        if ext.code == AREA_EXT_TYPE and self.area is not None and len(ext.data) == 12:
-            position, size = _AREA_PLACE.unpack(ext.data)
+        code, data = ext
+        if code == AREA_EXT_TYPE and self.area is not None and len(data) == 12:
+            position, size = _AREA_PLACE.unpack(data)
             return self.area.resolve(position, size, self.views)
-        if ext.code != FRAME_EXT_TYPE:
-            raise _malformed("unknown extension type %d" % ext.code)
-        if len(ext.data) != 4:
-            raise _malformed("a frame reference of %d bytes" % len(ext.data))
-        (index,) = struct.unpack(">I", ext.data)
+        if code != FRAME_EXT_TYPE:
+            raise _malformed("unknown extension type %d" % code)
+        if len(data) != 4:
+            raise _malformed("a frame reference of %d bytes" % len(data))
+        (index,) = _FRAME_INDEX.unpack(data)
         if not 1 <= index < len(self.frames) + 1:
             raise _malformed("frame %d does not exist" % index)
         if self.used[index - 1]:
@@ -129,8 +158,14 @@ class _Decoder:
         return _buffer_of(self.frames[index - 1])
 
 
-def _keep_ext(code, data):
-    return msgpack.ExtType(code, data)
+_FRAME_INDEX = struct.Struct(">I")
+_unpackb = msgpack.unpackb
+
+
+def _ext_pair(code, data):
+    """An ext object as a plain (code, data) pair: msgpack makes no other tuple (arrays come as
+    lists), and a pair costs less than an ExtType."""
+    return (code, data)
 
 
 def decode(frames, area=None, views=False):
@@ -139,21 +174,23 @@ def decode(frames, area=None, views=False):
     are read through area: copied, or with views, left in place."""
     if not frames:
         raise _malformed("no frames")
-    header = _buffer_of(frames[0])
+    header = frames[0]
+    if type(header) is not bytes and type(header) is not memoryview:
+        header = _buffer_of(header)
     if not header:
         raise _malformed("empty header")
     try:
         # The timestamp extension comes back as msgpack.Timestamp and is refused like any other.
-        obj = msgpack.unpackb(header, raw=False, unicode_errors="surrogateescape",
-                              strict_map_key=False, use_list=True, timestamp=0,
-                              ext_hook=_keep_ext)
+        obj = _unpackb(header, raw=False, unicode_errors="surrogateescape",
+                       strict_map_key=False, use_list=True, timestamp=0, ext_hook=_ext_pair)
     except msgpack.ExtraData:
         raise _malformed("bytes after the header") from None
     except (ValueError, msgpack.UnpackException, TypeError) as error:
         raise _malformed("unreadable header (%s)" % (str(error) or type(error).__name__)) from None
-    decoder = _Decoder(list(frames[1:]), area, views)
+    decoder = _Decoder(frames[1:] if len(frames) > 1 else [], area, views)
     result = decoder.value(obj)
-    for index, used in enumerate(decoder.used, start=1):
-        if not used:
-            raise _malformed("frame %d is not referenced" % index)
+    if len(frames) > 1:
+        for index, used in enumerate(decoder.used, start=1):
+            if not used:
+                raise _malformed("frame %d is not referenced" % index)
     return result

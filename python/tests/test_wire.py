@@ -97,6 +97,12 @@ def ext_ref(index, size=4):
     return msgpack.ExtType(1, struct.pack(">I", index)[4 - size:] if size <= 4 else b"\0" * size)
 
 
+def nested(depth, inner):
+    for _ in range(depth):
+        inner = [inner]
+    return inner
+
+
 class TestMalformedReplies:
     @pytest.mark.parametrize("frames,why", [
         ([], "no frames"),
@@ -116,12 +122,24 @@ class TestMalformedReplies:
         ([msgpack.packb(ext_ref(1)), b"x", b"y"], "frame 2 is not referenced"),
         ([msgpack.packb(None), b"x"], "frame 1 is not referenced"),
         ([msgpack.packb(ext_ref(1, 3)), b"x"], "frame reference of 3 bytes"),
+        # The same deep inside arrays, which the decoder walks in place.
+        ([msgpack.packb([1, [2, [3, 2 ** 31]]])], "integer 2147483648 out of range"),
+        ([msgpack.packb([[None, [{}]]])], "a map"),
+        ([b"\x92\x01\x91\xd6\xff\x00\x00\x00\x01"], "unknown MessagePack type"),
+        ([msgpack.packb([1, [msgpack.ExtType(3, b"")]])], "unknown extension type 3"),
+        ([msgpack.packb(nested(257, []))], "nested deeper than 256"),
+        ([msgpack.packb(nested(257, 1))], "nested deeper than 256"),
     ])
     def test_refused_with_the_reason(self, frames, why):
         with pytest.raises(OXError) as caught:
             _wire.decode(frames)
         assert caught.value.description.startswith("malformed message: ")
         assert why in caught.value.description
+
+    # The decoder's depth bound must not refuse what stays within it.
+    def test_values_at_the_depth_bound_are_taken(self):
+        for value in (nested(256, []), nested(256, 1), [nested(255, b"x"), [1, [True]]]):
+            assert round_trip(value) == value
 
 
 class TestOXError:
