@@ -9,8 +9,10 @@ host never writes over what lies beyond.
 """
 
 import ipaddress
+import math
 import mmap
 import os
+import select
 import socket
 import struct
 import time
@@ -22,6 +24,7 @@ RELEASED_OFFSET = 64
 MAGIC = b"OXAREA1\0"
 TOKEN_BYTES = 16
 _DOOR_TIMEOUT_S = 2.0
+_RELEASED = struct.Struct("<Q")
 
 
 def on_this_machine(url):
@@ -83,6 +86,7 @@ class Area:
         self._view = memoryview(self._map)
         self._capacity = size - HEADER_BYTES
         self._seen_end = 0
+        self._released = None
 
     def resolve(self, position, size, view):
         """The binary at position: a view of the area, or a copy."""
@@ -97,7 +101,9 @@ class Area:
 
     def release(self):
         """Tells the host that everything received so far may be written over."""
-        struct.pack_into("<Q", self._map, RELEASED_OFFSET, self._seen_end)
+        if self._seen_end != self._released:
+            _RELEASED.pack_into(self._map, RELEASED_OFFSET, self._seen_end)
+            self._released = self._seen_end
 
     def close(self):
         self._view.release()
@@ -112,7 +118,9 @@ class Area:
 # size and its bytes.
 _MESSAGE = struct.Struct("<Q")
 _FRAME = struct.Struct("<I")
+_ONE_FRAME = struct.Struct("<QI")  # the start of a message of one frame
 _READ_AHEAD = 64 * 1024
+_LONGEST_POLL_MS = 2 ** 31 - 1
 
 
 class CallsClosed(Exception):
@@ -126,7 +134,12 @@ class CallsClosed(Exception):
 
 class Calls:
     """The requests and replies of a session that holds an area, over a Unix stream socket to
-    the host instead of ZeroMQ. Timeouts raise TimeoutError, a closed connection CallsClosed."""
+    the host instead of ZeroMQ. Timeouts raise TimeoutError, a closed connection CallsClosed.
+
+    The socket never blocks, and the waits are polls bounded by the time left: a call is then one
+    send, one poll and, mostly, one receive into a buffer kept for the purpose. (A socket timeout
+    would poll before the send too and set the socket's mode at every change of the time left;
+    the kernel's own receive timeout would fire late, by up to an eighth of a long timeout.)"""
 
     def __init__(self, address, token, timeout_s):
         if not isinstance(address, str) or not address.startswith("@") or len(address) < 2:
@@ -137,6 +150,7 @@ class Calls:
             sock.connect("\0" + address[1:])
             sock.sendall(token)
             answer = sock.recv(1)
+            sock.settimeout(0.0)
         except OSError as error:
             sock.close()
             raise _refused("cannot reach the calls door: %s" % error) from None
@@ -144,9 +158,28 @@ class Calls:
             sock.close()
             raise _refused("the calls door refused")
         self._socket = sock
+        self._poll = select.poll()
+        self._poll.register(sock, select.POLLIN)
+        self._buffer = bytearray(_READ_AHEAD)
+        self._view = memoryview(self._buffer)
         self._leftover = b""
 
     def send(self, frames, deadline):
+        if deadline <= time.monotonic():
+            raise TimeoutError()
+        if len(frames) == 1:
+            # A request of one frame, the common case, goes as one buffer.
+            frame = frames[0]
+            message = _ONE_FRAME.pack(_FRAME.size + len(frame), len(frame)) + frame
+            try:
+                sent = self._socket.send(message)
+            except BlockingIOError:
+                sent = 0
+            except (BrokenPipeError, ConnectionError):
+                raise CallsClosed(False) from None
+            if sent < len(message):
+                self._send_rest([message], sent, deadline)
+            return
         parts = [b""]
         total = 0
         for frame in frames:
@@ -154,32 +187,55 @@ class Calls:
             parts += (_FRAME.pack(size), frame)
             total += _FRAME.size + size
         parts[0] = _MESSAGE.pack(total)
-        self._wait(deadline)
         try:
             sent = self._socket.sendmsg(parts)
+        except BlockingIOError:
+            sent = 0
         except (BrokenPipeError, ConnectionError):
             raise CallsClosed(False) from None
-        # What did not fit in the socket at once.
+        if sent < _MESSAGE.size + total:
+            self._send_rest(parts, sent, deadline)
+
+    def _send_rest(self, parts, sent, deadline):
+        """What did not fit in the socket at once."""
         for part in parts:
             view = memoryview(part).cast("B")
             if sent >= view.nbytes:
                 sent -= view.nbytes
                 continue
-            self._wait(deadline)
-            try:
-                self._socket.sendall(view[sent:])
-            except (BrokenPipeError, ConnectionError):
-                raise CallsClosed(False) from None
+            view = view[sent:]
             sent = 0
+            while view:
+                self._wait(deadline, select.POLLOUT)
+                try:
+                    count = self._socket.send(view)
+                except BlockingIOError:
+                    count = 0
+                except (BrokenPipeError, ConnectionError):
+                    raise CallsClosed(False) from None
+                view = view[count:]
 
     def receive(self, deadline):
-        """The frames of the next message, read-only memoryviews of bytes of their own."""
+        """The frames of the next message, read-only memoryviews of bytes of their own, the header
+        frame excepted: that one may be a view of the kept buffer, valid until the next receive."""
         data, self._leftover = self._leftover, b""
-        started = bool(data)
+        if not data:
+            # The common case: the whole reply in one read into the kept buffer.
+            self._wait(deadline, select.POLLIN)
+            got = self._recv_into(self._view, deadline, False)
+            data = self._view[:got]
+            if got >= _ONE_FRAME.size:
+                count, size = _ONE_FRAME.unpack_from(data)
+                need = _MESSAGE.size + count
+                if count == _FRAME.size + size and need <= got:
+                    if got > need:
+                        self._leftover = bytes(data[need:])
+                    return [data[_ONE_FRAME.size:need].toreadonly()]
+            data = bytes(data)
+        started = True
         while len(data) < _MESSAGE.size:
-            chunk = self._recv(deadline, started)
-            started = True
-            data += chunk
+            got = self._recv_into(self._view, deadline, started)
+            data += self._view[:got]
         need = _MESSAGE.size + _MESSAGE.unpack_from(data)[0]
         if len(data) >= need:
             message = memoryview(data)[_MESSAGE.size:need]
@@ -190,14 +246,7 @@ class Calls:
             view = memoryview(whole)
             got = len(data)
             while got < need:
-                self._wait(deadline)
-                try:
-                    count = self._socket.recv_into(view[got:])
-                except ConnectionError:
-                    count = 0
-                if count == 0:
-                    raise CallsClosed(True)
-                got += count
+                got += self._recv_into(view[got:], deadline, True)
             message = view[_MESSAGE.size:].toreadonly()
         frames = []
         at = 0
@@ -215,18 +264,33 @@ class Calls:
     def close(self):
         self._socket.close()
 
-    def _recv(self, deadline, started):
-        self._wait(deadline)
-        try:
-            chunk = self._socket.recv(_READ_AHEAD)
-        except ConnectionError:
-            chunk = b""
-        if not chunk:
+    def _recv_into(self, view, deadline, started):
+        """Reads what has come, waiting for it when nothing has."""
+        while True:
+            try:
+                count = self._socket.recv_into(view)
+                break
+            except BlockingIOError:
+                self._wait(deadline, select.POLLIN)
+            except ConnectionError:
+                count = 0
+                break
+        if count == 0:
             raise CallsClosed(started)
-        return chunk
+        return count
 
-    def _wait(self, deadline):
-        left = deadline - time.monotonic()
-        if left <= 0:
-            raise TimeoutError()
-        self._socket.settimeout(left)
+    def _wait(self, deadline, event):
+        """Waits until the socket is ready for event (or closed), or raises TimeoutError at
+        deadline."""
+        if event != select.POLLIN:
+            self._poll.modify(self._socket, event)
+        try:
+            while True:
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    raise TimeoutError()
+                if self._poll.poll(min(math.ceil(left * 1000), _LONGEST_POLL_MS)):
+                    return
+        finally:
+            if event != select.POLLIN:
+                self._poll.modify(self._socket, select.POLLIN)
