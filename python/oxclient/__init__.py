@@ -30,6 +30,7 @@ import sys
 import time
 
 import zmq
+from msgpack import packb as _packb
 
 from . import _keys, _shm, _wire
 from ._error import OXError
@@ -47,6 +48,15 @@ _BYE_TIMEOUT_MS = 1000
 _UNKNOWN_SESSION = "unknown session: say hello first"
 # What the exchange over the session's Unix socket gives back when the request was not read.
 _NOT_SENT = object()
+# The start of an encoded call request, [1, id, "call", module, method, arguments]: the array's
+# size and the version, the id follows.
+_CALL_START = b"\x96\x01"
+# Calls whose arguments are all of these exact types keep their encoded request, less its id, for
+# the next call with the same arguments: for them, equal values of one type encode alike (floats
+# do not: 0.0 == -0.0).
+_CACHED_ARGUMENT_TYPES = frozenset((str, int, bool, type(None)))
+# How many encoded requests a proxy keeps.
+_CACHE_BOUND = 64
 
 
 def _default_client_name():
@@ -99,6 +109,7 @@ class OXProxy:
         self._shared_memory = shared_memory if _shm.on_this_machine(self.url) else False
         self._ids = itertools.count(1)  # id 0 is the broker's own
         self._timeout_set = None
+        self._encoded_calls = {}
         socket = zmq.Context.instance().socket(zmq.DEALER)
         socket.setsockopt(zmq.LINGER, 0)
         self._socket = socket
@@ -128,7 +139,7 @@ class OXProxy:
 
     def call(self, method, *args):
         """Calls the published method ``method`` with positional arguments."""
-        return self._request("call", self.module, method, list(args), what=method)
+        return self._call(method, args)
 
     def __getattr__(self, method):
         # Private and special names are Python's own (copy, pickle, ...), never remote methods.
@@ -136,7 +147,7 @@ class OXProxy:
             raise AttributeError(method)
 
         def remote(*args):
-            return self.call(method, *args)
+            return self._call(method, args)
 
         remote.__name__ = method
         remote.__qualname__ = "OXProxy." + method
@@ -262,6 +273,37 @@ class OXProxy:
         request_id = next(self._ids)
         # Encoding first: a value the broker would refuse never leaves this process.
         frames = _wire.encode([_wire.PROTOCOL_VERSION, request_id, op] + list(operands))
+        return self._run(op, request_id, frames, what, timeout_ms)
+
+    def _call(self, method, args):
+        """call(), with the encoded request of a call repeated with the same arguments taken
+        from the proxy's cache."""
+        if self._socket is None:
+            raise OXError("OXProxy", method or "call", "the proxy on %s is closed" % self.module)
+        if self._area is not None:
+            self._area.release()  # the views of the last call end here
+        request_id = next(self._ids)
+        module = self.module
+        types = tuple(map(type, args))
+        if (type(module) is str and type(method) is str and request_id <= _wire.INT_MAX
+                and _CACHED_ARGUMENT_TYPES.issuperset(types)):
+            key = (module, method, args, types)
+            rest = self._encoded_calls.get(key)
+            if rest is None:
+                # Encoded once in full, which refuses what the broker would refuse.
+                packed = _wire.encode([_wire.PROTOCOL_VERSION, 0, "call", module, method,
+                                       list(args)])[0]
+                rest = packed[len(_CALL_START) + 1:]
+                if len(self._encoded_calls) >= _CACHE_BOUND:
+                    self._encoded_calls.clear()
+                self._encoded_calls[key] = rest
+            frames = [_CALL_START + _packb(request_id) + rest]
+        else:
+            frames = _wire.encode([_wire.PROTOCOL_VERSION, request_id, "call", module, method,
+                                   list(args)])
+        return self._run("call", request_id, frames, method, None)
+
+    def _run(self, op, request_id, frames, what, timeout_ms):
         try:
             return self._exchange(op, request_id, frames, what, timeout_ms)
         except OXError as error:
@@ -279,21 +321,30 @@ class OXProxy:
             reply = self._exchange_locally(op, request_id, frames, what, timeout_ms)
             if reply is not _NOT_SENT:
                 return reply
-        self._socket.send_multipart(frames, copy=False)
+        socket = self._socket
+        if len(frames) == 1:
+            socket.send(frames[0])
+        else:
+            socket.send_multipart(frames, copy=False)
         deadline = time.monotonic() + timeout_ms / 1000.0
         wait_ms = timeout_ms
+        recv = socket.recv
         while True:
             # A receive timeout costs less than a poll on every call; it is set again only when
             # it changes.
             if wait_ms != self._timeout_set and wait_ms > 0:
-                self._socket.setsockopt(zmq.RCVTIMEO, wait_ms)
+                socket.setsockopt(zmq.RCVTIMEO, wait_ms)
                 self._timeout_set = wait_ms
-            try:
-                received = self._socket.recv_multipart(copy=False) if wait_ms > 0 else None
-            except zmq.Again:
-                received = None
-            if received is None:
+            if wait_ms <= 0:
                 raise self._no_reply(op, what, timeout_ms)
+            try:
+                frame = recv(copy=False)
+                received = [frame]
+                while frame.more:
+                    frame = recv(copy=False)
+                    received.append(frame)
+            except zmq.Again:
+                raise self._no_reply(op, what, timeout_ms) from None
             # What is left for another message, should this one be for an earlier request.
             wait_ms = max(0, int((deadline - time.monotonic()) * 1000))
             mine, result = self._accept(received, request_id)
@@ -427,6 +478,8 @@ def describe(proxy):
 # -- images
 
 _IMAGE_FIELDS = 12
+_numpy = None
+_UINT8 = None
 
 
 def image_to_numpy(value):
@@ -436,23 +489,34 @@ def image_to_numpy(value):
     The array shares the received bytes (no copy), so it is read-only; take ``.copy()`` to
     modify it. Raises ValueError when the value is not an image or its sizes disagree.
     """
-    import numpy  # only the image helpers need it
+    global _numpy, _UINT8
+    numpy = _numpy
+    if numpy is None:
+        import numpy  # only the image helpers need it
 
+        _numpy, _UINT8 = numpy, numpy.dtype(numpy.uint8)
     if not isinstance(value, (list, tuple)) or len(value) != _IMAGE_FIELDS:
         raise ValueError("an image is an array of %d values, got %s"
                          % (_IMAGE_FIELDS, _short(value)))
     width, height, layers = value[0], value[1], value[2]
-    for label, field in (("width", width), ("height", height), ("layers", layers)):
-        if not isinstance(field, int) or isinstance(field, bool) or field < 0:
-            raise ValueError("image %s must be a non-negative int, got %r" % (label, field))
+    if not (type(width) is int and type(height) is int and type(layers) is int
+            and width >= 0 and height >= 0 and layers >= 0):
+        for label, field in (("width", width), ("height", height), ("layers", layers)):
+            if not isinstance(field, int) or isinstance(field, bool) or field < 0:
+                raise ValueError("image %s must be a non-negative int, got %r" % (label, field))
     pixels = value[6]
-    if not isinstance(pixels, (bytes, bytearray, memoryview)):
+    if type(pixels) is memoryview:
+        size = pixels.nbytes
+    elif isinstance(pixels, (bytes, bytearray, memoryview)):
+        size = memoryview(pixels).nbytes
+    else:
         raise ValueError("image pixels must be a binary, got %s" % type(pixels).__name__)
-    size = memoryview(pixels).nbytes
     if size != width * height * layers:
         raise ValueError("image of %dx%dx%d needs %d bytes, got %d"
                          % (width, height, layers, width * height * layers, size))
-    return numpy.frombuffer(pixels, dtype=numpy.uint8).reshape(height, width, layers)
+    # frombuffer keeps the buffer itself, so a view of the area stays mapped while the array
+    # lives (an ndarray made with buffer= would keep only the object behind it).
+    return numpy.frombuffer(pixels, _UINT8).reshape(height, width, layers)
 
 
 def _short(value):

@@ -23,6 +23,7 @@ class FakeBroker:
     def __init__(self, script):
         self.script = script
         self.requests = []
+        self.headers = []
         self.socket = zmq.Context.instance().socket(zmq.ROUTER)
         self.socket.setsockopt(zmq.LINGER, 0)
         self.port = self.socket.bind_to_random_port("tcp://127.0.0.1")
@@ -37,6 +38,7 @@ class FakeBroker:
             identity, *frames = self.socket.recv_multipart()
             request = _wire.decode(frames)
             self.requests.append(request)
+            self.headers.append(frames[0])
             for reply in self.script(request):
                 frames = list(reply) if isinstance(reply, Raw) else _wire.encode(reply)
                 self.socket.send_multipart([identity] + frames)
@@ -191,6 +193,25 @@ def test_unknown_session_is_introduced_again_and_the_request_sent_once_more(fake
         proxy.always()
     assert len(hellos) == 3
     proxy.close()
+
+
+# A call repeated with equal arguments reuses its encoded request: 1 and True, or 0.0 and -0.0,
+# are equal in Python but not on the wire, and the id changes size as it grows.
+def test_repeated_calls_send_exactly_what_the_encoder_makes(fake):
+    broker = fake()
+    proxy = OXProxy("M", port=broker.port, timeout_ms=2000)
+    cases = [(1,), (True,), (1,), (0,), (False,), (None,), ("x",), (1, True), (True, 1),
+             (0.0,), (-0.0,), (2 ** 31 - 1,), ([1],), ([True],), ()]
+    for index in range(300):  # ids past 127 and 255; more distinct requests than are kept
+        args = cases[index % len(cases)] if index % 3 else ("s%d" % index,)
+        result = proxy.echo(*args)
+        assert result == list(args)
+        assert [(type(v), repr(v)) for v in result] == [(type(v), repr(v)) for v in args]
+    with pytest.raises(OXError, match="signed 32-bit"):
+        proxy.echo(2 ** 31)
+    proxy.close()
+    for header, request in zip(broker.headers, broker.requests):
+        assert header == _wire.encode(request)[0]
 
 
 def test_raw_reply_frames_with_out_of_line_binary(fake):
