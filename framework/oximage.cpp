@@ -96,6 +96,13 @@ bool OXImage::reserve(int pSize) {
 }
 
 OXValue OXImage::toOXValue() const {
+  // A remote call's result: when its client reads replies from a shared-memory area, the copy
+  // lands there, and the host sends it without copying it again.
+  return toOXValue(fData != nullptr ? OXValue::replyBinary(fData, getSize())
+                                    : OXValue::binary(nullptr, 0));
+}
+
+OXValue OXImage::toOXValue(OXValue&& pPixels) const {
   OXValue value;
   value.arraySetSize(12);
   value[0] = fWidth;
@@ -104,10 +111,7 @@ OXValue OXImage::toOXValue() const {
   value[3] = fColorSpace;
   value[4] = static_cast<int>(static_cast<uint64_t>(fTimeStamp) >> 32);
   value[5] = static_cast<int>(static_cast<uint32_t>(static_cast<uint64_t>(fTimeStamp)));
-  // A remote call's result: when its client reads replies from a shared-memory area, the copy
-  // lands there, and the host sends it without copying it again.
-  value[6] =
-      fData != nullptr ? OXValue::replyBinary(fData, getSize()) : OXValue::binary(nullptr, 0);
+  value[6] = std::move(pPixels);
   value[7] = static_cast<int>(fCameraId);
   value[8] = OXValue(fLeftAngle);
   value[9] = OXValue(fTopAngle);

@@ -46,6 +46,9 @@ class OXImage {
   // made in the reply arena of the remote call being served, if one is set (OXReplyArenaScope):
   // it is a remote result's, handed straight back, and must not be kept.
   OXValue toOXValue() const;
+  // The same array around pixels the caller made (a binary of this image's getSize() bytes, as
+  // OXValue::replyBinary gives them).
+  OXValue toOXValue(OXValue&& pPixels) const;
   // The inverse, for clients: refuses (false, nothing changed) an array of another layout. An
   // owning image grows to hold the pixels; an image with external pixels must point at enough
   // room, which it cannot check.

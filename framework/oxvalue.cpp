@@ -1,6 +1,7 @@
 // OXValue: kinds, conversions, arrays, binaries and text form.
 #include "oxvalue.h"
 
+#include <atomic>
 #include <cstring>
 #include <new>
 #include <sstream>
@@ -17,7 +18,43 @@ namespace {
 // The arena of the innermost OXReplyArenaScope of this thread; a scope never crosses threads.
 thread_local OXBinaryArena* tReplyArena = nullptr;
 
+std::atomic<std::uint64_t> gContentKeys{0};
+
+// One block of bytes that several binaries read: each holder has a ticket, the last one given
+// back frees the block.
+class SharedBytes final : public OXBinaryArena {
+ public:
+  SharedBytes(const unsigned char* pFirst, std::size_t pSize) : fBytes(pFirst, pFirst + pSize) {}
+  unsigned char* data() { return fBytes.data(); }
+
+  unsigned char* reserve(std::size_t, std::uint64_t, std::uint64_t&, bool&) override {
+    return nullptr;
+  }
+  void giveBack(std::uint64_t) noexcept override {
+    if (fHolders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  }
+  bool shares() const noexcept override { return true; }
+  std::uint64_t share() noexcept override {
+    fHolders.fetch_add(1, std::memory_order_relaxed);
+    return 0;
+  }
+
+ private:
+  std::vector<unsigned char> fBytes;
+  std::atomic<long> fHolders{1};
+};
+
 }  // namespace
+
+OXBinary::OXBinary(const OXBinary& pOther) : fHeap() {
+  if (pOther.fArena != nullptr && pOther.fArena->shares()) {
+    Room room = pOther.fRoom;
+    room.fTicket = pOther.fArena->share();
+    enterRoom(pOther.fArena, room);
+  } else {
+    fHeap.assign(pOther.begin(), pOther.end());
+  }
+}
 
 OXBinary::OXBinary(OXBinary&& pOther) noexcept {
   if (pOther.fArena != nullptr) {
@@ -38,10 +75,8 @@ OXBinary::~OXBinary() {
 
 OXBinary& OXBinary::operator=(const OXBinary& pOther) {
   if (this == &pOther) return *this;
-  std::vector<unsigned char> bytes(pOther.begin(), pOther.end());
-  leaveRoom();
-  fHeap = std::move(bytes);
-  return *this;
+  OXBinary copy(pOther);
+  return *this = std::move(copy);
 }
 
 OXBinary& OXBinary::operator=(OXBinary&& pOther) noexcept {
@@ -73,15 +108,42 @@ void OXBinary::enterRoom(OXBinaryArena* pArena, const Room& pRoom) noexcept {
   fArena = pArena;
 }
 
-OXBinary OXBinary::copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize) {
-  const auto* first = static_cast<const unsigned char*>(pData);
+void OXBinary::unshare() {
+  std::vector<unsigned char> bytes(fRoom.fData, fRoom.fData + fRoom.fSize);
+  leaveRoom();
+  fHeap = std::move(bytes);
+}
+
+bool OXBinary::intoRoom(OXBinaryArena* pArena, const void* pData, std::size_t pSize,
+                        std::uint64_t pContent, OXBinary& pBinary) {
   std::uint64_t ticket = 0;
-  unsigned char* room = pArena != nullptr && pSize > 0 ? pArena->reserve(pSize, ticket) : nullptr;
-  if (room == nullptr) return OXBinary(first, first + pSize);
-  std::memcpy(room, first, pSize);
+  bool holds = false;
+  unsigned char* room =
+      pArena != nullptr && pSize > 0 ? pArena->reserve(pSize, pContent, ticket, holds) : nullptr;
+  if (room == nullptr) return false;
+  if (!holds) std::memcpy(room, pData, pSize);
+  pBinary.leaveRoom();
+  pBinary.enterRoom(pArena, {room, pSize, ticket});
+  return true;
+}
+
+OXBinary OXBinary::copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize,
+                            std::uint64_t pContent) {
   OXBinary binary;
-  binary.enterRoom(pArena, {room, pSize, ticket});
+  if (intoRoom(pArena, pData, pSize, pContent, binary)) return binary;
+  const auto* first = static_cast<const unsigned char*>(pData);
+  return OXBinary(first, first + pSize);
+}
+
+OXBinary OXBinary::shared(const void* pData, std::size_t pSize) {
+  auto* block = new SharedBytes(static_cast<const unsigned char*>(pData), pSize);
+  OXBinary binary;
+  binary.enterRoom(block, {block->data(), pSize, 0});
   return binary;
+}
+
+std::uint64_t OXBinary::newContentKey() {
+  return gContentKeys.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 bool operator==(const OXBinary& pLeft, const OXBinary& pRight) {
@@ -105,6 +167,20 @@ OXValue OXValue::replyBinary(const void* pData, int pSize) {
   } else {
     value.fData = OXBinary::copyInto(tReplyArena, pData, static_cast<std::size_t>(pSize));
   }
+  return value;
+}
+
+OXValue OXValue::replyBinary(const void* pData, int pSize, std::uint64_t pContent,
+                             OXBinary& pShared) {
+  if (pSize <= 0 || pData == nullptr) return replyBinary(pData, pSize);
+  const auto size = static_cast<std::size_t>(pSize);
+  OXValue value;
+  OXBinary bytes;
+  if (!OXBinary::intoRoom(tReplyArena, pData, size, pContent, bytes)) {
+    if (!pShared.isShared() || pShared.size() != size) pShared = OXBinary::shared(pData, size);
+    bytes = pShared;
+  }
+  value.fData = std::move(bytes);
   return value;
 }
 

@@ -13,24 +13,33 @@
 namespace OX {
 
 // Storage for large binaries other than the heap: the shared-memory area through which the reply
-// of a remote call reaches a client on the broker's machine (net/oxsharedmemory.h). The arena
-// knows which of its rooms are still held by a binary, never hands them out again until they are
-// given back, and stays alive until then.
+// of a remote call reaches a client on the broker's machine (net/oxsharedmemory.h), or one block
+// of bytes that several binaries share read-only (OXBinary::shared). The arena knows which of its
+// rooms are still held by a binary, never hands them out again until they are given back, and
+// stays alive until then.
 class OXBinaryArena {
  public:
   virtual ~OXBinaryArena() = default;
   // Room for pSize bytes and the ticket that gives it back, or null when the arena has none or
-  // does not take binaries of that size. Thread-safe.
-  virtual unsigned char* reserve(std::size_t pSize, std::uint64_t& pTicket) = 0;
+  // does not take binaries of that size. pContent, when not 0, names the bytes the caller is
+  // about to copy there (OXBinary::newContentKey); pHolds comes back true when the room still
+  // holds exactly those bytes from an earlier copy, which can then be skipped. Thread-safe.
+  virtual unsigned char* reserve(std::size_t pSize, std::uint64_t pContent, std::uint64_t& pTicket,
+                                 bool& pHolds) = 0;
   // The binary that held the room of pTicket is gone, whether or not the arena has passed the
   // room on since; called once for every room reserved. Thread-safe.
   virtual void giveBack(std::uint64_t pTicket) noexcept = 0;
+  // Whether the arena's rooms are shared read-only: a copy of a binary there shares the room
+  // (taking a ticket of its own), and writing to it first makes a heap copy. Such an arena
+  // hands out tickets through share().
+  virtual bool shares() const noexcept { return false; }
+  virtual std::uint64_t share() noexcept { return 0; }
 };
 
-// The bytes of a binary value: on the heap, or in a room of an arena. A copy always lands on the
-// heap, so that only the value an arena's room was made for can ever live there; moving hands
-// the room over, and the last holder gives it back. As small as a std::string, so that an
-// OXValue stays 40 bytes.
+// The bytes of a binary value: on the heap, or in a room of an arena. A copy lands on the heap,
+// so that only the value an arena's room was made for can ever live there, except for shared
+// bytes, which are read-only and which a copy shares; moving hands the room over, and the last
+// holder gives it back. As small as a std::string, so that an OXValue stays 40 bytes.
 class OXBinary {
  public:
   using value_type = unsigned char;
@@ -43,24 +52,38 @@ class OXBinary {
   // Takes the vector's storage over.
   OXBinary(std::vector<unsigned char>&& pBytes) noexcept : fHeap(std::move(pBytes)) {}
   OXBinary(const std::vector<unsigned char>& pBytes) : fHeap(pBytes) {}
-  OXBinary(const OXBinary& pOther) : fHeap(pOther.begin(), pOther.end()) {}
+  OXBinary(const OXBinary& pOther);
   OXBinary(OXBinary&& pOther) noexcept;
   OXBinary& operator=(const OXBinary& pOther);
   OXBinary& operator=(OXBinary&& pOther) noexcept;
   ~OXBinary();
 
-  // A copy of pSize bytes in a room of pArena when it has one, on the heap otherwise.
-  static OXBinary copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize);
+  // A copy of pSize bytes in a room of pArena when it has one, on the heap otherwise. pContent as
+  // for OXBinaryArena::reserve: a room that still holds those bytes is not written again.
+  static OXBinary copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize,
+                           std::uint64_t pContent = 0);
+  // A copy of pSize bytes that every copy of the binary shares, read-only: made once, handed to
+  // any number of values (a frame that many replies carry).
+  static OXBinary shared(const void* pData, std::size_t pSize);
+  // A key no other call returns, naming bytes that may be copied again unchanged (see
+  // copyInto). Never 0.
+  static std::uint64_t newContentKey();
 
   const unsigned char* data() const { return fArena ? fRoom.fData : fHeap.data(); }
-  unsigned char* data() { return fArena ? fRoom.fData : fHeap.data(); }
+  // Writable bytes: shared ones are first copied to the heap, so that no other holder sees the
+  // change.
+  unsigned char* data() {
+    if (fArena != nullptr && fArena->shares()) unshare();
+    return fArena ? fRoom.fData : fHeap.data();
+  }
   std::size_t size() const { return fArena ? fRoom.fSize : fHeap.size(); }
   bool empty() const { return size() == 0; }
   const_iterator begin() const { return data(); }
   const_iterator end() const { return data() + size(); }
   unsigned char operator[](std::size_t pIndex) const { return data()[pIndex]; }
-  // Whether the bytes live in an arena's room.
+  // Whether the bytes live in an arena's room, and whether they are shared (read-only).
   bool inArena() const { return fArena != nullptr; }
+  bool isShared() const { return fArena != nullptr && fArena->shares(); }
 
   friend bool operator==(const OXBinary& pLeft, const OXBinary& pRight);
   friend bool operator!=(const OXBinary& pLeft, const OXBinary& pRight) {
@@ -77,6 +100,12 @@ class OXBinary {
   void leaveRoom() noexcept;
   // From a heap binary to pArena's pRoom.
   void enterRoom(OXBinaryArena* pArena, const Room& pRoom) noexcept;
+  // From shared bytes to a heap copy of them.
+  void unshare();
+  // pSize bytes copied (unless it holds them) into a room of pArena: false when it has none.
+  static bool intoRoom(OXBinaryArena* pArena, const void* pData, std::size_t pSize,
+                       std::uint64_t pContent, OXBinary& pBinary);
+  friend class OXValue;
 
   union {
     std::vector<unsigned char> fHeap;  // without an arena
@@ -137,6 +166,13 @@ class OXValue {
   // heap otherwise. Only for a result that goes straight back to the caller, never for a value
   // that anything keeps.
   static OXValue replyBinary(const void* pData, int pSize);
+  // The same for bytes that many replies may carry unchanged, such as a frame, named by pContent
+  // (OXBinary::newContentKey): in the reply's arena when it has room, where they are not written
+  // again if the room still holds them; otherwise shared (OXBinary::shared) with pShared when it
+  // holds pContent's bytes, or a new shared copy, left in pShared for the next reply. pShared is
+  // the caller's to keep between replies, and must hold pContent's bytes or be empty.
+  static OXValue replyBinary(const void* pData, int pSize, std::uint64_t pContent,
+                             OXBinary& pShared);
   // An array of these elements (an empty array for an empty list), e.g. call arguments.
   static OXValue array(std::initializer_list<OXValue> pElements);
 

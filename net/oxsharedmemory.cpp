@@ -171,6 +171,7 @@ bool SharedArea::place(const void* pData, std::size_t pSize, std::uint64_t& pPos
   if (pSize < fThreshold || pSize > fCapacity) return false;
   std::uint64_t position = 0;
   if (!claim(pSize, position)) return false;
+  written(position, pSize, 0);
   std::memcpy(at(position), pData, pSize);
   if (room < kMaxLentRooms) endLoan(room);
   fLastEnd = position + pSize;
@@ -179,7 +180,19 @@ bool SharedArea::place(const void* pData, std::size_t pSize, std::uint64_t& pPos
   return true;
 }
 
-unsigned char* SharedArea::reserve(std::size_t pSize, std::uint64_t& pTicket) {
+bool SharedArea::written(std::uint64_t pPosition, std::size_t pSize, std::uint64_t pContent) {
+  const std::size_t offset = pPosition % fCapacity;
+  if (pContent != 0 && pContent == fKnown.fContent && offset == fKnown.fOffset &&
+      pSize == fKnown.fSize) {
+    return true;
+  }
+  if (offset < fKnown.fOffset + fKnown.fSize && fKnown.fOffset < offset + pSize) fKnown = {};
+  if (pContent != 0) fKnown = {pContent, offset, pSize};
+  return false;
+}
+
+unsigned char* SharedArea::reserve(std::size_t pSize, std::uint64_t pContent,
+                                   std::uint64_t& pTicket, bool& pHolds) {
   // A binary that would travel in the header could never be placed, only given back.
   if (!fAttached || pSize < std::max(fThreshold, wire::kOutOfLineBinary) || pSize > fCapacity) {
     return nullptr;
@@ -187,6 +200,7 @@ unsigned char* SharedArea::reserve(std::size_t pSize, std::uint64_t& pTicket) {
   std::lock_guard<std::mutex> guard(fMutex);
   std::uint64_t position = 0;
   if (fLentCount == kMaxLentRooms || !claim(pSize, position)) return nullptr;
+  pHolds = written(position, pSize, pContent);
   if (fHolders++ == 0) fWhileHeld = weak_from_this().lock();
   fLent[fLentCount++] = {position, pSize};
   fHead = roundUp(position + pSize, kAreaAlignment);

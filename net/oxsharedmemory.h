@@ -81,7 +81,11 @@ class SharedArea : public wire::BinaryPlacer,
   bool place(const void* pData, std::size_t pSize, std::uint64_t& pPosition) override;
   // Lends a room of the ring to a binary of at least the threshold (and of a frame of its own),
   // once the client holds the area, when the ring has room and fewer than kMaxLentRooms are out.
-  unsigned char* reserve(std::size_t pSize, std::uint64_t& pTicket) override;
+  // A room whose bytes were last written with the same content, and not written over since,
+  // holds them still (pHolds): the ring starts again at its front whenever the client has
+  // released everything, so a client that asks for the same frame again gets the same room.
+  unsigned char* reserve(std::size_t pSize, std::uint64_t pContent, std::uint64_t& pTicket,
+                         bool& pHolds) override;
   void giveBack(std::uint64_t pTicket) noexcept override;
 
   int descriptor() const { return fFd; }
@@ -119,8 +123,19 @@ class SharedArea : public wire::BinaryPlacer,
   std::size_t fHolders = 0;
   std::shared_ptr<SharedArea> fWhileHeld;
 
+  // The named content that the ring holds, and where; fContent 0 when none.
+  struct Known {
+    std::uint64_t fContent = 0;
+    std::size_t fOffset = 0;
+    std::size_t fSize = 0;
+  };
+  Known fKnown;
+
   // Under fMutex: where pSize bytes can go, or false while the client or a lent room holds it.
   bool claim(std::size_t pSize, std::uint64_t& pPosition);
+  // Under fMutex: pSize bytes of pContent (0: unnamed) are written at pPosition. Whether the ring
+  // held them there already.
+  bool written(std::uint64_t pPosition, std::size_t pSize, std::uint64_t pContent);
   // Under fMutex: the room at pIndex is placed or given back.
   void endLoan(std::size_t pIndex) { fLent[pIndex] = fLent[--fLentCount]; }
   unsigned char* at(std::uint64_t pPosition) const {

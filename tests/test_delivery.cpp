@@ -165,13 +165,27 @@ TEST_F(Delivery, HoldsAndRemoteReplies) {
   EXPECT_EQ(held("a", 0), buffer);
   EXPECT_EQ(buffer->fReadLockCount, 1);
   EXPECT_TRUE(cam->releaseImage("a"));
+  // Replies of one frame share one copy of its pixels; a reply kept across the next frame keeps
+  // the pixels of its own.
+  OX::OXValue kept;
+  OX::OXValue keptBytes;
   for (int call = 0; call < 2; ++call) {
     clock.advance(40000);
     push(0, 2 + call);
     // The reply's layout is checked with the published operations; here, the holds.
-    EXPECT_EQ(cam->getImageRemote("a")[6].getSize(), 320 * 240 * 3);
+    const OX::OXValue reply = cam->getImageRemote("a");
+    EXPECT_EQ(reply[6].getSize(), 320 * 240 * 3);
     EXPECT_EQ(held("a", 0), nullptr);
+    const OX::OXValue again = cam->getImageRemote("a");
+    EXPECT_EQ(again[6].GetBinary(), reply[6].GetBinary());
+    if (call == 0) {
+      kept = reply;
+      keptBytes = OX::OXValue::binary(reply[6].GetBinary(), reply[6].getSize());
+    } else {
+      EXPECT_NE(reply[6], kept[6]);
+    }
   }
+  EXPECT_EQ(kept[6], keptBytes);
   EXPECT_TRUE(released(Hook::camera(*cam, 0).fImageBuffers));
   capture.clear();
   EXPECT_EQ(cam->getImageLocal("idle"), nullptr);

@@ -90,6 +90,16 @@ TEST(OXValueTest, ArraysBinariesFloatArraysEqualityAndText) {
   EXPECT_EQ(static_cast<const unsigned char*>(binary.GetBinary())[0], 1);
   EXPECT_THROW(OXValue("abc").GetBinary(), OX::OXError);
   EXPECT_THROW(static_cast<const OXValue&>(scalar).GetBinary(), OX::OXError);
+  // Shared bytes (one copy of a frame behind many replies): copies share them without copying,
+  // and whoever writes gets bytes of its own, leaving the other holders' unchanged.
+  const OXValue shared = OXValue::binary(OXValue::Binary::shared(bytes, 3));
+  OXValue sharing = shared;
+  EXPECT_EQ(static_cast<const OXValue&>(sharing).GetBinary(), shared.GetBinary());
+  static_cast<unsigned char*>(sharing.GetBinary())[1] = 7;
+  EXPECT_NE(static_cast<const OXValue&>(sharing).GetBinary(), shared.GetBinary());
+  EXPECT_EQ(shared, OXValue::binary(bytes, 3));
+  EXPECT_FALSE(sharing.binaryBytes().isShared());
+  EXPECT_EQ(static_cast<const unsigned char*>(sharing.GetBinary())[1], 7);
 
   std::vector<float> floats{7.0f};
   EXPECT_TRUE(array({1, 2.5f}).ToFloatArray(floats));

@@ -236,7 +236,9 @@ TEST(Remote, EveryRefusalIsAnsweredUnderItsRequestsId) {
 // Over shared memory the device's copy of an image lands in the area: a room read at the wrong
 // place, or written over while its reply was on its way, would give other pixels than the socket
 // gives for the same frame, once the ring has wrapped a few times; copied and read in place alike,
-// and for the one binary behind the images of a subscriber of several cameras.
+// and for the one binary behind the images of a subscriber of several cameras. A frame asked for
+// again is not copied again into a room that still holds it: one that other bytes have taken
+// since must be written anew.
 TEST(Remote, ImagesComeBackOverTheAreaAsOverTheSocketAsTheAreaWraps) {
   constexpr int kBytes = 320 * 240 * 3;
   BrokerProcess broker({"--shared-memory-bytes", std::to_string(4096 + 4 * kBytes + 100)});
@@ -285,6 +287,9 @@ TEST(Remote, ImagesComeBackOverTheAreaAsOverTheSocketAsTheAreaWraps) {
     EXPECT_EQ(
         pixels(proxies[1]->genericCall("getDirectRawImageRemote", OXValue::array({"area"}))),
         pixels(proxies[0]->genericCall("getDirectRawImageRemote", OXValue::array({"socket"}))))
+        << round;
+    // The same frame again: its room was just written over by the raw image.
+    EXPECT_EQ(pixels(proxies[1]->genericCall("getImageRemote", OXValue::array({"area"}))), bySocket)
         << round;
     // The images of a subscriber of several cameras come as one binary behind their arrays.
     const OXValue manyBySocket =

@@ -388,6 +388,12 @@ class OXVisionVideoInput : public OXModule, public IVideoInput, public OXModuleS
                           int pCamera);
   // Whether the subscriber's hold on that camera is a converted image of the device's pool.
   bool xHoldsConvertedImage(const VisionModuleInfo& pInfo, int pCameraIndex) const;
+  // The converted buffer of the pool through which the subscriber holds pImage, or null.
+  OXVisionBuffer* xHeldBuffer(const VisionModuleInfo& pInfo, const OXImage* pImage) const;
+  // Keeps the shared copy of a buffer's pixels that a remote reply made, unless the buffer has
+  // been edited (or freed) since. W held.
+  void xKeepRemoteCopy(const OXVisionBuffer* pBuffer, std::uint64_t pContent,
+                       const OXBinary& pCopy);
   // The reply of the plural remote forms: one array per image, element 6 emptied, and all pixels
   // joined in one trailing binary. Invalid (and a record) when they would not fit fBinaryBuffer.
   OXValue xJoinedReply(const std::vector<OXImage*>& pImages, const char* pFunction);

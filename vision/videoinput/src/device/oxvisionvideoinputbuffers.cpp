@@ -15,7 +15,11 @@ namespace OX {
 namespace texts = videoinputtexts;
 
 OXVisionBuffer::OXVisionBuffer(int pResolution, int pColorSpace, bool pDataAreExternal)
-    : fReadLockCount(0), fWriteLockCount(0), fImage(nullptr), fRawSource(nullptr) {
+    : fReadLockCount(0),
+      fWriteLockCount(0),
+      fImage(nullptr),
+      fRawSource(nullptr),
+      fContent(OXBinary::newContentKey()) {
   // Sized for the largest format so that a later change of format never reallocates. A fresh
   // image has time stamp 0, older than any real frame: a new buffer is written first.
   fImage = new (std::nothrow) OXImage(k4VGA, kYUV, pDataAreExternal, 0.0f, 0.0f, 0.0f, 0.0f);
@@ -117,11 +121,17 @@ int OXVisionVideoInput::xLockTheOldestBufferForEditing(const int8_t& pCameraInde
                                                        const int& pColorSpace) {
   if (pCameraIndex < 0 || pCameraIndex >= static_cast<int>(fCameraProperties.size())) return -1;
   std::vector<OXVisionBuffer*>& pool = fCameraProperties[pCameraIndex]->fImageBuffers;
-  return lockBest(pool, pool.size(), &OXVisionBuffer::fWriteLockCount, Age::kOldest,
-                  [&](const OXVisionBuffer& pBuffer) {
-                    return freeForEditing(pBuffer) &&
-                           hasFormat(pBuffer, pWidth, pHeight, pColorSpace);
-                  });
+  const int best =
+      lockBest(pool, pool.size(), &OXVisionBuffer::fWriteLockCount, Age::kOldest,
+               [&](const OXVisionBuffer& pBuffer) {
+                 return freeForEditing(pBuffer) && hasFormat(pBuffer, pWidth, pHeight, pColorSpace);
+               });
+  // Whoever edits may change the pixels: what remote replies knew of them is stale.
+  if (best >= 0) {
+    pool[best]->fContent = OXBinary::newContentKey();
+    pool[best]->fRemoteCopy = OXBinary();
+  }
+  return best;
 }
 
 int OXVisionVideoInput::xLockTheOldestBufferForEditing(const int8_t& pCameraIndex) {

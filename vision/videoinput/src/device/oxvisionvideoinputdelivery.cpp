@@ -58,16 +58,57 @@ OXImage* OXVisionVideoInput::getImageLocal(const std::string& pName) {
   return xGetImage(pName);
 }
 
+OXVisionBuffer* OXVisionVideoInput::xHeldBuffer(const VisionModuleInfo& pInfo,
+                                                const OXImage* pImage) const {
+  for (size_t camera = 0; camera < pInfo.fRequestedProperties.size(); ++camera) {
+    OXVisionBuffer* held = pInfo.fRequestedProperties[camera]->fLockedImage;
+    if (held != nullptr && held->fImage == pImage &&
+        xHoldsConvertedImage(pInfo, static_cast<int>(camera))) {
+      return held;
+    }
+  }
+  return nullptr;
+}
+
+void OXVisionVideoInput::xKeepRemoteCopy(const OXVisionBuffer* pBuffer, std::uint64_t pContent,
+                                         const OXBinary& pCopy) {
+  for (const boost::shared_ptr<RealCameraProperties>& camera : fCameraProperties) {
+    for (OXVisionBuffer* buffer : camera->fImageBuffers) {
+      if (buffer == pBuffer && buffer->fContent == pContent) buffer->fRemoteCopy = pCopy;
+    }
+  }
+}
+
 OXValue OXVisionVideoInput::getImageRemote(const std::string& pName) {
   OXImage* image = nullptr;
+  const OXVisionBuffer* buffer = nullptr;
+  std::uint64_t content = 0;
+  OXBinary copy;
   {
     OXCriticalSectionWrite lock(fVisionModulesLock);
-    xFindSubscriber(pName, texts::kGetImageRemote);
+    const boost::shared_ptr<VisionModuleInfo> info = xFindSubscriber(pName, texts::kGetImageRemote);
     image = xGetImage(pName);
+    buffer = image != nullptr ? xHeldBuffer(*info, image) : nullptr;
+    if (buffer != nullptr) {
+      content = buffer->fContent;
+      copy = buffer->fRemoteCopy;
+    }
   }
   if (image == nullptr) return OXValue();
-  // Outside the lock: the subscriber's read count keeps the buffer from being rewritten.
-  OXValue reply = image->toOXValue();
+  // Outside the lock: the subscriber's read count keeps the buffer from being rewritten. Every
+  // reply of the same frame shares one copy of its pixels.
+  if (buffer == nullptr || image->fData == nullptr) {
+    OXValue reply = image->toOXValue();
+    releaseImage(pName);
+    return reply;
+  }
+  const bool known = copy.isShared();
+  OXValue reply =
+      image->toOXValue(OXValue::replyBinary(image->fData, image->getSize(), content, copy));
+  if (!known && copy.isShared()) {
+    OXCriticalSectionWrite lock(fVisionModulesLock);
+    xKeepRemoteCopy(buffer, content, copy);
+  }
   releaseImage(pName);
   return reply;
 }
@@ -315,8 +356,7 @@ OXValue OXVisionVideoInput::xJoinedReply(const std::vector<OXImage*>& pImages,
       reply[i] = empty;
       continue;
     }
-    reply[i] = image->toOXValue();
-    reply[i][6] = empty;
+    reply[i] = image->toOXValue(OXValue(empty));
     const size_t size = static_cast<size_t>(image->fWidth) * image->fNbLayers * image->fHeight;
     if (size > 0) std::memcpy(position, image->fData, size);
     position += size;

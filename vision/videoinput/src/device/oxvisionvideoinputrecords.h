@@ -30,6 +30,11 @@ class OXVisionBuffer {
   int fWriteLockCount;  // writers and searches that hold it for editing
   OXImage* fImage;      // owned
   void* fRawSource;     // not owned: the driver frame that lent its pixels (concrete sources)
+  // Names what the pixels hold (OXBinary::newContentKey): new each time the buffer is locked for
+  // editing. Remote replies of the same content share one copy of the pixels, made by the first
+  // of them, and are not copied again into a client's shared-memory area that still holds them.
+  std::uint64_t fContent;
+  OXBinary fRemoteCopy;  // shared, of fContent; empty until a remote reply makes it
 };
 
 // What one subscriber asks of one camera.
