@@ -311,14 +311,7 @@ void LocalCalls::start() {
   if (fListen >= 0 || fStopping) return;
   try {
     fAddress = abstractSocketName("oxbroker-calls");
-    fListen = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fListen < 0) fail("start", "cannot make the calls door");
-    socklen_t length = 0;
-    const sockaddr_un address = abstractAddress(fAddress, length);
-    if (bind(fListen, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-        listen(fListen, 64) != 0) {
-      fail("start", "cannot open the calls door " + fAddress);
-    }
+    fListen = listenAtAbstractAddress(fAddress, SOCK_STREAM, "the calls door");
     fStop = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (fStop < 0) fail("start", "cannot make the calls door's wake-up");
   } catch (const OXError& error) {

@@ -83,6 +83,20 @@ sockaddr_un abstractAddress(const std::string& pName, socklen_t& pLength) {
   return address;
 }
 
+int listenAtAbstractAddress(const std::string& pName, int pType, const std::string& pDoor) {
+  const int fd = socket(AF_UNIX, pType | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) fail("start", "cannot make " + pDoor);
+  socklen_t length = 0;
+  const sockaddr_un address = abstractAddress(pName, length);
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 || listen(fd, 64) != 0) {
+    const int error = errno;
+    close(fd);
+    errno = error;
+    fail("start", "cannot open " + pDoor + " " + pName);
+  }
+  return fd;
+}
+
 bool isLocalPeer(const std::string& pPeerAddress) {
   in_addr v4{};
   if (inet_pton(AF_INET, pPeerAddress.c_str(), &v4) == 1) {
@@ -230,15 +244,7 @@ void SharedArea::giveBack(std::uint64_t pTicket) noexcept {
 class SharedAreas::Door {
  public:
   Door() : fName(abstractSocketName("oxbroker-area")) {
-    fListen = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fListen < 0) fail("start", "cannot make the shared-memory door");
-    socklen_t length = 0;
-    const sockaddr_un address = abstractAddress(fName, length);
-    if (bind(fListen, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-        listen(fListen, 64) != 0) {
-      close(fListen);
-      fail("start", "cannot open the shared-memory door " + fName);
-    }
+    fListen = listenAtAbstractAddress(fName, SOCK_SEQPACKET, "the shared-memory door");
     // Without its wake-up the door could not be closed again: no door then.
     fWake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (fWake < 0) {

@@ -59,6 +59,10 @@ std::string abstractSocketName(const std::string& pPrefix);
 // The address of the abstract Unix socket pName ("@name"): it has no file, so nothing is left
 // behind when its process dies.
 sockaddr_un abstractAddress(const std::string& pName, socklen_t& pLength);
+// A non-blocking socket of pType (SOCK_STREAM, SOCK_SEQPACKET) listening at the abstract address
+// pName, for pDoor ("the calls door"); throws OXError ("cannot make <pDoor>", "cannot open
+// <pDoor> <pName>") when the system refuses.
+int listenAtAbstractAddress(const std::string& pName, int pType, const std::string& pDoor);
 
 // One session's area, the host's side. Besides placing copies of binaries, it lends rooms of its
 // ring to the result of a call while that call runs (OXReplyArenaScope), so that the device's
