@@ -168,11 +168,9 @@ OXValue RequestHandler::hello(const std::string& pRoutingId, const OXValue& pHea
   const bool wantsCalls =
       wantsArea && pHeader.getSize() > 6 && pHeader[6].isBool() && pHeader[6].asBool();
   if (wantsCalls && area) {
-    fSessions.setArea(pRoutingId, area);
     reply.arrayPush(fCalls != nullptr
                         ? fCalls->expect(pRoutingId, pPeer, area)
                         : OXValue("calls over a Unix socket are not offered by this host"));
-    return reply;
   }
   fSessions.setArea(pRoutingId, std::move(area));
   return reply;
