@@ -56,16 +56,8 @@ OXBinary::OXBinary(const OXBinary& pOther) : fHeap() {
   }
 }
 
-OXBinary::OXBinary(OXBinary&& pOther) noexcept {
-  if (pOther.fArena != nullptr) {
-    new (&fHeap) std::vector<unsigned char>();
-    enterRoom(pOther.fArena, pOther.fRoom);
-    pOther.fArena = nullptr;  // the room is this one's now
-    new (&pOther.fHeap) std::vector<unsigned char>();
-  } else {
-    new (&fHeap) std::vector<unsigned char>(std::move(pOther.fHeap));
-    pOther.fHeap.clear();
-  }
+OXBinary::OXBinary(OXBinary&& pOther) noexcept : fHeap() {
+  *this = std::move(pOther);
 }
 
 OXBinary::~OXBinary() {
@@ -84,7 +76,7 @@ OXBinary& OXBinary::operator=(OXBinary&& pOther) noexcept {
   leaveRoom();
   if (pOther.fArena != nullptr) {
     enterRoom(pOther.fArena, pOther.fRoom);
-    pOther.fArena = nullptr;
+    pOther.fArena = nullptr;  // the room is this one's now
     new (&pOther.fHeap) std::vector<unsigned char>();
   } else {
     fHeap = std::move(pOther.fHeap);
@@ -127,10 +119,9 @@ bool OXBinary::intoRoom(OXBinaryArena* pArena, const void* pData, std::size_t pS
   return true;
 }
 
-OXBinary OXBinary::copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize,
-                            std::uint64_t pContent) {
+OXBinary OXBinary::copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize) {
   OXBinary binary;
-  if (intoRoom(pArena, pData, pSize, pContent, binary)) return binary;
+  if (intoRoom(pArena, pData, pSize, 0, binary)) return binary;
   const auto* first = static_cast<const unsigned char*>(pData);
   return OXBinary(first, first + pSize);
 }

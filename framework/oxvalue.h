@@ -58,15 +58,13 @@ class OXBinary {
   OXBinary& operator=(OXBinary&& pOther) noexcept;
   ~OXBinary();
 
-  // A copy of pSize bytes in a room of pArena when it has one, on the heap otherwise. pContent as
-  // for OXBinaryArena::reserve: a room that still holds those bytes is not written again.
-  static OXBinary copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize,
-                           std::uint64_t pContent = 0);
+  // A copy of pSize bytes in a room of pArena when it has one, on the heap otherwise.
+  static OXBinary copyInto(OXBinaryArena* pArena, const void* pData, std::size_t pSize);
   // A copy of pSize bytes that every copy of the binary shares, read-only: made once, handed to
   // any number of values (a frame that many replies carry).
   static OXBinary shared(const void* pData, std::size_t pSize);
   // A key no other call returns, naming bytes that may be copied again unchanged (see
-  // copyInto). Never 0.
+  // OXValue::replyBinary). Never 0.
   static std::uint64_t newContentKey();
 
   const unsigned char* data() const { return fArena ? fRoom.fData : fHeap.data(); }
